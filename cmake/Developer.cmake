@@ -1,0 +1,23 @@
+# What our own targets are compiled with and users' targets are not.
+
+find_program(VISION_CCACHE ccache)
+if(PROJECT_IS_TOP_LEVEL AND VISION_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${VISION_CCACHE})
+endif()
+
+add_library(vision_developer INTERFACE)
+target_compile_options(vision_developer INTERFACE
+  -Wall -Wextra -Wshadow -Wconversion -Wnon-virtual-dtor)
+if(VISION_WARNINGS_AS_ERRORS)
+  target_compile_options(vision_developer INTERFACE -Werror)
+endif()
+
+if(VISION_SANITIZE)
+  add_compile_options(-fsanitize=${VISION_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${VISION_SANITIZE})
+  # Asio's re-use of coroutine frames would hide a use after free.
+  add_compile_definitions(BOOST_ASIO_DISABLE_AWAITABLE_FRAME_RECYCLING)
+  if(VISION_SANITIZE MATCHES thread)
+    add_compile_options(-Wno-tsan)  # Asio's fences, which g++ cannot instrument
+  endif()
+endif()

@@ -1,0 +1,91 @@
+#pragma once
+
+#include <exception>
+#include <stdexcept>
+#include <string>
+
+#include "vision/text/errors.hpp"
+
+/// What a call of the Messages API can fail with. The message never holds the
+/// API key or the request body.
+namespace vision {
+
+/// The root of the family.
+class APIError : public std::runtime_error, public NamedError {
+ public:
+  using std::runtime_error::runtime_error;
+  const char* kind_name() const noexcept override { return "APIError"; }
+};
+
+/// No response: the endpoint was not reached, or the exchange broke off.
+class APIConnectionError : public APIError {
+ public:
+  using APIError::APIError;
+  const char* kind_name() const noexcept override { return "APIConnectionError"; }
+};
+
+/// The endpoint could not be reached, or fell silent, for too long.
+class APITimeoutError : public APIConnectionError {
+ public:
+  using APIConnectionError::APIConnectionError;
+  const char* kind_name() const noexcept override { return "APITimeoutError"; }
+};
+
+/// A response that arrived but is no Messages API response: not JSON, too large,
+/// nested too deep, not an object.
+class APIResponseValidationError : public APIError {
+ public:
+  using APIError::APIError;
+  const char* kind_name() const noexcept override { return "APIResponseValidationError"; }
+};
+
+/// A response whose HTTP status says that the call failed.
+class APIStatusError : public APIError {
+ public:
+  struct Details {
+    int status = 0;          ///< the HTTP status
+    std::string type;        ///< the vendor's error type, for example "overloaded_error"; may be empty
+    std::string request_id;  ///< the vendor's identifier of the request; may be empty
+  };
+
+  APIStatusError(const std::string& message, Details details) : APIError(message), details_(std::move(details)) {}
+  const char* kind_name() const noexcept override { return "APIStatusError"; }
+
+  int status() const noexcept { return details_.status; }
+  const std::string& type() const noexcept { return details_.type; }
+  const std::string& request_id() const noexcept { return details_.request_id; }
+
+ private:
+  Details details_;
+};
+
+// clang-format off
+#define VISION_STATUS_ERROR(name)                                             \
+  class name : public APIStatusError {                                        \
+   public:                                                                    \
+    using APIStatusError::APIStatusError;                                     \
+    const char* kind_name() const noexcept override { return #name; }         \
+  }
+// clang-format on
+
+VISION_STATUS_ERROR(BadRequestError);           ///< 400
+VISION_STATUS_ERROR(AuthenticationError);       ///< 401
+VISION_STATUS_ERROR(PermissionDeniedError);     ///< 403
+VISION_STATUS_ERROR(NotFoundError);             ///< 404
+VISION_STATUS_ERROR(ConflictError);             ///< 409
+VISION_STATUS_ERROR(RequestTooLargeError);      ///< 413
+VISION_STATUS_ERROR(UnprocessableEntityError);  ///< 422
+VISION_STATUS_ERROR(RateLimitError);            ///< 429
+VISION_STATUS_ERROR(InternalServerError);       ///< 500 and above
+
+#undef VISION_STATUS_ERROR
+
+/// Throws the error class of `details.status`; APIStatusError itself for a
+/// status without one.
+[[noreturn]] void throw_status_error(const std::string& message, APIStatusError::Details details);
+
+/// Whether an error is one that the ask call retries: APIConnectionError,
+/// RateLimitError, InternalServerError or a class derived from one of them.
+bool is_transport_error(const std::exception_ptr& error) noexcept;
+
+}  // namespace vision

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace vision {
+
+/// An immutable byte string that is shared, not copied: a screenshot is held
+/// once from the page to the socket and the fixture writer. Copies share the
+/// bytes and may be used from any thread.
+class Bytes {
+ public:
+  Bytes() = default;
+  /// Takes the buffer over.
+  explicit Bytes(std::string buffer) : buffer_(std::make_shared<const std::string>(std::move(buffer))) {}
+
+  const char* data() const noexcept { return view().data(); }
+  std::size_t size() const noexcept { return view().size(); }
+  bool empty() const noexcept { return size() == 0; }
+  std::string_view view() const noexcept { return buffer_ ? std::string_view(*buffer_) : std::string_view(); }
+
+  friend bool operator==(const Bytes& a, const Bytes& b) noexcept { return a.view() == b.view(); }
+
+ private:
+  std::shared_ptr<const std::string> buffer_;
+};
+
+}  // namespace vision

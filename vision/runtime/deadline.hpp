@@ -1,0 +1,101 @@
+#pragma once
+
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/deferred.hpp>
+#include <boost/asio/experimental/parallel_group.hpp>
+#include <boost/asio/this_coro.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <exception>
+#include <optional>
+#include <utility>
+#include <variant>
+
+#include "vision/runtime/time.hpp"
+
+/// How an operation ended, told apart once and in one order. This is the only
+/// place of the library with a broad catch around an await; it lets the
+/// caller's cancellation out and nothing else.
+namespace vision::runtime {
+
+/// A value, the error that ended the operation, or a time-out.
+template <class T>
+class Outcome {
+ public:
+  Outcome() = default;  // only so that Asio can hold one; never handed out
+  static Outcome of(T value) { return Outcome(State(std::in_place_index<1>, std::move(value))); }
+  static Outcome failed(std::exception_ptr error) { return Outcome(State(std::in_place_index<2>, std::move(error))); }
+  static Outcome expired() { return Outcome(State(std::in_place_index<3>)); }
+
+  bool has_value() const noexcept { return state_.index() == 1; }
+  bool timed_out() const noexcept { return state_.index() == 3; }
+  T& value() { return std::get<1>(state_); }
+  /// Null unless the operation failed.
+  std::exception_ptr error() const { return state_.index() == 2 ? std::get<2>(state_) : nullptr; }
+
+ private:
+  struct Expired {};
+  using State = std::variant<std::monostate, T, std::exception_ptr, Expired>;
+  explicit Outcome(State state) : state_(std::move(state)) {}
+  State state_;
+};
+
+/// The value type that stands for void.
+using Done = std::monostate;
+
+/// Throws operation_aborted when the calling coroutine has been cancelled.
+boost::asio::awaitable<void> pass_cancellation();
+
+namespace detail {
+
+boost::asio::awaitable<void> quiet_wait(Duration limit);
+
+template <class T>
+boost::asio::awaitable<Outcome<T>> guard(boost::asio::awaitable<T> operation) {
+  std::exception_ptr error;
+  try {
+    co_return Outcome<T>::of(co_await std::move(operation));
+  } catch (...) {
+    error = std::current_exception();
+  }
+  co_return Outcome<T>::failed(std::move(error));
+}
+
+}  // namespace detail
+
+/// Runs `operation` with no limit. In this order: throws operation_aborted when
+/// the caller was cancelled; else gives the value; else the operation's own
+/// error, of whatever type. An operation_aborted that the caller did not ask for
+/// is an ordinary error.
+template <class T>
+boost::asio::awaitable<Outcome<T>> settle(boost::asio::awaitable<T> operation) {
+  Outcome<T> outcome = co_await detail::guard(std::move(operation));
+  co_await pass_cancellation();
+  co_return outcome;
+}
+
+/// Runs `operation` for at most `limit`. In this order: throws operation_aborted
+/// when the caller was cancelled; else gives the value, even one that arrives in
+/// the turn in which the limit ends; else a time-out; else the operation's own
+/// error. When it returns the operation has ended: on a time-out or a
+/// cancellation it is sent terminal cancellation and waited for.
+template <class T>
+boost::asio::awaitable<Outcome<T>> with_deadline(boost::asio::awaitable<T> operation, Duration limit) {
+  namespace asio = boost::asio;
+  const auto executor = co_await asio::this_coro::executor;
+  auto legs = asio::experimental::make_parallel_group(
+      asio::co_spawn(executor, detail::guard(std::move(operation)), asio::deferred),
+      asio::co_spawn(executor, detail::quiet_wait(limit), asio::deferred));
+  auto [order, spawn_error, outcome, wait_error] =
+      co_await legs.async_wait(asio::experimental::wait_for_one(), asio::use_awaitable);
+  co_await pass_cancellation();
+  if (spawn_error) std::rethrow_exception(spawn_error);
+  if (outcome.has_value()) co_return std::move(outcome);
+  if (order[0] == 1) co_return Outcome<T>::expired();
+  co_return std::move(outcome);
+}
+
+/// Lets a void operation be settled or bounded like one that has a value.
+boost::asio::awaitable<Done> done(boost::asio::awaitable<void> operation);
+
+}  // namespace vision::runtime

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <boost/asio/awaitable.hpp>
+
+#include "vision/runtime/time.hpp"
+
+namespace vision::runtime {
+
+/// An event that happens once and that one coroutine waits for: the way in which
+/// callbacks of other libraries reach a coroutine. Lives on one executor; not
+/// thread-safe. Destroying it while somebody waits ends the wait with
+/// operation_aborted.
+class OneShot {
+ public:
+  explicit OneShot(const boost::asio::any_io_executor& executor);
+
+  void set();
+  bool is_set() const noexcept { return set_; }
+
+  /// Completes once `set` was called, also before. Terminal cancellation ends it
+  /// with operation_aborted.
+  boost::asio::awaitable<void> wait();
+
+ private:
+  IoTimer timer_;
+  bool set_ = false;
+};
+
+}  // namespace vision::runtime

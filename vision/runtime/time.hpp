@@ -1,0 +1,54 @@
+#pragma once
+
+#include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/execution_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <memory>
+
+/// The library's only source of time. It belongs to the execution context, so
+/// a test that installs a virtual one on its io_context lets a minute pass in
+/// microseconds, and no signature carries a clock.
+namespace vision::runtime {
+
+using Duration = std::chrono::nanoseconds;
+
+/// A clock pair and a way to wait. Used from the context's own threads only.
+class TimeSource {
+ public:
+  virtual ~TimeSource() = default;
+  /// Monotonic time since an arbitrary start: for deadlines.
+  virtual Duration steady_now() const = 0;
+  /// Time since the Unix epoch: for latencies and time stamps.
+  virtual Duration wall_now() const = 0;
+  /// Completes after `duration`; one that is not positive only lets other
+  /// handlers run. Terminal cancellation ends it with operation_aborted.
+  virtual boost::asio::awaitable<void> sleep(Duration duration) = 0;
+};
+
+/// Makes `source` the time of `context`. Call it before anything on the context
+/// uses time; a context without one uses the system's clocks.
+void install_time_source(boost::asio::execution_context& context, std::shared_ptr<TimeSource> source);
+
+/// The time source of an executor's context. Valid as long as the context.
+TimeSource& time_source(const boost::asio::any_io_executor& executor);
+
+/// Waits on the calling coroutine's time source.
+boost::asio::awaitable<void> sleep_for(Duration duration);
+
+/// Seconds since the Unix epoch on the calling coroutine's time source.
+boost::asio::awaitable<double> wall_seconds();
+
+/// Seconds as a duration a timer can take: NaN and negative values become zero,
+/// anything beyond a hundred years becomes a hundred years.
+Duration to_duration(double seconds) noexcept;
+
+/// Whole or fractional seconds of a duration.
+double to_seconds(Duration duration) noexcept;
+
+/// A timer on the system's steady clock, for drivers of code that keeps real
+/// time itself (the HTTP library) or that has no coroutine to wait in.
+using IoTimer = boost::asio::steady_timer;
+
+}  // namespace vision::runtime

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <boost/asio/awaitable.hpp>
+#include <functional>
+
+namespace vision::runtime {
+
+/// Runs blocking `job` on the library's worker thread, which the first call
+/// starts, and completes on the calling coroutine's executor with the job's
+/// error if it threw. Jobs run one after the other.
+///
+/// Cancellation (terminal) ends the wait at once; a job that was handed over
+/// still runs to its end, so it must own all that it uses. The same holds when
+/// the execution context is destroyed meanwhile. At process exit jobs that have
+/// not begun are dropped.
+boost::asio::awaitable<void> run_on_worker(std::function<void()> job);
+
+}  // namespace vision::runtime

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <exception>
+#include <string>
+
+/// What an error says of itself: one place for every reason, hint and record
+/// that names one.
+namespace vision {
+
+/// Mixed into error types that carry a stable kind name of their own. Errors
+/// without it are named after their class.
+class NamedError {
+ public:
+  virtual ~NamedError() = default;
+  /// The kind's name, for example "RateLimitError". Never null.
+  virtual const char* kind_name() const noexcept = 0;
+};
+
+namespace text {
+
+struct ErrorDescription {
+  std::string kind;     ///< unqualified type name, or the NamedError's own
+  std::string message;  ///< what() of a std::exception, a thrown text, else empty
+};
+
+/// Describes any exception, std::exception or not. The type name comes without
+/// namespaces and template arguments. `error` must not be null.
+ErrorDescription describe(const std::exception_ptr& error);
+
+/// "Kind: " and the first 200 code points of the message: the form in which
+/// errors enter records and the act loop's reasons.
+std::string exception_text(const std::exception_ptr& error);
+
+/// "Kind: " and the whole message.
+std::string full_exception_text(const std::exception_ptr& error);
+
+/// Strips namespaces, template arguments and the wrapper that Boost puts around
+/// thrown exceptions from a demangled type name. Exposed for its tests.
+std::string unqualified_type_name(std::string name);
+
+}  // namespace text
+}  // namespace vision
