@@ -117,4 +117,11 @@ std::string plain_text(const boost::json::value& value) {
   }
 }
 
+bool is_blank(const boost::json::value& value) noexcept {
+  if (const auto* text = value.if_string()) return text->empty();
+  if (const auto* list = value.if_array()) return list->empty();
+  if (const auto* map = value.if_object()) return map->empty();
+  return value.is_null();
+}
+
 }  // namespace vision::text

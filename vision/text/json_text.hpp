@@ -28,4 +28,8 @@ std::string to_json(const boost::json::object& object);
 /// a list or map as JSON text.
 std::string plain_text(const boost::json::value& value);
 
+/// Whether `value` is null, the empty text, an empty list or an empty map. Zero
+/// and false are not blank.
+bool is_blank(const boost::json::value& value) noexcept;
+
 }  // namespace vision::text

@@ -1,0 +1,117 @@
+#include <boost/asio/this_coro.hpp>
+
+#include "vision/client/api_error.hpp"
+#include "vision/client/response.hpp"
+#include "vision/client/vision_client.hpp"
+#include "vision/runtime/deadline.hpp"
+#include "vision/runtime/entry.hpp"
+#include "vision/settings/log.hpp"
+#include "vision/text/errors.hpp"
+#include "vision/text/utf8.hpp"
+
+namespace vision {
+namespace asio = boost::asio;
+
+/// What one call carries from its start to its result.
+struct VisionClient::Call {
+  Call(std::string model_name, ImgMeta meta, const FlowContext& context, runtime::TimeSource& time_source)
+      : model(std::move(model_name)), img_meta(meta), flow_context(context), time(time_source), t0(time.wall_now()) {}
+
+  double elapsed_ms() const { return runtime::to_seconds(time.wall_now() - t0) * 1000.0; }
+
+  std::string model;
+  ImgMeta img_meta;
+  const FlowContext& flow_context;
+  runtime::TimeSource& time;
+  runtime::Duration t0;
+  bool recorded = false;
+};
+
+namespace {
+
+// Coroutines, so that what the host's code throws before it suspends takes the
+// same way as what it throws later.
+asio::awaitable<boost::json::value> send(MessagesClient& client, const MessagesRequest& request) {
+  co_return co_await client.create(request);
+}
+
+asio::awaitable<void> run_hook(const OnAction& hook, const ActionResult& result, const FlowContext& flow_context) {
+  co_await hook(result, flow_context);
+}
+
+}  // namespace
+
+asio::awaitable<ActionResult> VisionClient::ask(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
+                                                AskOptions options) {
+  return runtime::entry(ask_body(std::move(image), img_meta, flow_context, std::move(options)));
+}
+
+asio::awaitable<ActionResult> VisionClient::ask_body(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
+                                                     AskOptions options) {
+  if (metrics.call_count >= _call_budget) throw BudgetExceeded(_call_budget);
+  std::string model = _pick_model(flow_context, options.high_stakes(), _default_model);
+  const std::string user_text = _build_user_message(flow_context, options.prompt(), img_meta);
+  const MessagesRequest request(model, prefix_of(model), std::move(image), user_text);
+  const auto executor = co_await asio::this_coro::executor;
+  Call call(std::move(model), img_meta, flow_context, runtime::time_source(executor));
+  const auto limit = runtime::to_duration(options.timeout_s().value());
+
+  const int attempts = options.transport_retry() ? 2 : 1;
+  for (int attempt = 0; attempt < attempts; ++attempt) {
+    auto response = co_await runtime::with_deadline(send(*_client, request), limit);
+    std::exception_ptr error = response.error();
+    if (response.has_value()) {
+      auto result = co_await runtime::settle(accept(response.value(), call));
+      if (result.has_value()) co_return std::move(result.value());
+      error = result.error();
+    }
+    const double latency_ms = call.elapsed_ms();
+    if (response.timed_out()) {
+      log::line(spdlog::level::warn, "vision: timeout after %.0fms (model=%s, workflow=%s)", latency_ms, call.model,
+                detail::context_text(flow_context, "workflow_name", "?"));
+      co_return _failure("vision timeout after " + options.timeout_s().text() + "s", call.model, latency_ms);
+    }
+    const std::string error_text = text::full_exception_text(error);
+    if (!is_transport_error(error)) {
+      log::error_with_stack("vision: unexpected error", error_text);
+      std::string reason = "unexpected error: " + error_text;
+      co_return call.recorded ? _failure_result(std::move(reason), call.model, latency_ms)
+                              : _failure(std::move(reason), call.model, latency_ms);
+    }
+    if (attempt + 1 == attempts) co_return _failure("transport error: " + error_text, call.model, latency_ms);
+    log::line(spdlog::level::info, "vision: transport error, retrying once: %s", text::describe(error).message);
+    co_await runtime::sleep_for(runtime::to_duration(TRANSPORT_RETRY_DELAY_S));
+  }
+  co_return _failure("unreachable retry branch exhausted", call.model, 0.0);
+}
+
+asio::awaitable<ActionResult> VisionClient::accept(const boost::json::value& response, Call& call) {
+  ActionResult result = _parse_response(response, call.model, call.elapsed_ms(), call.img_meta);
+  metrics.record(result);
+  call.recorded = true;
+  if (_on_action) {
+    const auto hook = co_await runtime::settle(runtime::done(run_hook(_on_action, result, call.flow_context)));
+    if (hook.error()) log::line(spdlog::level::warn, "on_action hook raised: %s", text::describe(hook.error()).message);
+  }
+  _log_call(result, call.flow_context);
+  co_return result;
+}
+
+ActionResult VisionClient::_failure(std::string reason, const std::string& model, double latency_ms) {
+  ActionResult result = _failure_result(std::move(reason), model, latency_ms);
+  metrics.record(result);
+  return result;
+}
+
+void VisionClient::_log_call(const ActionResult& result, const FlowContext& flow_context) const {
+  constexpr std::size_t reason_code_points = 80;
+  if (!log::enabled(spdlog::level::info)) return;
+  log::line(spdlog::level::info,
+            "vision: action=%s confidence=%.2f workflow=%s phase=%s model=%s latency_ms=%.0f tokens=%d/%d reason=%s",
+            result.action, result.confidence, detail::context_text(flow_context, "workflow_name", "?"),
+            detail::context_text(flow_context, "phase", "?"), result.model_used, result.latency_ms,
+            result.input_tokens, result.output_tokens,
+            std::string(text::first_code_points(result.reason, reason_code_points)));
+}
+
+}  // namespace vision

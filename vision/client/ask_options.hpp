@@ -1,0 +1,60 @@
+#pragma once
+
+#include <concepts>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "vision/settings/settings.hpp"
+
+namespace vision {
+
+/// A number of seconds that remembers whether it was given as an integer or as a
+/// real, because messages show it as it was given (8 or 20.0).
+class Seconds {
+ public:
+  template <std::integral T>
+  Seconds(T value) : value_(static_cast<double>(value)), is_integer_(true) {}
+  template <std::floating_point T>
+  Seconds(T value) : value_(static_cast<double>(value)), is_integer_(false) {}
+
+  double value() const noexcept { return value_; }
+  std::string text() const;
+
+ private:
+  double value_;
+  bool is_integer_;
+};
+
+/// The optional parameters of VisionClient::ask and VisionClient::act. Setters
+/// chain: `AskOptions().prompt("Open the dialog").timeout_s(8)`.
+class AskOptions {
+ public:
+  AskOptions() {}
+
+  /// Task text instead of the default task line. Absent and empty mean the default.
+  AskOptions& prompt(std::optional<std::string> value) { prompt_ = std::move(value); return *this; }
+  /// Forces the heavy model. Default false.
+  AskOptions& high_stakes(bool value = true) { high_stakes_ = value; return *this; }
+  /// Time-out of each attempt in seconds. Default DEFAULT_TIMEOUT_S, which also
+  /// stands in for a NaN or an infinity. At zero or below the attempt times out
+  /// as soon as it waits.
+  AskOptions& timeout_s(Seconds value);
+  /// Whether a transport error is tried once more. Default true; `act` always
+  /// retries.
+  AskOptions& transport_retry(bool value) { transport_retry_ = value; return *this; }
+
+  const std::optional<std::string>& prompt() const noexcept { return prompt_; }
+  bool high_stakes() const noexcept { return high_stakes_; }
+  const Seconds& timeout_s() const noexcept { return timeout_s_; }
+  bool transport_retry() const noexcept { return transport_retry_; }
+
+ private:
+  std::optional<std::string> prompt_;
+  bool high_stakes_ = false;
+  Seconds timeout_s_ = DEFAULT_TIMEOUT_S;
+  bool transport_retry_ = true;
+};
+
+}  // namespace vision

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "vision/records/action_result.hpp"
+
+namespace vision {
+
+/// Counts per text. A missing key reads as 0; iteration is in the order in which
+/// keys were first counted.
+class Counter {
+ public:
+  using Entry = std::pair<std::string, std::int64_t>;
+
+  void increment(std::string_view key);
+  std::int64_t operator[](std::string_view key) const;
+  std::vector<Entry>::const_iterator begin() const noexcept { return entries_.begin(); }
+  std::vector<Entry>::const_iterator end() const noexcept { return entries_.end(); }
+  std::size_t size() const noexcept { return entries_.size(); }
+  bool empty() const noexcept { return entries_.empty(); }
+  void clear() noexcept;
+
+ private:
+  std::vector<Entry> entries_;
+  std::unordered_map<std::string, std::size_t> places_;
+};
+
+/// The ledger of one VisionClient for one run of the pipeline. Its `call_count`
+/// is what the call budget is compared with; its fields are what a run report
+/// reads. Grows until `reset`. Not thread-safe: it belongs to the event loop that
+/// runs the client's calls.
+class VisionMetrics {
+ public:
+  std::int64_t call_count = 0;
+  std::int64_t total_input_tokens = 0;   ///< saturates at the ends of 64 bits
+  std::int64_t total_output_tokens = 0;  ///< saturates at the ends of 64 bits
+  std::vector<double> latencies_ms;      ///< of every call, in recording order
+  Counter failures_by_reason;            ///< declare_failure results, by the first 80 code points of their reason
+  Counter by_model;                      ///< calls by the model that answered
+
+  /// Counts one finished call.
+  void record(const ActionResult& result);
+
+  /// The recorded latency one place below the truncated 95 % position of the
+  /// sorted latencies; 0.0 without calls.
+  double p95() const;
+
+  /// US dollars: each model's calls at the run's average tokens per call and the
+  /// model's price (light 3 / 15, any other 5 / 25 per million tokens in / out).
+  double estimated_cost_usd() const;
+
+  /// Back to an empty ledger, the containers emptied in place.
+  void reset() noexcept;
+};
+
+}  // namespace vision

@@ -1,0 +1,136 @@
+#pragma once
+
+#include <boost/asio/awaitable.hpp>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "vision/client/ask_options.hpp"
+#include "vision/client/messages_client.hpp"
+#include "vision/client/metrics.hpp"
+#include "vision/client/prompt.hpp"
+#include "vision/records/action_result.hpp"
+#include "vision/records/bytes.hpp"
+#include "vision/records/errors.hpp"
+#include "vision/records/img_meta.hpp"
+
+namespace vision {
+
+class BrowserPage;
+
+/// Run after each parsed result, with the flow_context that `ask` received. What
+/// it throws is logged and dropped.
+using OnAction = std::function<boost::asio::awaitable<void>(const ActionResult&, const FlowContext&)>;
+
+/// The optional parameters of VisionClient's constructors.
+class VisionClientOptions {
+ public:
+  VisionClientOptions() {}
+
+  /// The vendor API key. Absent and empty: the host registry's resolve_api_key,
+  /// then ANTHROPIC_API_KEY.
+  VisionClientOptions& api_key(std::string value) { api_key_ = std::move(value); return *this; }
+  /// Model for calls that nothing sends to the heavy one. Default MODEL_SONNET().
+  VisionClientOptions& default_model(std::string value) { default_model_ = std::move(value); return *this; }
+  /// Calls allowed until the metrics are reset. Default DEFAULT_CALL_BUDGET.
+  VisionClientOptions& call_budget(std::int64_t value) { call_budget_ = value; return *this; }
+  VisionClientOptions& on_action(OnAction value) { on_action_ = std::move(value); return *this; }
+
+  const std::string& api_key() const noexcept { return api_key_; }
+  const std::optional<std::string>& default_model() const noexcept { return default_model_; }
+  std::int64_t call_budget() const noexcept { return call_budget_; }
+  const OnAction& on_action() const noexcept { return on_action_; }
+
+ private:
+  std::string api_key_;
+  std::optional<std::string> default_model_;
+  std::int64_t call_budget_ = DEFAULT_CALL_BUDGET;
+  OnAction on_action_;
+};
+
+/// Asks the hosted model about a screenshot. Holds the Messages API client, the
+/// run's metrics and the model routing; the state of a workflow travels in the
+/// caller's flow_context.
+///
+/// Not thread-safe: one client belongs to one event loop. Any number of its
+/// operations may run at once there. The client, and what is passed by reference,
+/// must outlive the operation. Cancellation of the caller, of any kind that its
+/// coroutine lets through, ends an operation at once with operation_aborted.
+class VisionClient {
+ public:
+  /// Talks to the vendor over HTTPS with default settings. Throws
+  /// std::runtime_error when no API key is found or no model registry has been
+  /// supplied, std::invalid_argument when the key or ANTHROPIC_BASE_URL is
+  /// malformed.
+  explicit VisionClient(VisionClientOptions options = VisionClientOptions());
+
+  /// Talks through `client` (not null), which holds its own credentials; the
+  /// options' API key is not used. Throws std::runtime_error when no model
+  /// registry has been supplied.
+  explicit VisionClient(std::shared_ptr<MessagesClient> client, VisionClientOptions options = VisionClientOptions());
+
+  /// The run's ledger: every call that passed the budget gate and reached a
+  /// result, once. The pipeline reads and resets it.
+  VisionMetrics metrics;
+
+  /// One vision call: sends the screenshot and the context, gives the model's
+  /// answer as a typed result. A time-out, a transport error (after one retry) or
+  /// any other error of the call comes back as a declare_failure result with the
+  /// cause in `reason`.
+  ///
+  /// Throws BudgetExceeded when `metrics` already counts the call budget, and
+  /// ConversionError when "attempts" in `flow_context` is no integer; nothing is
+  /// sent or recorded then. A cancelled call is not recorded.
+  boost::asio::awaitable<ActionResult> ask(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
+                                           AskOptions options = AskOptions());
+
+  /// Captures the page as PNG with the metadata that turns ratios back into CSS
+  /// pixels. With `full_page` the image covers the whole page, the metadata still
+  /// the viewport. A device pixel ratio that cannot be read becomes 1.0, a missing
+  /// viewport size 1280 x 800.
+  ///
+  /// Passes the page's error when it cannot take the screenshot; throws
+  /// std::out_of_range for a viewport size without width or height, and
+  /// ConversionError for one that is no number.
+  boost::asio::awaitable<std::pair<Bytes, ImgMeta>> screenshot(BrowserPage& page, bool full_page = false);
+
+  /// Takes a screenshot and asks about it, with the transport retry on. The
+  /// on_action hook sees a copy of `flow_context` that has a "viewport" entry (w,
+  /// h, dpr) unless the caller gave one. Errors as of `screenshot` and `ask`.
+  boost::asio::awaitable<ActionResult> act(BrowserPage& page, const FlowContext& flow_context,
+                                           AskOptions options = AskOptions());
+
+ private:
+  struct Call;
+
+  ActionResult _failure(std::string reason, const std::string& model, double latency_ms);
+  void _log_call(const ActionResult& result, const FlowContext& flow_context) const;
+
+  boost::asio::awaitable<ActionResult> accept(const boost::json::value& response, Call& call);
+  boost::asio::awaitable<ActionResult> ask_body(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
+                                                AskOptions options);
+  boost::asio::awaitable<std::pair<Bytes, ImgMeta>> screenshot_body(BrowserPage& page, bool full_page);
+  boost::asio::awaitable<ActionResult> act_body(BrowserPage& page, const FlowContext& flow_context, AskOptions options);
+  std::shared_ptr<const std::string> prefix_of(const std::string& model);
+
+  std::shared_ptr<MessagesClient> _client;
+  std::string _default_model;
+  std::int64_t _call_budget;
+  OnAction _on_action;
+  std::map<std::string, std::shared_ptr<const std::string>> prefixes_;  // per model: the default and the heavy one
+};
+
+/// The process-wide client, built with all defaults by the first call that
+/// succeeds; lives until the process ends. Throws what the constructor throws.
+/// Call it from the event loop's thread only.
+VisionClient& default_client();
+
+/// Resets the process-wide client's metrics; does nothing when none was built.
+/// The pipeline calls it between two runs, so that the call budget is per run.
+void reset_default_metrics();
+
+}  // namespace vision

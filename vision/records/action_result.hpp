@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "vision/records/action_verb.hpp"
+
+namespace vision {
+
+/// What a vision call ends in: one action for the page, or one verdict for the
+/// caller. A value: operations take and give it whole, and change it by copy.
+///
+/// An optional field that is absent differs from zero and from the empty text.
+/// Only results parsed from a model's answer have their ratios clamped to 0..1.
+struct ActionResult {
+  ActionResult(std::string verb, std::string justification, double certainty, std::string expected_state)
+      : action(std::move(verb)),
+        reason(std::move(justification)),
+        confidence(certainty),
+        next_expected_state(std::move(expected_state)) {}
+
+  std::string action;               ///< an ActionVerb, or whatever the model sent instead
+  std::string reason;               ///< short justification; for declare_success the answer read from the screen
+  double confidence;                ///< the model's own assessment, 0 to 1; not clamped
+  std::string next_expected_state;  ///< the screen after the action, as the model expects it
+
+  std::optional<double> x_ratio;            ///< click position as a fraction of the viewport width
+  std::optional<double> y_ratio;            ///< click position as a fraction of the viewport height
+  std::optional<std::string> text;          ///< text to type
+  std::optional<std::string> key;           ///< key or chord to press, "Control+a"
+  std::optional<double> scroll_dy_ratio;    ///< signed scroll distance in viewport heights; positive is down
+  std::optional<std::int64_t> duration_ms;  ///< wait in milliseconds
+
+  bool low_confidence = false;     ///< a parsed result with confidence below LOW_CONFIDENCE_THRESHOLD
+  std::string model_used;          ///< the model that answered
+  double latency_ms = 0.0;         ///< wall time of the call in milliseconds
+  std::int64_t input_tokens = 0;   ///< as reported by the vendor
+  std::int64_t output_tokens = 0;  ///< as reported by the vendor
+
+  friend bool operator==(const ActionResult&, const ActionResult&) = default;
+};
+
+}  // namespace vision

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+#include "vision/text/errors.hpp"
+
+namespace vision {
+
+/// The client's call budget for this run is spent: stop using vision until the
+/// metrics are reset, and hand over to the computer-use agent.
+class BudgetExceeded : public std::runtime_error, public NamedError {
+ public:
+  explicit BudgetExceeded(std::int64_t budget)
+      : std::runtime_error("Vision call budget " + std::to_string(budget) + " exceeded — escalate to CUA") {}
+  const char* kind_name() const noexcept override { return "BudgetExceeded"; }
+};
+
+/// A loosely typed value that cannot become what its place needs.
+class ConversionError : public std::runtime_error, public NamedError {
+ public:
+  using std::runtime_error::runtime_error;
+  const char* kind_name() const noexcept override { return "ConversionError"; }
+};
+
+/// A model's answer that lacks what every answer has.
+class InvalidResponse : public std::runtime_error, public NamedError {
+ public:
+  using std::runtime_error::runtime_error;
+  const char* kind_name() const noexcept override { return "InvalidResponse"; }
+};
+
+}  // namespace vision

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+
+namespace vision {
+
+/// What is known of a screenshot besides its pixels. Ratios in an ActionResult
+/// are fractions of `width_css` and `height_css`. A value.
+struct ImgMeta {
+  ImgMeta(std::int64_t width, std::int64_t height, double pixel_ratio, double seconds)
+      : width_css(width), height_css(height), dpr(pixel_ratio), captured_at(seconds) {}
+
+  std::int64_t width_css;   ///< viewport width in CSS pixels
+  std::int64_t height_css;  ///< viewport height in CSS pixels
+  double dpr;               ///< device pixel ratio
+  double captured_at;       ///< seconds since the Unix epoch
+
+  friend bool operator==(const ImgMeta&, const ImgMeta&) = default;
+};
+
+}  // namespace vision

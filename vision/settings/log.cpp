@@ -1,0 +1,53 @@
+#include "vision/settings/log.hpp"
+
+#include <boost/stacktrace.hpp>
+
+namespace vision::log {
+
+std::shared_ptr<spdlog::logger> logger() {
+  if (auto registered = spdlog::get("vision")) return registered;
+  const auto parent = spdlog::default_logger();
+  if (!parent) return nullptr;
+  try {
+    auto channel = parent->clone("vision");
+    spdlog::register_logger(channel);
+    return channel;
+  } catch (const spdlog::spdlog_ex&) {
+    return spdlog::get("vision");  // another thread was first
+  }
+}
+
+bool enabled(spdlog::level::level_enum level) noexcept {
+  try {
+    const auto channel = logger();
+    return channel && channel->should_log(level);
+  } catch (...) {
+    return false;
+  }
+}
+
+void write(spdlog::logger& logger, spdlog::level::level_enum level, std::string_view message) noexcept {
+  try {
+    logger.log(level, spdlog::string_view_t(message.data(), message.size()));
+  } catch (...) {
+    return;  // spdlog lets some errors of a sink through
+  }
+}
+
+void error_with_stack(std::string_view message, const std::string& details) noexcept {
+  try {
+    const auto channel = logger();
+    if (!channel || !channel->should_log(spdlog::level::err)) return;
+    std::string lines(message);
+    lines += "\n    " + text::one_line(details);
+    constexpr std::size_t own_frames = 1, max_frames = 24;
+    for (const auto& frame : boost::stacktrace::stacktrace(own_frames, max_frames)) {
+      lines += "\n    at " + text::one_line(boost::stacktrace::to_string(frame));
+    }
+    write(*channel, spdlog::level::err, lines);
+  } catch (...) {
+    return;
+  }
+}
+
+}  // namespace vision::log

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+/// The library's tunables, fixed for the life of the process, and the tier
+/// switch, read at every call.
+namespace vision {
+
+namespace detail {
+
+/// Reads a time-out in seconds as KX_VISION_TIMEOUT_S gives it: the default of
+/// 20.0 for null, an empty or unreadable text, and for a value that is not
+/// positive or not finite.
+double timeout_from_text(const char* text) noexcept;
+
+/// KX_VISION_TIMEOUT_S as it stood when it was first asked for.
+double default_timeout_s() noexcept;
+
+/// Prices in US dollars per million tokens, light model first. One entry, at
+/// the heavy price, when both have the same identifier.
+using PriceMap = std::vector<std::pair<std::string, double>>;
+PriceMap make_price_map(const std::string& light, double light_price, const std::string& heavy, double heavy_price);
+const PriceMap& COST_PER_MTOK_INPUT();
+const PriceMap& COST_PER_MTOK_OUTPUT();
+
+}  // namespace detail
+
+/// Identifiers of the light and the heavy model, copied from the host's model
+/// registry on first use. Throw std::runtime_error while no registry has been
+/// supplied or it names no model; a later call tries again.
+const std::string& MODEL_SONNET();
+const std::string& MODEL_OPUS();
+
+/// Time-out of one model call in seconds: 20.0, or KX_VISION_TIMEOUT_S as it
+/// stood when the process loaded the library. Always positive and finite.
+inline const double DEFAULT_TIMEOUT_S = detail::default_timeout_s();
+
+/// Pause in seconds before the one retry after a transport error.
+inline constexpr double TRANSPORT_RETRY_DELAY_S = 1.5;
+/// A parsed result below this confidence is marked low_confidence.
+inline constexpr double LOW_CONFIDENCE_THRESHOLD = 0.6;
+/// Calls allowed per run of the pipeline when the client is built without a budget.
+inline constexpr std::int64_t DEFAULT_CALL_BUDGET = 50;
+/// Step cap of the act loop when the caller gives none.
+inline constexpr std::int64_t ACT_MAX_STEPS_DEFAULT = 8;
+/// Seconds the act loop lets the page settle after a click, type or key action;
+/// half of it after a scroll.
+inline constexpr double ACT_STEP_SETTLE_S = 1.0;
+/// Upper bound in milliseconds on a wait that the act loop executes.
+inline constexpr std::int64_t ACT_MAX_WAIT_MS = 10000;
+/// So many identical proposals in a row make the act loop hand over.
+inline constexpr int ACT_REPEAT_LIMIT = 3;
+
+/// The mode in which the pipeline is to use vision, from KX_VISION_TIER as it
+/// stands now: "off" (also when unset or unknown), "shadow", "tier2" or "tier3".
+/// Blanks and letter case do not matter; "act" means "tier2". Never fails.
+std::string_view is_vision_enabled() noexcept;
+
+}  // namespace vision

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <boost/asio/awaitable.hpp>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "vision/client/vision_client.hpp"
+#include "vision/page/browser_page.hpp"
+
+namespace vision {
+
+/// The parameters of act_loop: the two required ones in the constructor, the
+/// others by chained setters.
+class ActLoopOptions {
+ public:
+  ActLoopOptions(FlowContext flow_context, std::string hotspot_id)
+      : flow_context_(std::move(flow_context)), hotspot_id_(std::move(hotspot_id)) {}
+
+  /// The mission brief, as written for a computer-use agent. Without it the model
+  /// sees the default task line of the workflow context.
+  ActLoopOptions& mission_prompt(std::string value) { mission_prompt_ = std::move(value); return *this; }
+  /// The client; it must outlive the call. Default: default_client().
+  ActLoopOptions& vision(VisionClient& value) { vision_ = &value; return *this; }
+  /// The pipeline run, for records and fixture names.
+  ActLoopOptions& run_id(std::string value) { run_id_ = std::move(value); return *this; }
+  /// Forces the heavy model in every step. Default false.
+  ActLoopOptions& high_stakes(bool value = true) { high_stakes_ = value; return *this; }
+  /// The step cap. Default ACT_MAX_STEPS_DEFAULT; below 1 no step is taken.
+  ActLoopOptions& max_steps(std::int64_t value) { max_steps_ = value; return *this; }
+  /// Asked before every step, on the event loop's thread; true ends the mission
+  /// there. What it throws counts as false.
+  ActLoopOptions& should_abort(std::function<bool()> value) { should_abort_ = std::move(value); return *this; }
+  /// Never touch the page: any proposed page action ends the mission. Default false.
+  ActLoopOptions& read_only(bool value = true) { read_only_ = value; return *this; }
+
+  const FlowContext& flow_context() const noexcept { return flow_context_; }
+  const std::string& hotspot_id() const noexcept { return hotspot_id_; }
+  const std::optional<std::string>& mission_prompt() const noexcept { return mission_prompt_; }
+  VisionClient* vision() const noexcept { return vision_; }
+  const std::optional<std::string>& run_id() const noexcept { return run_id_; }
+  bool high_stakes() const noexcept { return high_stakes_; }
+  std::int64_t max_steps() const noexcept { return max_steps_; }
+  const std::function<bool()>& should_abort() const noexcept { return should_abort_; }
+  bool read_only() const noexcept { return read_only_; }
+
+ private:
+  FlowContext flow_context_;
+  std::string hotspot_id_;
+  std::optional<std::string> mission_prompt_;
+  VisionClient* vision_ = nullptr;
+  std::optional<std::string> run_id_;
+  bool high_stakes_ = false;
+  std::int64_t max_steps_ = ACT_MAX_STEPS_DEFAULT;
+  std::function<bool()> should_abort_;
+  bool read_only_ = false;
+};
+
+/// Drives `page` toward the mission's goal, one model-proposed action at a time,
+/// and gives the terminal result: the model's declare_success (the answer is in
+/// `reason`), declare_failure or escalate_to_cua, or an escalate_to_cua of the
+/// loop's own (`model_used` "act_loop") when a rail ends the mission: the step
+/// cap, `should_abort`, three identical proposals in a row, a low-confidence
+/// proposal or success claim, a page action in read-only mode, a step that fails
+/// or takes longer than DEFAULT_TIMEOUT_S x 2 + 12 seconds, an exhausted call
+/// budget, an action that the page refuses. On anything but declare_success the
+/// caller runs its computer-use agent.
+///
+/// Appends one record per answered step and one final record to the shadow log.
+///
+/// Throws only what default_client() throws, when no client is given. `page` must
+/// outlive the operation. Cancellation, of any kind that the caller's coroutine
+/// lets through, ends it with operation_aborted: there is no final record then.
+boost::asio::awaitable<ActionResult> act_loop(BrowserPage& page, ActLoopOptions options);
+
+}  // namespace vision

@@ -1,0 +1,125 @@
+#include "vision/wirein/file.hpp"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+
+namespace vision::detail {
+namespace {
+
+[[noreturn]] void fail(int error, const std::string& path) {
+  throw std::system_error(error, std::generic_category(), path);
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) noexcept : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const noexcept { return fd_; }
+
+ private:
+  int fd_;
+};
+
+// A log that may only be written can still be appended to, but not checked for a
+// cut last line. Without O_NONBLOCK a FIFO would wait for its reader.
+int open_for_append(const std::string& path) {
+  constexpr int flags = O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  constexpr mode_t mode = 0600;
+  const int fd = ::open(path.c_str(), O_RDWR | flags, mode);
+  return fd < 0 && errno == EACCES ? ::open(path.c_str(), O_WRONLY | flags, mode) : fd;
+}
+
+// Gives how much went out in one write, or -1 with errno. A write beyond the
+// file-size limit raises SIGXFSZ, whose default ends the process: held back in
+// this thread it leaves the error EFBIG, and is then taken from the queue.
+ssize_t write_once(int fd, std::string_view data) {
+  sigset_t file_size_signal, pending, previous;
+  ::sigemptyset(&file_size_signal);
+  ::sigaddset(&file_size_signal, SIGXFSZ);
+  ::sigpending(&pending);
+  ::pthread_sigmask(SIG_BLOCK, &file_size_signal, &previous);
+  ssize_t written = -1;
+  do {
+    written = ::write(fd, data.data(), data.size());
+  } while (written < 0 && errno == EINTR);
+  const int error = errno;
+  if (written < 0 && error == EFBIG && ::sigismember(&pending, SIGXFSZ) == 0) {
+    const timespec no_wait{0, 0};
+    ::sigtimedwait(&file_size_signal, nullptr, &no_wait);
+  }
+  ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  errno = error;
+  return written;
+}
+
+bool ends_inside_a_line(int fd, off_t size) {
+  char last = '\n';
+  return size > 0 && ::pread(fd, &last, 1, size - 1) == 1 && last != '\n';
+}
+
+// An existing directory is no error.
+void create_directories(const std::string& path) {
+  std::string done;
+  for (const auto& part : std::filesystem::path(path)) {
+    done = done.empty() ? part.string() : (std::filesystem::path(done) / part).string();
+    if (::mkdir(done.c_str(), 0700) != 0 && errno != EEXIST && !std::filesystem::is_directory(done)) fail(errno, done);
+  }
+  if (!std::filesystem::is_directory(path)) fail(ENOTDIR, path);
+}
+
+}  // namespace
+
+void append_line(const std::string& path, std::string line) {
+  int opened = open_for_append(path);
+  if (opened < 0 && errno == ENOENT) {
+    const auto directory = std::filesystem::path(path).parent_path();
+    if (!directory.empty()) create_directories(directory.string());
+    opened = open_for_append(path);
+  }
+  const Descriptor file(opened);
+  const int fd = file.get();
+  if (fd < 0) fail(errno, path);
+  struct stat info {};
+  if (::fstat(fd, &info) != 0) fail(errno, path);
+  if (!S_ISREG(info.st_mode) && !S_ISCHR(info.st_mode)) fail(EINVAL, path + " is no regular file");
+  if (S_ISREG(info.st_mode) && ends_inside_a_line(fd, info.st_size)) line.insert(line.begin(), '\n');
+  const ssize_t written = write_once(fd, line);
+  if (written < 0) fail(errno, path);
+  if (static_cast<std::size_t>(written) != line.size()) fail(ENOSPC, path + " took only part of a record");
+}
+
+void write_file(const std::string& directory, const std::string& name, std::string_view content) {
+  static std::atomic<unsigned> serial{0};
+  create_directories(directory);
+  const std::string final_path = directory + "/" + name;
+  const std::string partial = directory + "/." + std::to_string(::getpid()) + "-" + std::to_string(++serial) + ".part";
+  int error = 0;
+  {
+    const Descriptor file(::open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (file.get() < 0) fail(errno, partial);
+    while (!content.empty() && error == 0) {
+      const ssize_t written = write_once(file.get(), content);
+      if (written < 0) error = errno;
+      if (written >= 0) content.remove_prefix(static_cast<std::size_t>(written));
+    }
+  }
+  if (error == 0 && ::rename(partial.c_str(), final_path.c_str()) != 0) error = errno;
+  if (error != 0) {
+    ::unlink(partial.c_str());
+    fail(error, final_path);
+  }
+}
+
+}  // namespace vision::detail

@@ -1,0 +1,25 @@
+#include "vision/wirein/shadow_log.hpp"
+
+#include <cstdlib>
+
+#include "vision/settings/log.hpp"
+#include "vision/text/errors.hpp"
+#include "vision/text/json_text.hpp"
+#include "vision/wirein/file.hpp"
+
+namespace vision {
+
+std::string _shadow_log_path() {
+  const char* path = std::getenv("KX_VISION_SHADOW_LOG");
+  return path && *path ? path : "logs/vision_shadow.jsonl";
+}
+
+void _append_shadow_record(const boost::json::object& rec) noexcept {
+  try {
+    detail::append_line(_shadow_log_path(), text::to_json(rec) + "\n");
+  } catch (...) {
+    log::line(spdlog::level::debug, "shadow log append failed: %s", text::describe(std::current_exception()).message);
+  }
+}
+
+}  // namespace vision
