@@ -47,7 +47,7 @@ asio::awaitable<ActionResult> VisionClient::ask(Bytes image, ImgMeta img_meta, c
 }
 
 asio::awaitable<ActionResult> VisionClient::ask_body(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
-                                                     AskOptions options) {
+                                                     const AskOptions options) {
   if (metrics.call_count >= _call_budget) throw BudgetExceeded(_call_budget);
   std::string model = _pick_model(flow_context, options.high_stakes(), _default_model);
   const std::string user_text = _build_user_message(flow_context, options.prompt(), img_meta);

@@ -37,6 +37,11 @@ class Waiters {
     table_.erase(id);
   }
 
+  std::size_t size() {
+    const std::lock_guard lock(mutex_);
+    return table_.size();
+  }
+
   void close() {
     const std::lock_guard lock(mutex_);
     table_.clear();
@@ -117,6 +122,10 @@ asio::awaitable<void> run_on_worker(std::function<void()> job) {
   });
   co_await finished.wait();
   if (error) std::rethrow_exception(error);
+}
+
+std::size_t jobs_in_flight(asio::execution_context& context) {
+  return asio::use_service<WaiterService>(context).waiters->size();
 }
 
 }  // namespace vision::runtime

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
+#include <boost/asio/execution_context.hpp>
+#include <cstddef>
 #include <functional>
 
 namespace vision::runtime {
@@ -14,5 +16,9 @@ namespace vision::runtime {
 /// the execution context is destroyed meanwhile. At process exit jobs that have
 /// not begun are dropped.
 boost::asio::awaitable<void> run_on_worker(std::function<void()> job);
+
+/// How many jobs the coroutines of `context` wait for: a virtual time source must
+/// not let time pass meanwhile.
+std::size_t jobs_in_flight(boost::asio::execution_context& context);
 
 }  // namespace vision::runtime

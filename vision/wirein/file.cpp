@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -64,9 +65,19 @@ ssize_t write_once(int fd, std::string_view data) {
   return written;
 }
 
-bool ends_inside_a_line(int fd, off_t size) {
-  char last = '\n';
-  return size > 0 && ::pread(fd, &last, 1, size - 1) == 1 && last != '\n';
+// Whether the file ends with a line that a killed or failing writer left cut
+// short. A file that grows meanwhile has a living writer in the middle of its
+// record: the kernel lets ours follow it.
+bool has_torn_tail(int fd, off_t size) {
+  constexpr int looks = 4;
+  for (int look = 0; look < looks; ++look) {
+    char last = '\n';
+    if (size == 0 || ::pread(fd, &last, 1, size - 1) != 1 || last == '\n') return false;
+    ::sched_yield();
+    struct stat now {};
+    if (::fstat(fd, &now) != 0 || now.st_size != size) return false;
+  }
+  return true;
 }
 
 // An existing directory is no error.
@@ -94,7 +105,7 @@ void append_line(const std::string& path, std::string line) {
   struct stat info {};
   if (::fstat(fd, &info) != 0) fail(errno, path);
   if (!S_ISREG(info.st_mode) && !S_ISCHR(info.st_mode)) fail(EINVAL, path + " is no regular file");
-  if (S_ISREG(info.st_mode) && ends_inside_a_line(fd, info.st_size)) line.insert(line.begin(), '\n');
+  if (S_ISREG(info.st_mode) && has_torn_tail(fd, info.st_size)) line.insert(line.begin(), '\n');
   const ssize_t written = write_once(fd, line);
   if (written < 0) fail(errno, path);
   if (static_cast<std::size_t>(written) != line.size()) fail(ENOSPC, path + " took only part of a record");

@@ -1,0 +1,134 @@
+#pragma once
+
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/associated_cancellation_slot.hpp>
+#include <boost/asio/bind_cancellation_slot.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+
+#include "vision/runtime/time.hpp"
+#include "vision/runtime/worker.hpp"
+
+namespace vision::test {
+
+namespace asio = boost::asio;
+using runtime::Duration;
+
+/// Time that passes only when nothing else can happen.
+class VirtualTime : public runtime::TimeSource {
+ public:
+  explicit VirtualTime(asio::io_context& io) : io_(io) {}
+
+  Duration steady_now() const override { return now_; }
+  Duration wall_now() const override { return wall_start + now_; }
+
+  asio::awaitable<void> sleep(Duration duration) override {
+    co_await asio::async_initiate<decltype(asio::use_awaitable), void(boost::system::error_code)>(
+        [this](auto handler, Duration d) { start(std::move(handler), d); }, asio::use_awaitable, duration);
+  }
+
+  /// Jumps to the earliest timer and lets it fire; false when there is none.
+  bool advance() {
+    if (timers_.empty()) return false;
+    const Key next = timers_.begin()->first;
+    now_ = std::max(now_, next.first);
+    finish(next, {});
+    return true;
+  }
+
+  std::size_t pending() const { return timers_.size(); }
+
+  static constexpr Duration wall_start = std::chrono::seconds(1763319900);  // 2025-11-16T19:05:00Z
+
+ private:
+  using Complete = std::function<void(boost::system::error_code)>;
+  using Key = std::pair<Duration, std::uint64_t>;  // when, and in which order set
+
+  template <class Handler>
+  void start(Handler handler, Duration d) {
+    auto slot = asio::get_associated_cancellation_slot(handler);
+    auto shared = std::make_shared<Handler>(std::move(handler));
+    const Key key(now_ + std::max(d, Duration::zero()), ++last_id_);
+    timers_.emplace(key, [this, shared](auto error) {
+      asio::post(io_, [shared, error] {
+        Handler moved = std::move(*shared);
+        std::move(moved)(error);
+      });
+    });
+    if (slot.is_connected()) slot.assign([this, key](auto) { finish(key, asio::error::operation_aborted); });
+  }
+
+  // A timer that has fired is gone when a late cancellation looks for it.
+  void finish(Key key, boost::system::error_code error) {
+    const auto timer = timers_.find(key);
+    if (timer == timers_.end()) return;
+    const Complete complete = std::move(timer->second);
+    timers_.erase(timer);
+    complete(error);
+  }
+
+  asio::io_context& io_;
+  Duration now_{0};
+  std::map<Key, Complete> timers_;
+  std::uint64_t last_id_ = 0;
+};
+
+/// One event loop on virtual time.
+class World {
+ public:
+  World() : time(std::make_shared<VirtualTime>(io)) { runtime::install_time_source(io, time); }
+
+  asio::io_context io;
+  std::shared_ptr<VirtualTime> time;
+  asio::cancellation_signal cancel;
+
+  /// Runs `operation` to its end and gives its value or throws its error.
+  template <class T>
+  T run(asio::awaitable<T> operation) {
+    std::optional<T> value;
+    std::exception_ptr error;
+    bool ended = false;
+    asio::co_spawn(io, keep(std::move(operation), value),
+                   asio::bind_cancellation_slot(cancel.slot(), [&](std::exception_ptr e) {
+                     error = e;
+                     ended = true;
+                   }));
+    loop(ended);
+    if (error) std::rethrow_exception(error);
+    return std::move(*value);
+  }
+
+  void run(asio::awaitable<void> operation) { run(with_value(std::move(operation))); }
+
+  double seconds() const { return runtime::to_seconds(time->steady_now()); }
+
+ private:
+  template <class T>
+  static asio::awaitable<void> keep(asio::awaitable<T> operation, std::optional<T>& value) {
+    value.emplace(co_await std::move(operation));
+  }
+
+  static asio::awaitable<bool> with_value(asio::awaitable<void> operation) {
+    co_await std::move(operation);
+    co_return true;
+  }
+
+  void loop(const bool& ended) {
+    while (!ended) {
+      io.restart();
+      if (io.poll() > 0) continue;
+      if (runtime::jobs_in_flight(io) == 0 && time->advance()) continue;
+      io.restart();
+      if (io.run_one() == 0) throw std::logic_error("the operation waits for something that never comes");
+    }
+  }
+};
+
+}  // namespace vision::test
