@@ -72,8 +72,9 @@ TEST_F(Ask, ABrokenHookOrLogChangesNothing) {
     if (n == 2) throw 42;
   });
   for (int i = 0; i < 2; ++i) EXPECT_EQ(ask().action, "click");
-  EXPECT_THAT(log.lines(), ElementsAre("warning: on_action hook raised: hook\\nbroke", StartsWith("info: vision: action"),
-                                       "warning: on_action hook raised: ", StartsWith("info: vision: action")));
+  EXPECT_THAT(log.lines(),
+              ElementsAre("warning: on_action hook raised: hook\\nbroke", StartsWith("info: vision: action"),
+                          "warning: on_action hook raised: ", StartsWith("info: vision: action")));
   log.fail();
   EXPECT_EQ(ask().action, "click");
   EXPECT_EQ(ledger(), "3 4500/600 3 0 3");
@@ -120,14 +121,18 @@ TEST_F(Ask, FinalTransportErrors) {
 }
 
 TEST_F(Ask, AnythingElseIsAnUnexpectedError) {
-  model->fail(BadRequestError("no\nforcing", {400, "", ""})).fail(42).answer("[]").answer(test::tool_call(R"({"confidence": []})"));
+  model->fail(BadRequestError("no\nforcing", {400, "", ""}))
+      .fail(42)
+      .answer("[]")
+      .answer(test::tool_call(R"({"confidence": []})"));
   for (const char* reason : {"unexpected error: BadRequestError: no\nforcing", "unexpected error: int: ",
                              "unexpected error: InvalidResponse: the response has no content",
                              "unexpected error: ConversionError: the model's confidence is no number: []",
                              "unexpected error: logic_error: no scripted answer left"}) {
     EXPECT_EQ(ask().reason, reason);
   }
-  EXPECT_THAT(log.lines().at(0), StartsWith("error: vision: unexpected error\n    BadRequestError: no\\nforcing\n    at "));
+  EXPECT_THAT(log.lines().at(0),
+              StartsWith("error: vision: unexpected error\n    BadRequestError: no\\nforcing\n    at "));
   EXPECT_EQ(ledger(), "5 0/0 5 5 5");
   EXPECT_EQ(model->bodies.size(), 5u);
 }

@@ -17,7 +17,9 @@ namespace {
 
 const ImgMeta meta(1280, 800, 2.0, 0.0);
 
-FlowContext context(const char* json) { return boost::json::parse(json).as_object(); }
+FlowContext context(const char* json) {
+  return boost::json::parse(json).as_object();
+}
 
 class Client : public testing::Test {
  protected:
@@ -26,21 +28,35 @@ class Client : public testing::Test {
 
 TEST_F(Client, PicksTheModel) {
   const std::pair<const char*, bool> rows[] = {
-      {R"({})", false},           {R"({"phase": 0})", true},       {R"({"phase": 0.0})", true},
-      {R"({"phase": false})", true}, {R"({"phase": "0"})", false}, {R"({"phase": null})", false},
-      {R"({"phase": 1})", false}, {R"({"workflow_name": "phase0_login_verify"})", true},
-      {R"({"workflow_name": "captcha_detect"})", true}, {R"({"workflow_name": "Captcha_detect"})", false},
-      {R"({"attempts": 1})", false}, {R"({"attempts": 2})", true}, {R"({"attempts": 2.9})", true},
-      {R"({"attempts": 1.9})", false}, {R"({"attempts": " 2 "})", true}, {R"({"attempts": true})", false},
-      {R"({"attempts": ""})", false}, {R"({"attempts": []})", false}, {R"({"attempts": {}})", false},
-      {R"({"attempts": null})", false}, {R"({"attempts": -7})", false}, {R"({"attempts": 18446744073709551615})", true},
+      {R"({})", false},
+      {R"({"phase": 0})", true},
+      {R"({"phase": 0.0})", true},
+      {R"({"phase": false})", true},
+      {R"({"phase": "0"})", false},
+      {R"({"phase": null})", false},
+      {R"({"phase": 1})", false},
+      {R"({"workflow_name": "phase0_login_verify"})", true},
+      {R"({"workflow_name": "captcha_detect"})", true},
+      {R"({"workflow_name": "Captcha_detect"})", false},
+      {R"({"attempts": 1})", false},
+      {R"({"attempts": 2})", true},
+      {R"({"attempts": 2.9})", true},
+      {R"({"attempts": 1.9})", false},
+      {R"({"attempts": " 2 "})", true},
+      {R"({"attempts": true})", false},
+      {R"({"attempts": ""})", false},
+      {R"({"attempts": []})", false},
+      {R"({"attempts": {}})", false},
+      {R"({"attempts": null})", false},
+      {R"({"attempts": -7})", false},
+      {R"({"attempts": 18446744073709551615})", true},
   };
   for (const auto& [json, heavy] : rows) {
     EXPECT_EQ(_pick_model(context(json), false, "default"), heavy ? "heavy-model" : "default") << json;
   }
   EXPECT_EQ(_pick_model({}, true, "default"), "heavy-model");
-  for (const char* json : {R"({"attempts": "x"})", R"({"attempts": "2.5"})", R"({"attempts": [2]})", R"({"attempts": " "})",
-                           R"({"attempts": 1e999})"}) {
+  for (const char* json : {R"({"attempts": "x"})", R"({"attempts": "2.5"})", R"({"attempts": [2]})",
+                           R"({"attempts": " "})", R"({"attempts": 1e999})"}) {
     EXPECT_THROW(_pick_model(context(json), false, "d"), ConversionError) << json;
   }
 }
@@ -53,7 +69,8 @@ TEST_F(Client, UserMessage) {
                                "workflow_name": "check\nout", "platform": 2.0, "context_hint": "", "forbidden_actions": [],
                                "last_action": {}, "current_step": null, "expected_outcome": "paid"})");
   EXPECT_EQ(_build_user_message(all, "", meta),
-            "# Workflow context\nworkflow_name: check\nout\nphase: False\nexpected_outcome: paid\nattempts: 0\nplatform: 2.0\n"
+            "# Workflow context\nworkflow_name: check\nout\nphase: False\nexpected_outcome: paid\nattempts: "
+            "0\nplatform: 2.0\n"
             "success_signals: [\"\\u00fc\", {\"a\": 1.0}]\n\n# Viewport\n1280×800 CSS pixels (DPR 2.0)\n\n# Task\n"
             "Advance the check\nout workflow. Current step: None. Goal: paid.");
   EXPECT_TRUE(_build_user_message(all, "Do\nthis", meta).ends_with("# Task\nDo\nthis"));
@@ -76,7 +93,8 @@ TEST_F(Client, RequestBody) {
   EXPECT_EQ(body.at("tools").as_array().size(), 1u);
   EXPECT_NE(request.body().find(R"("x_ratio": {"type": "number", "minimum": 0.0, "maximum": 1.0})"), std::string::npos);
   EXPECT_NE(request.body().find(R"("duration_ms": {"type": "integer", "minimum": 0})"), std::string::npos);
-  EXPECT_NE(request.body().find(R"("required": ["action", "reason", "confidence", "next_expected_state"])"), std::string::npos);
+  EXPECT_NE(request.body().find(R"("required": ["action", "reason", "confidence", "next_expected_state"])"),
+            std::string::npos);
 }
 
 TEST_F(Client, SystemPromptIsComplete) {
@@ -101,11 +119,13 @@ TEST_F(Client, ParsesTheFirstToolCall) {
   expected.model_used = "m";
   expected.latency_ms = 12.5;
   expected.input_tokens = 7;
-  EXPECT_EQ(parsed(R"({"usage": {"input_tokens": 7}, "content": [{"type": "text", "text": "hm"}, {"name": "propose_action"},
+  EXPECT_EQ(
+      parsed(R"({"usage": {"input_tokens": 7}, "content": [{"type": "text", "text": "hm"}, {"name": "propose_action"},
       {"type": "tool_use", "name": "other", "input": {}}, {"type": "tool_use", "name": "propose_action", "input": {
       "action": "click", "reason": 5, "confidence": "1.7", "next_expected_state": null, "x_ratio": "1238", "y_ratio": -1,
       "text": "t", "key": "", "scroll_dy_ratio": -3, "duration_ms": "250"}},
-      {"type": "tool_use", "name": "propose_action", "input": {"action": "wait"}}]})"), expected);
+      {"type": "tool_use", "name": "propose_action", "input": {"action": "wait"}}]})"),
+      expected);
   EXPECT_EQ(parsed(test::proposal("click", 1, R"(, "x_ratio": 1238)"), std::nullopt).x_ratio, 1.0);
   EXPECT_FALSE(parsed(test::proposal("clik", 0.6)).low_confidence);
   EXPECT_TRUE(parsed(test::proposal("declare_success", 0.59)).low_confidence);
@@ -113,20 +133,24 @@ TEST_F(Client, ParsesTheFirstToolCall) {
 }
 
 TEST_F(Client, ParsesAnswersWithoutAUsableCall) {
-  for (const char* response : {R"({"usage": {"input_tokens": 3, "output_tokens": 4}, "content": []})",
-                               R"({"usage": {"input_tokens": 3, "output_tokens": 4}, "content": null})",
-                               R"({"usage": {"input_tokens": 3, "output_tokens": 4}, "content": [1, "x", {"type": "tool_use"}]})"}) {
-    EXPECT_EQ(parsed(response), _failure_result("model did not return propose_action tool call", "m", 12.5, 3, 4)) << response;
+  for (const char* response :
+       {R"({"usage": {"input_tokens": 3, "output_tokens": 4}, "content": []})",
+        R"({"usage": {"input_tokens": 3, "output_tokens": 4}, "content": null})",
+        R"({"usage": {"input_tokens": 3, "output_tokens": 4}, "content": [1, "x", {"type": "tool_use"}]})"}) {
+    EXPECT_EQ(parsed(response), _failure_result("model did not return propose_action tool call", "m", 12.5, 3, 4))
+        << response;
   }
   const ActionResult empty = parsed(test::tool_call("null"));
   EXPECT_EQ(empty.action + empty.reason, "declare_failure");
   EXPECT_TRUE(empty.low_confidence);
   EXPECT_EQ(parsed(R"({"content": [{"type": "tool_use", "name": "propose_action", "input": {}}]})").input_tokens, 0);
-  for (const char* response : {"{}", "[]", R"({"content": 5})", R"({"content": [{"type": "tool_use", "name": "propose_action"}]})"}) {
+  for (const char* response :
+       {"{}", "[]", R"({"content": 5})", R"({"content": [{"type": "tool_use", "name": "propose_action"}]})"}) {
     EXPECT_THROW(parsed(response), InvalidResponse) << response;
   }
   for (const char* confidence : {"null", "[]", R"("high")", "{}"}) {
-    EXPECT_THROW(parsed(test::tool_call(std::string(R"({"confidence": )") + confidence + "}")), ConversionError) << confidence;
+    EXPECT_THROW(parsed(test::tool_call(std::string(R"({"confidence": )") + confidence + "}")), ConversionError)
+        << confidence;
   }
 }
 
@@ -153,7 +177,8 @@ TEST_F(Client, MetricsLatenciesAndCost) {
   for (int i = 0; i < 2; ++i) metrics.record(call_of("light-model", 1500, 200));
   EXPECT_DOUBLE_EQ(metrics.estimated_cost_usd(), 0.015);
   metrics.reset();
-  for (const char* model : {"light-model", "light-model", "heavy-model", "light-model"}) metrics.record(call_of(model, 2000, 250));
+  for (const char* model : {"light-model", "light-model", "heavy-model", "light-model"})
+    metrics.record(call_of(model, 2000, 250));
   EXPECT_DOUBLE_EQ(metrics.estimated_cost_usd(), 0.0455);
   metrics.reset();
   metrics.record(call_of("unknown", 1000000, 1000000));

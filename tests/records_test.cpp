@@ -20,11 +20,12 @@ TEST(Settings, TimeoutFromTheEnvironment) {
   const std::pair<const char*, double> rows[] = {{nullptr, 20.0}, {"", 20.0},    {"abc", 20.0},  {"0", 20.0},
                                                  {"-5", 20.0},    {"nan", 20.0}, {"inf", 20.0},  {"1e999", 20.0},
                                                  {" 7.5 ", 7.5},  {"45", 45.0},  {"0x10", 20.0}, {"1e-3", 0.001}};
-  for (const auto& [text, seconds] : rows) EXPECT_EQ(detail::timeout_from_text(text), seconds) << (text ? text : "unset");
+  for (const auto& [text, seconds] : rows)
+    EXPECT_EQ(detail::timeout_from_text(text), seconds) << (text ? text : "unset");
 }
 
 TEST(Settings, TierSwitchIsReadAtEveryCall) {
-  const std::pair<const char*, const char*> rows[] = {{"", "off"},       {" Shadow ", "shadow"}, {"ACT", "tier2"},
+  const std::pair<const char*, const char*> rows[] = {{"", "off"},        {" Shadow ", "shadow"}, {"ACT", "tier2"},
                                                       {"TIER3", "tier3"}, {"\ttier2\n", "tier2"}, {"tier1", "off"},
                                                       {"on", "off"},      {"true", "off"},        {"off", "off"}};
   for (const auto& [text, mode] : rows) {
@@ -46,10 +47,26 @@ TEST(Settings, RegistryIsCopiedOnceAndFixed) {
 
 TEST(Coercion, NormRatio) {
   const std::tuple<value, std::optional<std::int64_t>, std::optional<double>> rows[] = {
-      {1238, 1280, 0.9671875}, {2000, 1280, 1.0},  {1.2, 1280, 1.0},     {1.5, 1280, 1.0},        {1.6, 1280, 0.00125},
-      {900, std::nullopt, 1.0}, {900, 0, 1.0},     {900, -1, 1.0},       {-0.2, 1280, 0.0},       {-500, 1280, 0.0},
-      {"0.25", 1280, 0.25},    {true, 1280, 1.0},  {0.0, 1280, 0.0},     {list, 1280, {}},        {map, 1280, {}},
-      {nullptr, 1280, {}},     {"x", 1280, {}},    {"inf", 1280, {}},    {not_a_number, 1280, {}}, {"640", 1280, 0.5},
+      {1238, 1280, 0.9671875},
+      {2000, 1280, 1.0},
+      {1.2, 1280, 1.0},
+      {1.5, 1280, 1.0},
+      {1.6, 1280, 0.00125},
+      {900, std::nullopt, 1.0},
+      {900, 0, 1.0},
+      {900, -1, 1.0},
+      {-0.2, 1280, 0.0},
+      {-500, 1280, 0.0},
+      {"0.25", 1280, 0.25},
+      {true, 1280, 1.0},
+      {0.0, 1280, 0.0},
+      {list, 1280, {}},
+      {map, 1280, {}},
+      {nullptr, 1280, {}},
+      {"x", 1280, {}},
+      {"inf", 1280, {}},
+      {not_a_number, 1280, {}},
+      {"640", 1280, 0.5},
       {18446744073709551615u, 1280, 1.0},
   };
   for (const auto& [v, dim, expected] : rows) EXPECT_EQ(_norm_ratio(&v, dim), expected) << v;
@@ -63,9 +80,20 @@ TEST(Coercion, FloatIntStr) {
   EXPECT_EQ(_opt_float(&list), std::nullopt);
 
   const std::pair<value, std::optional<std::int64_t>> integers[] = {
-      {1500, 1500}, {1500.9, 1500}, {-2.9, -2}, {true, 1}, {padded, 250}, {fraction_text, {}}, {one_thousand, {}},
-      {empty, {}},  {list, {}},     {map, {}},  {nullptr, {}}, {not_a_number, {}},
-      {1e20, std::numeric_limits<std::int64_t>::max()}, {-1e300, std::numeric_limits<std::int64_t>::min()},
+      {1500, 1500},
+      {1500.9, 1500},
+      {-2.9, -2},
+      {true, 1},
+      {padded, 250},
+      {fraction_text, {}},
+      {one_thousand, {}},
+      {empty, {}},
+      {list, {}},
+      {map, {}},
+      {nullptr, {}},
+      {not_a_number, {}},
+      {1e20, std::numeric_limits<std::int64_t>::max()},
+      {-1e300, std::numeric_limits<std::int64_t>::min()},
       {18446744073709551615u, std::numeric_limits<std::int64_t>::max()},
   };
   for (const auto& [v, expected] : integers) EXPECT_EQ(_opt_int(&v), expected) << v;
@@ -78,7 +106,7 @@ TEST(Coercion, FloatIntStr) {
 }
 
 TEST(Coercion, Base64InOneGoAndInPieces) {
-  const std::pair<std::string, std::string> rows[] = {{"", ""},         {"f", "Zg=="},        {"fo", "Zm8="},
+  const std::pair<std::string, std::string> rows[] = {{"", ""},        {"f", "Zg=="},          {"fo", "Zm8="},
                                                       {"foo", "Zm9v"}, {"foobar", "Zm9vYmFy"}, {"\xfb\xff", "+/8="}};
   for (const auto& [data, text] : rows) EXPECT_EQ(_b64(data), text);
 }

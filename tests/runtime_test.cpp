@@ -51,8 +51,8 @@ std::string run_cancelled(World& world, asio::awaitable<std::string> body, Durat
 
 TEST(Deadline, TellsTheEndingsApart) {
   const std::tuple<Ending, Duration, const char*, double> rows[] = {
-      {Ending::value, 1s, "value", 1},   {Ending::value, 5s, "value", 5},     {Ending::value, 6s, "time-out", 5},
-      {Ending::error, 1s, "error", 1},   {Ending::own_abort, 1s, "error", 1}, {Ending::hang, 0s, "time-out", 5},
+      {Ending::value, 1s, "value", 1}, {Ending::value, 5s, "value", 5},     {Ending::value, 6s, "time-out", 5},
+      {Ending::error, 1s, "error", 1}, {Ending::own_abort, 1s, "error", 1}, {Ending::hang, 0s, "time-out", 5},
       {Ending::value, 0s, "value", 0},
   };
   for (const auto& [ending, takes, expected, seconds] : rows) {
@@ -104,7 +104,9 @@ TEST(Settle, AnAbortNobodyAskedForIsAnError) {
   EXPECT_EQ(text, "error");
 }
 
-asio::awaitable<void> run_job(std::function<void()> job) { co_await run_on_worker(std::move(job)); }
+asio::awaitable<void> run_job(std::function<void()> job) {
+  co_await run_on_worker(std::move(job));
+}
 
 TEST(Worker, RunsElsewhereAndBringsTheErrorBack) {
   World world;
@@ -141,7 +143,8 @@ TEST(Worker, CanBeLeftByCancellationAndByItsContext) {
 TEST(Time, DurationsATimerCanTake) {
   EXPECT_EQ(to_duration(0.5), 500ms);
   for (const double none : {0.0, -1.0, std::nan("")}) EXPECT_EQ(to_duration(none), 0s);
-  for (const double huge : {1e300, static_cast<double>(INFINITY)}) EXPECT_EQ(to_duration(huge), to_duration(100 * 365.25 * 86400));
+  for (const double huge : {1e300, static_cast<double>(INFINITY)})
+    EXPECT_EQ(to_duration(huge), to_duration(100 * 365.25 * 86400));
 }
 
 }  // namespace

@@ -29,9 +29,11 @@ class Telemetry : public testing::Test {
 };
 
 TEST_F(Telemetry, RecordsGoWhereTheVariableSays) {
-  const std::pair<std::optional<std::string>, const char*> rows[] = {
-      {std::nullopt, "logs/vision_shadow.jsonl"}, {"", "logs/vision_shadow.jsonl"},
-      {"plain.jsonl", "plain.jsonl"}, {"a/b/../c/d.jsonl", "a/c/d.jsonl"}, {"deep/er/x", "deep/er/x"}};
+  const std::pair<std::optional<std::string>, const char*> rows[] = {{std::nullopt, "logs/vision_shadow.jsonl"},
+                                                                     {"", "logs/vision_shadow.jsonl"},
+                                                                     {"plain.jsonl", "plain.jsonl"},
+                                                                     {"a/b/../c/d.jsonl", "a/c/d.jsonl"},
+                                                                     {"deep/er/x", "deep/er/x"}};
   for (const auto& [variable, file] : rows) {
     const test::ScopedEnv env("KX_VISION_SHADOW_LOG", variable);
     fs::remove(file);
@@ -107,16 +109,20 @@ TEST_F(Telemetry, ActionRecordAndVisionBlock) {
   ActionResult click("click", "a timeout, it says", 0.5, "n");
   click.text = "secret";
   click.latency_ms = 12.75;
-  EXPECT_EQ(text::to_json(_vision_block(click)),
-            R"({"action": "click", "reason": "a timeout, it says", "confidence": 0.5, "next_expected_state": "n", )"
-            R"("x_ratio": null, "y_ratio": null, "model": "", "latency_ms": 12.75, "input_tokens": 0, "output_tokens": 0, )"
-            R"("low_confidence": false})");
+  EXPECT_EQ(
+      text::to_json(_vision_block(click)),
+      R"({"action": "click", "reason": "a timeout, it says", "confidence": 0.5, "next_expected_state": "n", )"
+      R"("x_ratio": null, "y_ratio": null, "model": "", "latency_ms": 12.75, "input_tokens": 0, "output_tokens": 0, )"
+      R"("low_confidence": false})");
   const std::pair<const char*, const char*> rows[] = {
-      {"vision timeout after 20.0s", R"({"timeout": true, "elapsed_ms": 1999, "reason": "vision timeout after 20.0s"})"},
-      {"transport error: X: read TimeOut", R"({"timeout": true, "elapsed_ms": 1999, "reason": "transport error: X: read TimeOut"})"},
+      {"vision timeout after 20.0s",
+       R"({"timeout": true, "elapsed_ms": 1999, "reason": "vision timeout after 20.0s"})"},
+      {"transport error: X: read TimeOut",
+       R"({"timeout": true, "elapsed_ms": 1999, "reason": "transport error: X: read TimeOut"})"},
       {"Transport error: X: y", R"({"error": "Transport error: X: y", "elapsed_ms": 1999})"},
       {"unexpected error: X: y", R"({"error": "unexpected error: X: y", "elapsed_ms": 1999})"},
-      {"model did not return propose_action tool call", R"({"error": "model did not return propose_action tool call", "elapsed_ms": 1999})"},
+      {"model did not return propose_action tool call",
+       R"({"error": "model did not return propose_action tool call", "elapsed_ms": 1999})"},
   };
   for (const auto& [reason, block] : rows) {
     EXPECT_EQ(text::to_json(_vision_block(_failure_result(reason, "m", 1999.9))), block);
@@ -154,8 +160,8 @@ TEST_F(Fixtures, SwitchAndNames) {
 TEST_F(Fixtures, NothingLandsOutsideTheFolder) {
   const test::ScopedEnv env("KX_VISION_FIXTURE_AUTO", "1");
   const std::string nul("a\0b", 3);
-  for (const std::string& bad : {std::string(), std::string("."), std::string(".."), std::string("/etc"), std::string("a/b"),
-                                 std::string("../x"), nul}) {
+  for (const std::string& bad : {std::string(), std::string("."), std::string(".."), std::string("/etc"),
+                                 std::string("a/b"), std::string("../x"), nul}) {
     EXPECT_EQ(harvest(bad, "r"), std::nullopt) << bad;
     if (bad.empty()) continue;  // an empty run_id is an absent one
     EXPECT_EQ(harvest("h", bad), std::nullopt) << bad;

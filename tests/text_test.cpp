@@ -18,10 +18,25 @@ namespace {
 
 TEST(Numbers, ShortestForm) {
   const std::pair<double, const char*> rows[] = {
-      {0.0, "0.0"},      {-0.0, "-0.0"},       {2.0, "2.0"},         {0.85, "0.85"},           {1234.5, "1234.5"},
-      {0.1, "0.1"},      {1e-4, "0.0001"},     {1e-5, "1e-05"},      {1.25e-7, "1.25e-07"},    {1e15, "1000000000000000.0"},
-      {1e16, "1e+16"},   {1.5e16, "1.5e+16"},  {123456789012345680.0, "1.2345678901234568e+17"}, {-1e300, "-1e+300"},
-      {5e-324, "5e-324"}, {1.0 / 3, "0.3333333333333333"}, {100.0, "100.0"}, {INFINITY, "inf"}, {-INFINITY, "-inf"},
+      {0.0, "0.0"},
+      {-0.0, "-0.0"},
+      {2.0, "2.0"},
+      {0.85, "0.85"},
+      {1234.5, "1234.5"},
+      {0.1, "0.1"},
+      {1e-4, "0.0001"},
+      {1e-5, "1e-05"},
+      {1.25e-7, "1.25e-07"},
+      {1e15, "1000000000000000.0"},
+      {1e16, "1e+16"},
+      {1.5e16, "1.5e+16"},
+      {123456789012345680.0, "1.2345678901234568e+17"},
+      {-1e300, "-1e+300"},
+      {5e-324, "5e-324"},
+      {1.0 / 3, "0.3333333333333333"},
+      {100.0, "100.0"},
+      {INFINITY, "inf"},
+      {-INFINITY, "-inf"},
       {9007199254740993.0, "9007199254740992.0"},
   };
   for (const auto& [value, expected] : rows) EXPECT_EQ(shortest(value), expected);
@@ -39,12 +54,14 @@ TEST(Numbers, FixedRoundsTheExactValueTiesToEven) {
 
 TEST(Numbers, ParseReal) {
   const std::pair<const char*, double> good[] = {
-      {"0.25", 0.25}, {" 7.5\n", 7.5}, {"1e3", 1000}, {"+.5", 0.5}, {"5.", 5}, {"-2E-1", -0.2},
-      {"1e999", INFINITY}, {"-1e999", -INFINITY}, {"1e-999", 0}, {"INF", INFINITY}, {"-Infinity", -INFINITY},
+      {"0.25", 0.25},           {" 7.5\n", 7.5},     {"1e3", 1000},         {"+.5", 0.5},  {"5.", 5},
+      {"-2E-1", -0.2},          {"1e999", INFINITY}, {"-1e999", -INFINITY}, {"1e-999", 0}, {"INF", INFINITY},
+      {"-Infinity", -INFINITY},
   };
   for (const auto& [text, value] : good) EXPECT_EQ(parse_real(text), value) << text;
   EXPECT_TRUE(std::isnan(*parse_real("NaN")));
-  for (const char* bad : {"", " ", "abc", "0x10", "0x1p3", "1,5", "1e", "1 2", "--1", "+-1", "nan(1)", "1_000", "1f", "\0"}) {
+  for (const char* bad :
+       {"", " ", "abc", "0x10", "0x1p3", "1,5", "1e", "1 2", "--1", "+-1", "nan(1)", "1_000", "1f", "\0"}) {
     EXPECT_FALSE(parse_real(bad)) << bad;
   }
 }

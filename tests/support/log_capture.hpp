@@ -33,7 +33,8 @@ class LogCapture {
     void sink_it_(const spdlog::details::log_msg& msg) override {
       if (fails) throw 42;
       const auto level = spdlog::level::to_string_view(msg.level);
-      lines.push_back(std::string(level.data(), level.size()) + ": " + std::string(msg.payload.data(), msg.payload.size()));
+      lines.push_back(std::string(level.data(), level.size()) + ": " +
+                      std::string(msg.payload.data(), msg.payload.size()));
     }
     void flush_() override {}
   };

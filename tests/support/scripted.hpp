@@ -37,7 +37,8 @@ class TestRegistry : public ModelRegistry {
 /// A response with one propose_action call whose input is the JSON text `input`.
 inline std::string tool_call(const std::string& input) {
   return R"({"usage": {"input_tokens": 1500, "output_tokens": 200}, "content": [{"type": "tool_use", )"
-         R"("name": "propose_action", "input": )" + input + "}]}";
+         R"("name": "propose_action", "input": )" +
+         input + "}]}";
 }
 
 inline std::string proposal(const std::string& action, double confidence, const std::string& more = "") {
@@ -102,7 +103,7 @@ class ScriptedPage : public BrowserPage, private Mouse, private Keyboard {
 
   boost::json::value device_pixel_ratio = 2.0;
   std::optional<boost::json::object> viewport = boost::json::object{{"width", 1280}, {"height", 800}};
-  std::vector<std::string> actions;                         ///< what reached mouse and keyboard
+  std::vector<std::string> actions;                          ///< what reached mouse and keyboard
   std::function<asio::awaitable<void>(std::string)> before;  ///< runs first in every operation
 
  private:

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <boost/asio/async_result.hpp>
 #include <boost/asio/associated_cancellation_slot.hpp>
+#include <boost/asio/async_result.hpp>
 #include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>

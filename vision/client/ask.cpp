@@ -109,9 +109,8 @@ void VisionClient::_log_call(const ActionResult& result, const FlowContext& flow
   log::line(spdlog::level::info,
             "vision: action=%s confidence=%.2f workflow=%s phase=%s model=%s latency_ms=%.0f tokens=%d/%d reason=%s",
             result.action, result.confidence, detail::context_text(flow_context, "workflow_name", "?"),
-            detail::context_text(flow_context, "phase", "?"), result.model_used, result.latency_ms,
-            result.input_tokens, result.output_tokens,
-            std::string(text::first_code_points(result.reason, reason_code_points)));
+            detail::context_text(flow_context, "phase", "?"), result.model_used, result.latency_ms, result.input_tokens,
+            result.output_tokens, std::string(text::first_code_points(result.reason, reason_code_points)));
 }
 
 }  // namespace vision

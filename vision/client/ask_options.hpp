@@ -34,16 +34,25 @@ class AskOptions {
   AskOptions() {}
 
   /// Task text instead of the default task line. Absent and empty mean the default.
-  AskOptions& prompt(std::optional<std::string> value) { prompt_ = std::move(value); return *this; }
+  AskOptions& prompt(std::optional<std::string> value) {
+    prompt_ = std::move(value);
+    return *this;
+  }
   /// Forces the heavy model. Default false.
-  AskOptions& high_stakes(bool value = true) { high_stakes_ = value; return *this; }
+  AskOptions& high_stakes(bool value = true) {
+    high_stakes_ = value;
+    return *this;
+  }
   /// Time-out of each attempt in seconds. Default DEFAULT_TIMEOUT_S, which also
   /// stands in for a NaN or an infinity. At zero or below the attempt times out
   /// as soon as it waits.
   AskOptions& timeout_s(Seconds value);
   /// Whether a transport error is tried once more. Default true; `act` always
   /// retries.
-  AskOptions& transport_retry(bool value) { transport_retry_ = value; return *this; }
+  AskOptions& transport_retry(bool value) {
+    transport_retry_ = value;
+    return *this;
+  }
 
   const std::optional<std::string>& prompt() const noexcept { return prompt_; }
   bool high_stakes() const noexcept { return high_stakes_; }

@@ -15,7 +15,8 @@ namespace vision {
 class MessagesRequest {
  public:
   /// `prefix` is `request_prefix(model)`, rendered once per model by its user.
-  MessagesRequest(std::string model, std::shared_ptr<const std::string> prefix, Bytes image, std::string_view user_text);
+  MessagesRequest(std::string model, std::shared_ptr<const std::string> prefix, Bytes image,
+                  std::string_view user_text);
 
   const std::string& model() const noexcept { return model_; }
   const Bytes& image() const noexcept { return image_; }

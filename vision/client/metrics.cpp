@@ -19,7 +19,8 @@ std::int64_t saturating_sum(std::int64_t a, std::int64_t b) {
 }
 
 double price_of(const detail::PriceMap& prices, const std::string& model, double fallback) {
-  const auto found = std::find_if(prices.begin(), prices.end(), [&](const auto& entry) { return entry.first == model; });
+  const auto found =
+      std::find_if(prices.begin(), prices.end(), [&](const auto& entry) { return entry.first == model; });
   return found == prices.end() ? fallback : found->second;
 }
 

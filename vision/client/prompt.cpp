@@ -27,7 +27,9 @@ bool equals_zero(const json::value& value) {
 }
 
 // What stands for "no attempt yet".
-bool counts_as_zero(const json::value& value) { return text::is_blank(value) || equals_zero(value); }
+bool counts_as_zero(const json::value& value) {
+  return text::is_blank(value) || equals_zero(value);
+}
 
 bool at_least_two(const json::value& attempts) {
   if (counts_as_zero(attempts) || attempts.is_bool()) return false;
@@ -72,7 +74,7 @@ std::string _pick_model(const FlowContext& flow_context, bool high_stakes, const
 }
 
 std::string _build_user_message(const FlowContext& flow_context, const std::optional<std::string>& prompt,
-                               const ImgMeta& img_meta) {
+                                const ImgMeta& img_meta) {
   std::string out = "# Workflow context\n";
   for (const auto key : rendered_keys) {
     const auto* value = flow_context.if_contains(key);

@@ -43,7 +43,8 @@ const json::value* find_tool_call(const json::value& response) {
 const json::value* tool_input(const json::value& call) {
   const auto* input = member(&call, "input");
   if (!input) throw InvalidResponse("the propose_action call has no input");
-  if (!input->is_object() && !text::is_blank(*input)) throw InvalidResponse("the propose_action call's input is no map");
+  if (!input->is_object() && !text::is_blank(*input))
+    throw InvalidResponse("the propose_action call's input is no map");
   return input;
 }
 
@@ -62,7 +63,7 @@ std::string text_of(const json::value* input, std::string_view name, std::string
 }  // namespace
 
 ActionResult _failure_result(std::string reason, const std::string& model, double latency_ms, std::int64_t in_tok,
-                            std::int64_t out_tok) {
+                             std::int64_t out_tok) {
   ActionResult result(std::string(ActionVerb::declare_failure), std::move(reason), 0.0, "");
   result.model_used = model;
   result.latency_ms = latency_ms;
@@ -72,7 +73,7 @@ ActionResult _failure_result(std::string reason, const std::string& model, doubl
 }
 
 ActionResult _parse_response(const json::value& response, const std::string& model, double latency_ms,
-                            const std::optional<ImgMeta>& img_meta) {
+                             const std::optional<ImgMeta>& img_meta) {
   const auto* usage = member(&response, "usage");
   const std::int64_t in_tok = token_count(usage, "input_tokens");
   const std::int64_t out_tok = token_count(usage, "output_tokens");

@@ -17,11 +17,11 @@ namespace vision {
 /// Throws InvalidResponse when `content`, or the call's `input`, is missing or
 /// no list or map, and ConversionError when the confidence is no number.
 ActionResult _parse_response(const boost::json::value& response, const std::string& model, double latency_ms,
-                            const std::optional<ImgMeta>& img_meta);
+                             const std::optional<ImgMeta>& img_meta);
 
 /// The uniform result of a call that failed: declare_failure with confidence 0
 /// and low_confidence false.
 ActionResult _failure_result(std::string reason, const std::string& model, double latency_ms, std::int64_t in_tok = 0,
-                            std::int64_t out_tok = 0);
+                             std::int64_t out_tok = 0);
 
 }  // namespace vision

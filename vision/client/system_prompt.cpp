@@ -32,13 +32,17 @@ constexpr const char* next_expected_state_description =
     "What the screen should look like AFTER your action. V2 post-action gates use this to verify "
     "the action landed.";
 
-json::object property(const char* type) { return {{"type", type}}; }
+json::object property(const char* type) {
+  return {{"type", type}};
+}
 
 json::object described(const char* type, const char* description) {
   return {{"type", type}, {"description", description}};
 }
 
-json::object unit_interval() { return {{"type", "number"}, {"minimum", 0.0}, {"maximum", 1.0}}; }
+json::object unit_interval() {
+  return {{"type", "number"}, {"minimum", 0.0}, {"maximum", 1.0}};
+}
 
 json::object action_property() {
   json::array verbs;

@@ -41,8 +41,7 @@ std::int64_t viewport_side(const boost::json::object& size, std::string_view nam
 
 }  // namespace
 
-VisionClient::VisionClient(VisionClientOptions options)
-    : VisionClient(http_client(options.api_key()), options) {}
+VisionClient::VisionClient(VisionClientOptions options) : VisionClient(http_client(options.api_key()), options) {}
 
 VisionClient::VisionClient(std::shared_ptr<MessagesClient> client, VisionClientOptions options)
     : _client(std::move(client)),

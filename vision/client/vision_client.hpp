@@ -33,12 +33,24 @@ class VisionClientOptions {
 
   /// The vendor API key. Absent and empty: the host registry's resolve_api_key,
   /// then ANTHROPIC_API_KEY.
-  VisionClientOptions& api_key(std::string value) { api_key_ = std::move(value); return *this; }
+  VisionClientOptions& api_key(std::string value) {
+    api_key_ = std::move(value);
+    return *this;
+  }
   /// Model for calls that nothing sends to the heavy one. Default MODEL_SONNET().
-  VisionClientOptions& default_model(std::string value) { default_model_ = std::move(value); return *this; }
+  VisionClientOptions& default_model(std::string value) {
+    default_model_ = std::move(value);
+    return *this;
+  }
   /// Calls allowed until the metrics are reset. Default DEFAULT_CALL_BUDGET.
-  VisionClientOptions& call_budget(std::int64_t value) { call_budget_ = value; return *this; }
-  VisionClientOptions& on_action(OnAction value) { on_action_ = std::move(value); return *this; }
+  VisionClientOptions& call_budget(std::int64_t value) {
+    call_budget_ = value;
+    return *this;
+  }
+  VisionClientOptions& on_action(OnAction value) {
+    on_action_ = std::move(value);
+    return *this;
+  }
 
   const std::string& api_key() const noexcept { return api_key_; }
   const std::optional<std::string>& default_model() const noexcept { return default_model_; }

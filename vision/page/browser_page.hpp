@@ -39,7 +39,10 @@ class ScreenshotOptions {
  public:
   ScreenshotOptions() {}
   /// The whole page instead of the viewport. Default false.
-  ScreenshotOptions& full_page(bool value) { full_page_ = value; return *this; }
+  ScreenshotOptions& full_page(bool value) {
+    full_page_ = value;
+    return *this;
+  }
   bool full_page() const noexcept { return full_page_; }
 
  private:

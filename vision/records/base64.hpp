@@ -13,7 +13,9 @@ std::string _b64(std::string_view data);
 namespace base64 {
 
 /// Characters of the base64 text of `size` bytes.
-constexpr std::size_t encoded_size(std::size_t size) noexcept { return (size + 2) / 3 * 4; }
+constexpr std::size_t encoded_size(std::size_t size) noexcept {
+  return (size + 2) / 3 * 4;
+}
 
 /// Writes the base64 text of `data` to `out`, which has room for
 /// `encoded_size(data.size()) + 1` characters (the encoder ends it with a NUL).

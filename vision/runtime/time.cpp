@@ -25,8 +25,7 @@ class TimeService : public asio::execution_context::service {
   using key_type = TimeService;
   static asio::execution_context::id id;
 
-  explicit TimeService(asio::execution_context& context)
-      : service(context), source(std::make_shared<SystemTime>()) {}
+  explicit TimeService(asio::execution_context& context) : service(context), source(std::make_shared<SystemTime>()) {}
 
   std::shared_ptr<TimeSource> source;
 

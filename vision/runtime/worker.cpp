@@ -89,7 +89,8 @@ asio::execution_context::id WaiterService::id;
 struct Registration {
   std::shared_ptr<Waiters> waiters;
   std::uint64_t id;
-  Registration(std::shared_ptr<Waiters> w, Waiter waiter) : waiters(std::move(w)), id(waiters->add(std::move(waiter))) {}
+  Registration(std::shared_ptr<Waiters> w, Waiter waiter)
+      : waiters(std::move(w)), id(waiters->add(std::move(waiter))) {}
   Registration(const Registration&) = delete;
   Registration& operator=(const Registration&) = delete;
   ~Registration() { waiters->remove(id); }

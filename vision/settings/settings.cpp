@@ -66,8 +66,12 @@ std::shared_ptr<const ModelRegistry> model_registry() {
   return h.registry;
 }
 
-const std::string& MODEL_SONNET() { return models().light; }
-const std::string& MODEL_OPUS() { return models().heavy; }
+const std::string& MODEL_SONNET() {
+  return models().light;
+}
+const std::string& MODEL_OPUS() {
+  return models().heavy;
+}
 
 std::string_view is_vision_enabled() noexcept {
   const char* value = std::getenv("KX_VISION_TIER");

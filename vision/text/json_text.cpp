@@ -35,7 +35,9 @@ void append_escaped(std::string& out, char32_t c) {
   }
 }
 
-bool is_plain(char c) { return c >= ' ' && c <= '~' && c != '"' && c != '\\'; }
+bool is_plain(char c) {
+  return c >= ' ' && c <= '~' && c != '"' && c != '\\';
+}
 
 void append_array(std::string& out, const boost::json::array& items) {
   out += '[';
@@ -85,9 +87,7 @@ void append_json(std::string& out, const boost::json::value& value) {
     case kind::bool_: out += value.get_bool() ? "true" : "false"; break;
     case kind::int64: out += std::to_string(value.get_int64()); break;
     case kind::uint64: out += std::to_string(value.get_uint64()); break;
-    case kind::double_:
-      out += std::isfinite(value.get_double()) ? shortest(value.get_double()) : "null";
-      break;
+    case kind::double_: out += std::isfinite(value.get_double()) ? shortest(value.get_double()) : "null"; break;
     case kind::string: append_json_string(out, std::string_view(value.get_string())); break;
     case kind::array: append_array(out, value.get_array()); break;
     case kind::object: append_json(out, value.get_object()); break;

@@ -36,8 +36,8 @@ bool strip_sign(std::string_view& text) {
 std::string shortest(double value) {
   if (!std::isfinite(value)) return non_finite(value);
   std::array<char, 32> buffer;
-  const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
-                                 std::chars_format::scientific).ptr;
+  const auto end =
+      std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, std::chars_format::scientific).ptr;
   std::string_view form(buffer.data(), static_cast<std::size_t>(end - buffer.data()));
 
   std::string out;
@@ -67,8 +67,9 @@ std::string shortest(double value) {
 std::string fixed(double value, int digits) {
   if (!std::isfinite(value)) return non_finite(value);
   std::array<char, 352> buffer;  // 309 digits before the point at most
-  const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
-                                 std::chars_format::fixed, std::clamp(digits, 0, 6)).ptr;
+  const auto end = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, std::chars_format::fixed,
+                                 std::clamp(digits, 0, 6))
+                       .ptr;
   return std::string(buffer.data(), end);
 }
 

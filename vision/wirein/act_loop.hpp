@@ -21,20 +21,41 @@ class ActLoopOptions {
 
   /// The mission brief, as written for a computer-use agent. Without it the model
   /// sees the default task line of the workflow context.
-  ActLoopOptions& mission_prompt(std::string value) { mission_prompt_ = std::move(value); return *this; }
+  ActLoopOptions& mission_prompt(std::string value) {
+    mission_prompt_ = std::move(value);
+    return *this;
+  }
   /// The client; it must outlive the call. Default: default_client().
-  ActLoopOptions& vision(VisionClient& value) { vision_ = &value; return *this; }
+  ActLoopOptions& vision(VisionClient& value) {
+    vision_ = &value;
+    return *this;
+  }
   /// The pipeline run, for records and fixture names.
-  ActLoopOptions& run_id(std::string value) { run_id_ = std::move(value); return *this; }
+  ActLoopOptions& run_id(std::string value) {
+    run_id_ = std::move(value);
+    return *this;
+  }
   /// Forces the heavy model in every step. Default false.
-  ActLoopOptions& high_stakes(bool value = true) { high_stakes_ = value; return *this; }
+  ActLoopOptions& high_stakes(bool value = true) {
+    high_stakes_ = value;
+    return *this;
+  }
   /// The step cap. Default ACT_MAX_STEPS_DEFAULT; below 1 no step is taken.
-  ActLoopOptions& max_steps(std::int64_t value) { max_steps_ = value; return *this; }
+  ActLoopOptions& max_steps(std::int64_t value) {
+    max_steps_ = value;
+    return *this;
+  }
   /// Asked before every step, on the event loop's thread; true ends the mission
   /// there. What it throws counts as false.
-  ActLoopOptions& should_abort(std::function<bool()> value) { should_abort_ = std::move(value); return *this; }
+  ActLoopOptions& should_abort(std::function<bool()> value) {
+    should_abort_ = std::move(value);
+    return *this;
+  }
   /// Never touch the page: any proposed page action ends the mission. Default false.
-  ActLoopOptions& read_only(bool value = true) { read_only_ = value; return *this; }
+  ActLoopOptions& read_only(bool value = true) {
+    read_only_ = value;
+    return *this;
+  }
 
   const FlowContext& flow_context() const noexcept { return flow_context_; }
   const std::string& hotspot_id() const noexcept { return hotspot_id_; }

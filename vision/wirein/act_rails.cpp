@@ -40,7 +40,9 @@ ActionResult _act_synth(std::string reason) {
 
 namespace detail {
 
-Terminal hand_over(std::string reason) { return Terminal(_act_synth(std::move(reason)), "escalate"); }
+Terminal hand_over(std::string reason) {
+  return Terminal(_act_synth(std::move(reason)), "escalate");
+}
 
 std::optional<Terminal> rail_for(const ActionResult& proposal, bool read_only) {
   if (proposal.action == ActionVerb::declare_failure) return Terminal(proposal, "failure");

@@ -45,8 +45,8 @@ class RepeatGuard {
 
  private:
   using Coordinate = std::optional<std::string>;
-  using Signature = std::tuple<std::string, Coordinate, Coordinate, std::optional<std::string>,
-                               std::optional<std::string>>;
+  using Signature =
+      std::tuple<std::string, Coordinate, Coordinate, std::optional<std::string>, std::optional<std::string>>;
   static Signature signature_of(const ActionResult& proposal);
 
   std::optional<Signature> last_;

@@ -20,7 +20,7 @@ struct Site {
 /// Gives the answer with the metadata of the screenshot that it is about. All
 /// references must outlive the operation.
 boost::asio::awaitable<std::pair<ActionResult, ImgMeta>> shot_and_ask(VisionClient& client, BrowserPage& page,
-                                                                      const FlowContext& flow_context,
-                                                                      const Site& site, AskOptions options);
+                                                                      const FlowContext& flow_context, const Site& site,
+                                                                      AskOptions options);
 
 }  // namespace vision::detail
