@@ -226,11 +226,7 @@ TEST_F(ActLoop, CancellationLeavesNoFinalRecord) {
     std::filesystem::remove_all("logs");
     model->steps.clear();
     model->answer(proposal("click", 1, centre)).answer(proposal("scroll", 1), 5);
-    const auto cancel_later = [this](double seconds) -> asio::awaitable<void> {
-      co_await runtime::sleep_for(runtime::to_duration(seconds));
-      world.cancel.emit(asio::cancellation_type::terminal);
-    };
-    asio::co_spawn(world.io, cancel_later(when), [](std::exception_ptr) {});
+    world.cancel_after(when);
     EXPECT_THROW(run(), boost::system::system_error) << when;
     EXPECT_EQ(world.time->pending(), 0u);
     for (const auto& record : records()) EXPECT_FALSE(record.contains("final"));

@@ -158,11 +158,7 @@ TEST_F(Ask, CancellationPassesAndIsNotRecorded) {
   for (const double when : {0.0, 0.2, 0.5, 1.9, 2.2}) {  // sending, its last turn, the pause, the second attempt
     model->steps.clear();
     model->fail(APIConnectionError("x")).answer(proposal("click", 1), 1);
-    const auto cancel_later = [this](double seconds) -> asio::awaitable<void> {
-      co_await runtime::sleep_for(runtime::to_duration(seconds));
-      world.cancel.emit(asio::cancellation_type::terminal);
-    };
-    asio::co_spawn(world.io, cancel_later(when), [](std::exception_ptr) {});
+    world.cancel_after(when);
     EXPECT_THROW(ask(), boost::system::system_error) << when;
     EXPECT_EQ(world.time->pending(), 0u);
   }

@@ -33,14 +33,9 @@ asio::awaitable<std::string> bounded(Ending ending, Duration takes, Duration lim
   co_return outcome.timed_out() ? "time-out" : "error";
 }
 
-asio::awaitable<void> cancel_later(World& world, Duration when, ct type) {
-  co_await sleep_for(when);
-  world.cancel.emit(type);
-}
-
 std::string run_cancelled(World& world, asio::awaitable<std::string> body, Duration when, std::vector<ct> types) {
   for (std::size_t i = 0; i < types.size(); ++i) {
-    asio::co_spawn(world.io, cancel_later(world, when + i * 1ms, types[i]), [](std::exception_ptr) {});
+    world.cancel_after(to_seconds(when + i * 1ms), types[i]);
   }
   try {
     return world.run(std::move(body));

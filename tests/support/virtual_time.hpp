@@ -107,9 +107,19 @@ class World {
 
   void run(asio::awaitable<void> operation) { run(with_value(std::move(operation))); }
 
+  /// Cancels what runs then, `seconds` from now.
+  void cancel_after(double seconds, asio::cancellation_type type = asio::cancellation_type::terminal) {
+    asio::co_spawn(io, emit_after(seconds, type), [](std::exception_ptr) {});
+  }
+
   double seconds() const { return runtime::to_seconds(time->steady_now()); }
 
  private:
+  asio::awaitable<void> emit_after(double seconds, asio::cancellation_type type) {
+    co_await runtime::sleep_for(runtime::to_duration(seconds));
+    cancel.emit(type);
+  }
+
   template <class T>
   static asio::awaitable<void> keep(asio::awaitable<T> operation, std::optional<T>& value) {
     value.emplace(co_await std::move(operation));

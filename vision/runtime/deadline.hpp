@@ -95,6 +95,25 @@ boost::asio::awaitable<Outcome<T>> with_deadline(boost::asio::awaitable<T> opera
   co_return std::move(outcome);
 }
 
+/// Runs two operations at once, the first one started first, and waits until
+/// both have ended; neither's error disturbs the other. Throws operation_aborted
+/// when the caller was cancelled, which both are sent.
+template <class A, class B>
+boost::asio::awaitable<std::pair<Outcome<A>, Outcome<B>>> both(boost::asio::awaitable<A> first,
+                                                               boost::asio::awaitable<B> second) {
+  namespace asio = boost::asio;
+  const auto executor = co_await asio::this_coro::executor;
+  auto legs = asio::experimental::make_parallel_group(
+      asio::co_spawn(executor, detail::guard(std::move(first)), asio::deferred),
+      asio::co_spawn(executor, detail::guard(std::move(second)), asio::deferred));
+  auto [order, first_error, a, second_error, b] =
+      co_await legs.async_wait(asio::experimental::wait_for_all(), asio::use_awaitable);
+  co_await pass_cancellation();
+  if (first_error) std::rethrow_exception(first_error);
+  if (second_error) std::rethrow_exception(second_error);
+  co_return std::pair<Outcome<A>, Outcome<B>>(std::move(a), std::move(b));
+}
+
 /// Lets a void operation be settled or bounded like one that has a value.
 boost::asio::awaitable<Done> done(boost::asio::awaitable<void> operation);
 

@@ -45,7 +45,7 @@ class Mission {
   asio::awaitable<std::optional<Terminal>> take_step(std::int64_t step) {
     if (abort_requested()) co_return hand_over("aborted by caller before step " + std::to_string(step));
     const auto limit = runtime::to_duration(DEFAULT_TIMEOUT_S * 2 + 12);
-    auto operation = detail::shot_and_ask(client_, page_, context_, site_, ask_options_);
+    auto operation = detail::shot_and_ask(client_, detail::borrowed(page_), context_, site_, ask_options_);
     auto answer = co_await runtime::with_deadline(std::move(operation), limit);
     if (!answer.has_value()) co_return unanswered(step, answer.timed_out(), answer.error());
     auto& [result, meta] = answer.value();

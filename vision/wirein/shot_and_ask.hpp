@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -16,10 +17,17 @@ struct Site {
   std::optional<std::string> run_id;
 };
 
+/// A page that the caller keeps alive.
+inline std::shared_ptr<BrowserPage> borrowed(BrowserPage& page) {
+  return std::shared_ptr<BrowserPage>(std::shared_ptr<void>(), &page);
+}
+
 /// The step that the modes share: a screenshot, its fixture, one ask about it.
-/// Gives the answer with the metadata of the screenshot that it is about. All
-/// references must outlive the operation.
-boost::asio::awaitable<std::pair<ActionResult, ImgMeta>> shot_and_ask(VisionClient& client, BrowserPage& page,
+/// Gives the answer with the metadata of the screenshot that it is about. `page`
+/// is let go of as soon as the screenshot is taken; all references must outlive
+/// the operation.
+boost::asio::awaitable<std::pair<ActionResult, ImgMeta>> shot_and_ask(VisionClient& client,
+                                                                      std::shared_ptr<BrowserPage> page,
                                                                       const FlowContext& flow_context, const Site& site,
                                                                       AskOptions options);
 

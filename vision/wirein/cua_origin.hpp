@@ -1,0 +1,32 @@
+#pragma once
+
+#include <exception>
+
+namespace vision {
+
+/// Mixed into a host's error types, so that an error of the computer-use agent
+/// can be told from any other when it comes out of shadow_observe_then_cua:
+///
+///   class AgentError : public std::runtime_error, public vision::CuaOriginMark { ... };
+///
+/// Errors without it pass through unmarked.
+class CuaOriginMark {
+ public:
+  virtual ~CuaOriginMark() = default;
+  /// True once shadow mode has re-raised this very object from its CUA leg.
+  bool _kx_cua_origin = false;
+};
+
+/// Whether the error that was caught carries the mark: "did this come from the
+/// CUA leg?". False for null, and for a type that cannot carry it.
+bool is_cua_origin(const std::exception_ptr& error) noexcept;
+
+/// The same for a caught std::exception.
+bool is_cua_origin(const std::exception& error) noexcept;
+
+namespace detail {
+/// Sets the mark where the error's type has one.
+void mark_cua_origin(const std::exception_ptr& error) noexcept;
+}  // namespace detail
+
+}  // namespace vision

@@ -1,0 +1,75 @@
+#include "vision/wirein/observer.hpp"
+
+#include <boost/asio/co_spawn.hpp>
+
+#include "vision/runtime/entry.hpp"
+#include "vision/runtime/time.hpp"
+#include "vision/settings/log.hpp"
+#include "vision/text/errors.hpp"
+#include "vision/wirein/observation.hpp"
+#include "vision/wirein/shadow_log.hpp"
+
+namespace vision {
+namespace asio = boost::asio;
+namespace {
+
+// Stands for a page that was destroyed before its observation began.
+class GonePage : public BrowserPage {
+ public:
+  asio::awaitable<Bytes> screenshot(ScreenshotOptions) override { fail(); }
+  asio::awaitable<boost::json::value> evaluate(std::string) override { fail(); }
+  std::optional<boost::json::object> viewport_size() override { return {}; }
+  Mouse& mouse() override { fail(); }
+  Keyboard& keyboard() override { fail(); }
+
+ private:
+  [[noreturn]] static void fail() { throw std::runtime_error("the page was destroyed before its screenshot"); }
+};
+
+asio::awaitable<boost::json::object> observe_body(std::shared_ptr<BrowserPage> page, const ObserverOptions options) {
+  VisionClient& client = options.vision() ? *options.vision() : default_client();
+  const detail::Site site(options.hotspot_id(), options.run_id());
+  auto vision = co_await detail::observe(client, std::move(page), options.flow_context(), site, options.high_stakes());
+  auto record =
+      detail::record_header(co_await runtime::wall_seconds(), site.run_id, site.hotspot_id, options.flow_context());
+  record["source"] = "dom_success";
+  record["vision"] = std::move(vision);
+  record["dom_ground_truth"] = options.dom_ground_truth();
+  _append_shadow_record(record);
+  co_return record;
+}
+
+asio::awaitable<boost::json::object> observe_if_there(std::weak_ptr<BrowserPage> page, ObserverOptions options) {
+  auto held = page.lock();
+  if (!held) held = std::make_shared<GonePage>();
+  return runtime::entry(observe_body(std::move(held), std::move(options)));
+}
+
+}  // namespace
+
+asio::awaitable<boost::json::object> observe_only(BrowserPage& page, ObserverOptions options) {
+  return runtime::entry(observe_body(detail::borrowed(page), std::move(options)));
+}
+
+void observe_in_background(const asio::any_io_executor& executor, std::weak_ptr<BrowserPage> page,
+                           ObserverOptions options,
+                           std::function<void(std::exception_ptr, boost::json::object)> on_end) noexcept {
+  const auto report = [on_end = std::move(on_end)](std::exception_ptr error, boost::json::object record) noexcept {
+    try {
+      if (on_end) {
+        on_end(error, std::move(record));
+        return;
+      }
+    } catch (...) {
+      error = std::current_exception();
+    }
+    if (error) log::line(spdlog::level::warn, "vision: observation failed: %s", text::describe(error).message);
+  };
+  try {
+    asio::co_spawn(executor, observe_if_there(std::move(page), std::move(options)), report);
+  } catch (...) {
+    report(std::current_exception(), {});
+  }
+}
+
+}  // namespace vision

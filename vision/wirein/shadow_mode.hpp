@@ -1,0 +1,74 @@
+#pragma once
+
+#include <boost/asio/awaitable.hpp>
+#include <boost/json/value_from.hpp>
+#include <functional>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+#include "vision/client/vision_client.hpp"
+#include "vision/page/browser_page.hpp"
+#include "vision/runtime/awaited.hpp"
+#include "vision/wirein/cua_origin.hpp"
+#include "vision/wirein/observer_options.hpp"
+
+namespace vision {
+
+namespace detail {
+
+/// The result's "text" entry, null when the result is no map or has none.
+template <class Result>
+boost::json::value text_entry(const Result& result) {
+  if constexpr (std::is_same_v<Result, boost::json::value>) {
+    const auto* map = result.if_object();
+    return map ? text_entry(*map) : boost::json::value();
+  } else if constexpr (std::is_same_v<Result, boost::json::object>) {
+    const auto* text = result.if_contains("text");
+    return text ? *text : boost::json::value();
+  } else if constexpr (requires { boost::json::value_from(result.find(std::string("text"))->second); }) {
+    const auto text = result.find(std::string("text"));
+    return text == result.end() ? boost::json::value() : boost::json::value_from(text->second);
+  } else {
+    return {};
+  }
+}
+
+/// Shadow mode without the type of the CUA's result: runs both legs, writes the
+/// record, gives the CUA's error, marked, or null.
+boost::asio::awaitable<std::exception_ptr> shadow_run(BrowserPage& page, boost::asio::awaitable<void> cua,
+                                                      std::function<boost::json::value()> cua_text,
+                                                      ObserverOptions options);
+
+}  // namespace detail
+
+/// Runs the computer-use agent `cua_fn` and, beside it, one vision observation of
+/// the same situation, which never touches the page; appends one record with both
+/// outcomes to the shadow log; gives what `cua_fn` gave, or throws the very
+/// exception object that it threw, marked by CuaOriginMark where its type allows.
+///
+/// `cua_fn` is called once, without arguments, and gives an awaitable of any type,
+/// void and move-only types included. The observation starts first; neither leg
+/// interrupts the other, and the call ends when both have ended: at most
+/// DEFAULT_TIMEOUT_S + 8 seconds after `cua_fn`. Vision's failures end up in the
+/// record only.
+///
+/// When `cua_fn`'s result is a map with a "text" entry (boost::json::object or
+/// value, or a map from std::string), its first 200 code points are recorded.
+///
+/// Throws what default_client() throws when no client is given; `cua_fn` is not
+/// called then. Cancellation ends both legs; no record is written then. `page`
+/// must outlive the operation.
+template <class CuaFn>
+boost::asio::awaitable<runtime::awaited_t<CuaFn>> shadow_observe_then_cua(BrowserPage& page, CuaFn cua_fn,
+                                                                          ObserverOptions options) {
+  runtime::Slot<runtime::awaited_t<CuaFn>> result;
+  auto cua = runtime::await_into(cua_fn, result);
+  std::function<boost::json::value()> cua_text = [&result] { return detail::text_entry(*result); };
+  const auto error = co_await detail::shadow_run(page, std::move(cua), std::move(cua_text), std::move(options));
+  if (error) std::rethrow_exception(error);
+  if constexpr (!std::is_void_v<runtime::awaited_t<CuaFn>>) co_return std::move(*result);
+}
+
+}  // namespace vision
