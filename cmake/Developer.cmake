@@ -8,6 +8,9 @@ endif()
 add_library(vision_developer INTERFACE)
 target_compile_options(vision_developer INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wnon-virtual-dtor)
+if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+  target_compile_options(vision_developer INTERFACE -Wno-restrict)  # g++ 12: false alarms in std::string's operator+
+endif()
 if(VISION_WARNINGS_AS_ERRORS)
   target_compile_options(vision_developer INTERFACE -Werror)
 endif()

@@ -221,18 +221,6 @@ TEST_F(ActLoop, StepsThatFail) {
   EXPECT_EQ(run().reason, "vision budget exhausted: Vision call budget 50 exceeded — escalate to CUA");
 }
 
-TEST_F(ActLoop, CancellationLeavesNoFinalRecord) {
-  for (const double when : {0.0, 0.3, 1.0, 2.0}) {  // asking, settling, the next step
-    std::filesystem::remove_all("logs");
-    model->steps.clear();
-    model->answer(proposal("click", 1, centre)).answer(proposal("scroll", 1), 5);
-    world.cancel_after(when);
-    EXPECT_THROW(run(), boost::system::system_error) << when;
-    EXPECT_EQ(world.time->pending(), 0u);
-    for (const auto& record : records()) EXPECT_FALSE(record.contains("final"));
-  }
-}
-
 TEST_F(ActLoop, MissionText) {
   EXPECT_EQ(_act_mission_text(std::nullopt), std::nullopt);
   EXPECT_EQ(_act_mission_text(""), std::nullopt);

@@ -5,6 +5,7 @@
 #include <boost/system/system_error.hpp>
 #include <boost/throw_exception.hpp>
 #include <cmath>
+#include <ios>
 #include <limits>
 
 #include "vision/records/errors.hpp"
@@ -130,6 +131,12 @@ TEST(Errors, KindAndMessage) {
   EXPECT_EQ(text_of(std::string("bare text")), "string: bare text");
   EXPECT_EQ(text_of(42), "int: ");
   EXPECT_EQ(text_of(std::runtime_error(std::string(300, 'x'))), "runtime_error: " + std::string(200, 'x'));
+  struct NoMessage : std::exception {
+    const char* what() const noexcept override { return nullptr; }
+  };
+  EXPECT_EQ(text_of(NoMessage()), "NoMessage: ");
+  EXPECT_EQ(text_of(std::ios_base::failure("f")), "failure: f: iostream error");
+  EXPECT_EQ(unqualified_type_name("std::_Nested_exception<my::Error<int> >"), "Error");
   try {
     boost::throw_exception(boost::system::system_error(boost::system::error_code(), "w"));
   } catch (...) {

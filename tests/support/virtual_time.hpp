@@ -112,6 +112,10 @@ class World {
     asio::co_spawn(io, emit_after(seconds, type), [](std::exception_ptr) {});
   }
 
+  /// Cancels what runs next before its `turn`th handler, counted from 0; each
+  /// run counts anew and forgets it.
+  void cancel_at_turn(std::size_t turn) { cancel_turn_ = turn; }
+
   double seconds() const { return runtime::to_seconds(time->steady_now()); }
 
  private:
@@ -131,14 +135,21 @@ class World {
   }
 
   void loop(const bool& ended) {
-    while (!ended) {
+    for (std::size_t turn = 0; !ended;) {
       io.restart();
-      if (io.poll() > 0) continue;
+      if (cancel_turn_ == turn) cancel.emit(asio::cancellation_type::terminal);
+      if (io.poll_one() > 0) {
+        ++turn;
+        continue;
+      }
       if (runtime::jobs_in_flight(io) == 0 && time->advance()) continue;
       io.restart();
       if (io.run_one() == 0) throw std::logic_error("the operation waits for something that never comes");
     }
+    cancel_turn_.reset();
   }
+
+  std::optional<std::size_t> cancel_turn_;
 };
 
 }  // namespace vision::test

@@ -27,6 +27,11 @@ std::shared_ptr<MessagesClient> http_client(const std::string& given_key) {
   return std::make_shared<HttpMessagesClient>(detail::resolve_api_key(given_key));
 }
 
+// Coroutines, so that host code that throws before it suspends is no exception.
+asio::awaitable<Bytes> take_screenshot(BrowserPage& page, ScreenshotOptions options) {
+  co_return co_await page.screenshot(options);
+}
+
 asio::awaitable<double> device_pixel_ratio(BrowserPage& page) {
   const boost::json::value answer = co_await page.evaluate("window.devicePixelRatio");
   co_return _opt_float(&answer).value_or(std::nan(""));
@@ -63,7 +68,7 @@ asio::awaitable<std::pair<Bytes, ImgMeta>> VisionClient::screenshot(BrowserPage&
 
 asio::awaitable<std::pair<Bytes, ImgMeta>> VisionClient::screenshot_body(BrowserPage& page, bool full_page) {
   const auto options = ScreenshotOptions().full_page(full_page);
-  Bytes image = co_await page.screenshot(options);
+  Bytes image = co_await runtime::isolated(take_screenshot(page, options));
   auto ratio = co_await runtime::settle(device_pixel_ratio(page));
   const double dpr = ratio.has_value() && std::isfinite(ratio.value()) ? ratio.value() : 1.0;
   auto size = page.viewport_size();

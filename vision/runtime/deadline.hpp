@@ -66,12 +66,23 @@ boost::asio::awaitable<Outcome<T>> guard(boost::asio::awaitable<T> operation) {
 /// Runs `operation` with no limit. In this order: throws operation_aborted when
 /// the caller was cancelled; else gives the value; else the operation's own
 /// error, of whatever type. An operation_aborted that the caller did not ask for
-/// is an ordinary error.
+/// is an ordinary error. The operation has a cancellation state of its own: host
+/// code that resets it, in order to clean up, does not undo the cancellation.
 template <class T>
 boost::asio::awaitable<Outcome<T>> settle(boost::asio::awaitable<T> operation) {
-  Outcome<T> outcome = co_await detail::guard(std::move(operation));
+  const auto executor = co_await boost::asio::this_coro::executor;
+  auto guarded = detail::guard(std::move(operation));
+  Outcome<T> outcome = co_await boost::asio::co_spawn(executor, std::move(guarded), boost::asio::use_awaitable);
   co_await pass_cancellation();
   co_return outcome;
+}
+
+/// Runs host code like `settle` does and passes its error on.
+template <class T>
+boost::asio::awaitable<T> isolated(boost::asio::awaitable<T> operation) {
+  Outcome<T> outcome = co_await settle(std::move(operation));
+  if (outcome.error()) std::rethrow_exception(outcome.error());
+  co_return std::move(outcome.value());
 }
 
 /// Runs `operation` for at most `limit`. In this order: throws operation_aborted

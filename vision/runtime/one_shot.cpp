@@ -7,18 +7,20 @@
 namespace vision::runtime {
 namespace asio = boost::asio;
 
-OneShot::OneShot(const asio::any_io_executor& executor) : timer_(executor, IoTimer::time_point::max()) {}
+OneShot::OneShot(const asio::any_io_executor& executor)
+    : timer_(executor, IoTimer::time_point::max()), set_(std::make_shared<bool>(false)) {}
 
 void OneShot::set() {
-  set_ = true;
+  *set_ = true;
   timer_.cancel();
 }
 
 asio::awaitable<void> OneShot::wait() {
-  if (set_) co_return;
+  const auto set = set_;
+  if (*set) co_return;
   boost::system::error_code error;
   co_await timer_.async_wait(asio::redirect_error(asio::use_awaitable, error));
-  if (!set_) throw boost::system::system_error(asio::error::operation_aborted);
+  if (!*set) throw boost::system::system_error(asio::error::operation_aborted);
 }
 
 }  // namespace vision::runtime

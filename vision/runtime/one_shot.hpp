@@ -15,7 +15,7 @@ class OneShot {
   explicit OneShot(const boost::asio::any_io_executor& executor);
 
   void set();
-  bool is_set() const noexcept { return set_; }
+  bool is_set() const noexcept { return *set_; }
 
   /// Completes once `set` was called, also before. Terminal cancellation ends it
   /// with operation_aborted.
@@ -23,7 +23,7 @@ class OneShot {
 
  private:
   IoTimer timer_;
-  bool set_ = false;
+  std::shared_ptr<bool> set_;  // outlives us in a coroutine that waits
 };
 
 }  // namespace vision::runtime

@@ -66,4 +66,8 @@ double to_seconds(Duration duration) noexcept {
   return std::chrono::duration<double>(duration).count();
 }
 
+std::int64_t whole_ms(Duration duration) noexcept {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(duration).count();
+}
+
 }  // namespace vision::runtime

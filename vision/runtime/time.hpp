@@ -5,6 +5,7 @@
 #include <boost/asio/execution_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 
 /// The library's only source of time. It belongs to the execution context, so
@@ -46,6 +47,9 @@ Duration to_duration(double seconds) noexcept;
 
 /// Whole or fractional seconds of a duration.
 double to_seconds(Duration duration) noexcept;
+
+/// Whole milliseconds of a duration, truncated.
+std::int64_t whole_ms(Duration duration) noexcept;
 
 /// A timer on the system's steady clock, for drivers of code that keeps real
 /// time itself (the HTTP library) or that has no coroutine to wait in.

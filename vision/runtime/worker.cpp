@@ -1,5 +1,9 @@
 #include "vision/runtime/worker.hpp"
 
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
 #include <boost/asio/execution_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/query.hpp>
@@ -96,12 +100,23 @@ struct Registration {
   ~Registration() { waiters->remove(id); }
 };
 
+// Never destroyed: coroutines on other threads may hand over jobs while the
+// process exits. A forked child inherits the pool without its thread and makes
+// one of its own. The host's signal handlers do not run on the thread.
 asio::thread_pool& worker_thread() {
-  static struct Worker {
-    asio::thread_pool pool{1};
-    ~Worker() { pool.stop(); }
-  } worker;
-  return worker.pool;
+  static auto& mutex = *new std::mutex;
+  static pid_t owner = 0;
+  static asio::thread_pool* pool = nullptr;
+  const std::lock_guard lock(mutex);
+  if (owner != ::getpid()) {
+    sigset_t all, previous;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &previous);
+    pool = new asio::thread_pool(1);
+    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    owner = ::getpid();
+  }
+  return *pool;
 }
 
 }  // namespace

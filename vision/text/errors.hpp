@@ -34,8 +34,8 @@ std::string exception_text(const std::exception_ptr& error);
 /// "Kind: " and the whole message.
 std::string full_exception_text(const std::exception_ptr& error);
 
-/// Strips namespaces, template arguments and the wrapper that Boost puts around
-/// thrown exceptions from a demangled type name. Exposed for its tests.
+/// Strips namespaces, template arguments, ABI tags and the wrappers that libraries
+/// put around thrown errors from a demangled type name. Exposed for its tests.
 std::string unqualified_type_name(std::string name);
 
 }  // namespace text

@@ -46,7 +46,8 @@ class ActLoopOptions {
     return *this;
   }
   /// Asked before every step, on the event loop's thread; true ends the mission
-  /// there. What it throws counts as false.
+  /// there. What it throws counts as false. Name a lambda with
+  /// captures first: g++ 12 destroys one inside a co_await expression twice.
   ActLoopOptions& should_abort(std::function<bool()> value) {
     should_abort_ = std::move(value);
     return *this;

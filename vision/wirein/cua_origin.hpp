@@ -9,9 +9,14 @@ namespace vision {
 ///
 ///   class AgentError : public std::runtime_error, public vision::CuaOriginMark { ... };
 ///
-/// Errors without it pass through unmarked.
+/// Errors without it pass through unmarked. The mark belongs to one exception
+/// object and stays on it: a copy has none, but a host that keeps an exception_ptr
+/// and throws the same object again throws it marked.
 class CuaOriginMark {
  public:
+  CuaOriginMark() = default;
+  CuaOriginMark(const CuaOriginMark&) noexcept {}
+  CuaOriginMark& operator=(const CuaOriginMark&) noexcept { return *this; }
   virtual ~CuaOriginMark() = default;
   /// True once shadow mode has re-raised this very object from its CUA leg.
   bool _kx_cua_origin = false;

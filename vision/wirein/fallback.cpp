@@ -29,7 +29,8 @@ asio::awaitable<Rescue> rescue(VisionClient& client, BrowserPage& page, const Fa
     co_return Rescue(NextStep::hand_over, std::move(result), std::move(context));
   }
   const auto shot = co_await client.screenshot(page);
-  co_await execute_action(page, result, shot.second);
+  auto action = runtime::done(execute_action(page, result, shot.second));
+  co_await runtime::isolated(std::move(action));
   co_return Rescue(NextStep::run_again, std::move(result), std::move(context));
 }
 

@@ -64,6 +64,19 @@ struct Rescue {
   FlowContext context;  ///< the caller's, with the failure in "context_hint"
 };
 
+/// Whether there is no computer-use agent: none given, an empty std::function, a
+/// null pointer.
+template <class CuaFn>
+bool is_absent(const CuaFn& cua_fallback) {
+  if constexpr (std::is_same_v<CuaFn, NoFallback>) {
+    return true;
+  } else if constexpr (requires { static_cast<bool>(cua_fallback == nullptr); }) {
+    return cua_fallback == nullptr;
+  } else {
+    return false;
+  }
+}
+
 VisionClient& client_of(const FallbackOptions& options);
 
 /// Asks vision about the failure and carries out the action it proposes.
@@ -87,13 +100,13 @@ boost::asio::awaitable<fallback_result_t<PrimaryFn, CuaFn>> fallback_body(Browse
   Rescue rescued = co_await rescue(client, page, options, first.error());
   if (rescued.next == NextStep::verdict) co_return Result(std::in_place_index<1>, std::move(rescued.result));
   if (rescued.next == NextStep::run_again) {
-    auto again = co_await runtime::call(primary_fn);
+    auto again = co_await runtime::isolated(runtime::call(primary_fn));
     co_return Result(std::in_place_index<0>, std::move(again));
   }
-  if constexpr (std::is_same_v<CuaFn, NoFallback>) std::rethrow_exception(first.error());
+  if (is_absent(cua_fallback)) std::rethrow_exception(first.error());
   const FlowContext& context = rescued.context;
   const std::string& reason = rescued.result.reason;
-  auto handed_over = co_await runtime::call(cua_fallback, page, context, reason);
+  auto handed_over = co_await runtime::isolated(runtime::call(cua_fallback, page, context, reason));
   co_return Result(std::in_place_index<2>, std::move(handed_over));
 }
 
@@ -107,6 +120,8 @@ boost::asio::awaitable<fallback_result_t<PrimaryFn, CuaFn>> fallback_body(Browse
 /// first error again, unchanged.
 ///
 /// Both callables give awaitables of any type, void and move-only types included.
+/// Name a lambda with captures before the call and move it in: g++ 12 destroys one
+/// that is written inside a co_await expression twice.
 /// `primary_fn` must stand a second run after a partial first one. `context` is a
 /// copy of the flow context whose "context_hint" names the failure.
 ///

@@ -7,8 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
@@ -112,13 +112,13 @@ void append_line(const std::string& path, std::string line) {
 }
 
 void write_file(const std::string& directory, const std::string& name, std::string_view content) {
-  static std::atomic<unsigned> serial{0};
   create_directories(directory);
   const std::string final_path = directory + "/" + name;
-  const std::string partial = directory + "/." + std::to_string(::getpid()) + "-" + std::to_string(++serial) + ".part";
+  std::string partial = directory + "/.XXXXXX.part";
   int error = 0;
   {
-    const Descriptor file(::open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    constexpr int suffix_size = 5;
+    const Descriptor file(::mkostemps(partial.data(), suffix_size, O_CLOEXEC));  // with mode 0600
     if (file.get() < 0) fail(errno, partial);
     while (!content.empty() && error == 0) {
       const ssize_t written = write_once(file.get(), content);

@@ -4,7 +4,6 @@
 
 #include "vision/runtime/deadline.hpp"
 #include "vision/text/errors.hpp"
-#include "vision/text/numbers.hpp"
 #include "vision/wirein/shadow_log.hpp"
 
 namespace vision::detail {
@@ -25,7 +24,7 @@ asio::awaitable<boost::json::object> observe(VisionClient& client, std::shared_p
   } else {
     block["error"] = text::exception_text(answer.error());
   }
-  block["elapsed_ms"] = text::truncate(runtime::to_seconds(time.wall_now() - t0) * 1000.0);
+  block["elapsed_ms"] = runtime::whole_ms(time.wall_now() - t0);
   co_return block;
 }
 

@@ -6,7 +6,6 @@
 #include "vision/runtime/entry.hpp"
 #include "vision/text/errors.hpp"
 #include "vision/text/json_text.hpp"
-#include "vision/text/numbers.hpp"
 #include "vision/text/utf8.hpp"
 #include "vision/wirein/observation.hpp"
 #include "vision/wirein/shadow_log.hpp"
@@ -44,11 +43,13 @@ void mark_cua_origin(const std::exception_ptr& error) noexcept {
 
 namespace {
 
-// The CUA's run time in milliseconds.
-asio::awaitable<double> _cua_run(asio::awaitable<void> cua) {
-  const double t0 = co_await runtime::wall_seconds();
+// The CUA's run time.
+asio::awaitable<runtime::Duration> _cua_run(asio::awaitable<void> cua) {
+  const auto executor = co_await asio::this_coro::executor;
+  runtime::TimeSource& time = runtime::time_source(executor);
+  const auto t0 = time.wall_now();
   co_await std::move(cua);
-  co_return (co_await runtime::wall_seconds() - t0) * 1000.0;
+  co_return time.wall_now() - t0;
 }
 
 std::string cua_text_head(const std::function<boost::json::value()>& cua_text) {
@@ -65,6 +66,30 @@ std::string cua_text_head(const std::function<boost::json::value()>& cua_text) {
   }
 }
 
+// Nothing about a record may replace the CUA's outcome.
+void write_record(double wall_seconds, const ObserverOptions& options, runtime::Outcome<boost::json::object>& vision,
+                  runtime::Outcome<runtime::Duration>& agent,
+                  const std::function<boost::json::value()>& cua_text) noexcept {
+  try {
+    auto record = record_header(wall_seconds, options.run_id(), options.hotspot_id(), options.flow_context());
+    if (vision.has_value()) {
+      record["vision"] = std::move(vision.value());
+    } else {
+      record["vision"].emplace_object()["error"] = "gather: " + text::exception_text(vision.error());
+    }
+    auto& cua = record["cua"].emplace_object();
+    if (agent.has_value()) {
+      cua["latency_ms"] = runtime::whole_ms(agent.value());
+      cua["text_head"] = cua_text_head(cua_text);
+    } else {
+      cua["error"] = text::exception_text(agent.error());
+    }
+    _append_shadow_record(record);
+  } catch (...) {
+    return;
+  }
+}
+
 asio::awaitable<std::exception_ptr> shadow_body(BrowserPage& page, asio::awaitable<void> cua,
                                                 std::function<boost::json::value()> cua_text,
                                                 const ObserverOptions options) {
@@ -74,20 +99,7 @@ asio::awaitable<std::exception_ptr> shadow_body(BrowserPage& page, asio::awaitab
   auto cua_leg = _cua_run(std::move(cua));
   auto [vision, agent] = co_await runtime::both(std::move(vision_leg), std::move(cua_leg));
 
-  auto record = record_header(co_await runtime::wall_seconds(), site.run_id, site.hotspot_id, options.flow_context());
-  if (vision.has_value()) {
-    record["vision"] = std::move(vision.value());
-  } else {
-    record["vision"].emplace_object()["error"] = "gather: " + text::exception_text(vision.error());
-  }
-  auto& cua_block = record["cua"].emplace_object();
-  if (agent.has_value()) {
-    cua_block["latency_ms"] = text::truncate(agent.value());
-    cua_block["text_head"] = cua_text_head(cua_text);
-  } else {
-    cua_block["error"] = text::exception_text(agent.error());
-  }
-  _append_shadow_record(record);
+  write_record(co_await runtime::wall_seconds(), options, vision, agent, cua_text);
   if (!agent.has_value()) mark_cua_origin(agent.error());
   co_return agent.error();
 }

@@ -27,9 +27,13 @@ boost::json::value text_entry(const Result& result) {
   } else if constexpr (std::is_same_v<Result, boost::json::object>) {
     const auto* text = result.if_contains("text");
     return text ? *text : boost::json::value();
-  } else if constexpr (requires { boost::json::value_from(result.find(std::string("text"))->second); }) {
-    const auto text = result.find(std::string("text"));
-    return text == result.end() ? boost::json::value() : boost::json::value_from(text->second);
+  } else if constexpr (requires { result.find(std::string("text"))->second; }) {
+    using Text = std::decay_t<decltype(result.find(std::string("text"))->second)>;
+    if constexpr (boost::json::has_value_from<Text>::value) {
+      const auto text = result.find(std::string("text"));
+      if (text != result.end()) return boost::json::value_from(text->second);
+    }
+    return {};
   } else {
     return {};
   }
@@ -49,9 +53,11 @@ boost::asio::awaitable<std::exception_ptr> shadow_run(BrowserPage& page, boost::
 /// exception object that it threw, marked by CuaOriginMark where its type allows.
 ///
 /// `cua_fn` is called once, without arguments, and gives an awaitable of any type,
-/// void and move-only types included. The observation starts first; neither leg
-/// interrupts the other, and the call ends when both have ended: at most
-/// DEFAULT_TIMEOUT_S + 8 seconds after `cua_fn`. Vision's failures end up in the
+/// void and move-only types included. Name a lambda with captures before the call
+/// and move it in: g++ 12 destroys one that is written inside a co_await
+/// expression twice. The observation starts first; neither leg interrupts the
+/// other, and the call ends when both have ended: at most DEFAULT_TIMEOUT_S + 8
+/// seconds after it began, or when `cua_fn` ends. Vision's failures end up in the
 /// record only.
 ///
 /// When `cua_fn`'s result is a map with a "text" entry (boost::json::object or
