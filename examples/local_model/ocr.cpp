@@ -1,6 +1,7 @@
 #include "examples/local_model/ocr.hpp"
 
 #include <allheaders.h>
+#include <dlfcn.h>
 #include <tesseract/baseapi.h>
 #include <tesseract/resultiterator.h>
 
@@ -45,6 +46,14 @@ std::unique_ptr<Engine> make_engine() {
   engine->SetVariable("debug_file", "/dev/null");
   engine->SetPageSegMode(tesseract::PSM_SPARSE_TEXT);
   return engine;
+}
+
+// Tesseract splits small loops among OpenMP threads, which makes it several times
+// slower on a busy machine. Its run time has no header here, and another one may
+// be linked, hence the look-up by name. Holds for the calling thread.
+void switch_off_openmp() {
+  using Setter = void (*)(int);
+  if (const auto set = reinterpret_cast<Setter>(dlsym(RTLD_DEFAULT, "omp_set_max_active_levels"))) set(0);
 }
 
 PixPtr checked(Pix* pix) {
@@ -183,6 +192,7 @@ struct Ocr::Job {
 
   void run(Engines& engines) noexcept {
     try {
+      switch_off_openmp();
       const Engines::Loan engine(engines);
       picture = read_picture(*engine, image);
     } catch (...) {

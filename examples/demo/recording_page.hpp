@@ -1,0 +1,34 @@
+#pragma once
+
+#include <utility>
+#include <vector>
+
+#include "vision/page/browser_page.hpp"
+
+namespace demo {
+
+/// Hands everything on to another page and keeps its last viewport screenshot,
+/// for the report. `page` must outlive it.
+class RecordingPage : public vision::BrowserPage {
+ public:
+  explicit RecordingPage(vision::BrowserPage& page) : page_(page) {}
+
+  boost::asio::awaitable<vision::Bytes> screenshot(vision::ScreenshotOptions options) override {
+    last_ = co_await page_.screenshot(options);
+    co_return last_;
+  }
+  boost::asio::awaitable<boost::json::value> evaluate(std::string expression) override {
+    return page_.evaluate(std::move(expression));
+  }
+  std::optional<boost::json::object> viewport_size() override { return page_.viewport_size(); }
+  vision::Mouse& mouse() override { return page_.mouse(); }
+  vision::Keyboard& keyboard() override { return page_.keyboard(); }
+
+  const vision::Bytes& last_screenshot() const noexcept { return last_; }
+
+ private:
+  vision::BrowserPage& page_;
+  vision::Bytes last_;
+};
+
+}  // namespace demo
