@@ -79,10 +79,10 @@ std::vector<std::string> browser_arguments(const LaunchOptions& options, const s
       "--disable-renderer-backgrounding",
       // Nothing on the network but what the pages ask for.
       "--disable-background-networking",
+      "--disable-breakpad",
       "--disable-client-side-phishing-detection",
       "--disable-component-extensions-with-background-pages",
       "--disable-component-update",
-      "--disable-crashpad-for-testing",  // its processes leave our process group
       "--disable-default-apps",
       "--disable-domain-reliability",
       "--disable-extensions",

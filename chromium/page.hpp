@@ -37,7 +37,9 @@ class ChromiumPage : public BrowserPage {
   ChromiumPage& operator=(const ChromiumPage&) = delete;
 
   /// The viewport in device pixels, or the whole document. Brings the page to
-  /// the front of its window first: the browser draws no hidden page.
+  /// the front of its window first: the browser draws no hidden page. Of an
+  /// attached page whose owner emulates a device pixel ratio the browser gives a
+  /// picture in CSS pixels.
   boost::asio::awaitable<Bytes> screenshot(ScreenshotOptions options) override;
 
   /// Throws EvaluationError when the script throws or its promise is rejected.

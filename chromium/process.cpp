@@ -20,6 +20,7 @@
 #include "chromium/command_line.hpp"
 #include "chromium/errors.hpp"
 #include "vision/runtime/deadline.hpp"
+#include "vision/runtime/one_shot.hpp"
 
 namespace vision::chromium {
 namespace asio = boost::asio;
@@ -34,9 +35,9 @@ constexpr const char* supervisor_script = R"(
 profile=$1; shift
 "$@" </dev/null >/dev/null 5<&- & browser=$!
 trap 'trap "" TERM; kill -KILL "$browser"' TERM
-exec 3<&- 4>&- 2>/dev/null
+exec 3<&- 4>&-
 (read -r line <&5; kill -TERM $$) </dev/null >/dev/null &
-exec 5<&-
+exec 5<&- 2>/dev/null
 wait "$browser"
 wait "$browser"
 for _ in 1 2 3 4 5 6 7 8 9 10; do rm -rf -- "$profile" 2>/dev/null && break; sleep 0.1; done
@@ -44,19 +45,20 @@ kill -KILL 0
 )";
 
 constexpr auto grace = std::chrono::seconds(5);
+constexpr auto stragglers = std::chrono::seconds(1);
 constexpr std::size_t max_last_words = 2000;
 
 [[noreturn]] void fail(const std::string& what, int error) {
   throw std::system_error(error, std::generic_category(), "cannot launch the browser: " + what);
 }
 
-asio::awaitable<void> keep_last_words(asio::posix::stream_descriptor stream, std::shared_ptr<std::string> words) {
-  std::array<char, 4096> chunk;
-  for (;;) {
-    const std::size_t size = co_await stream.async_read_some(asio::buffer(chunk), asio::use_awaitable);
-    words->append(chunk.data(), size);
-    if (words->size() > max_last_words) words->erase(0, words->size() - max_last_words);
-  }
+bool wait_readable(int descriptor, int limit_ms) {
+  pollfd entry{descriptor, POLLIN, 0};
+  int count = 0;
+  do {
+    count = ::poll(&entry, 1, limit_ms);
+  } while (count < 0 && errno == EINTR);
+  return count > 0;
 }
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
@@ -67,6 +69,40 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 }
 
 }  // namespace
+
+// The browser's standard error. It ends when the last process that belongs to
+// the browser has gone, also the ones that leave our process group.
+class BrowserProcess::Words {
+ public:
+  explicit Words(const asio::any_io_executor& executor) : stream_(executor), end_(executor) {}
+
+  static asio::awaitable<void> keep(std::shared_ptr<Words> self) {
+    std::array<char, 4096> chunk;
+    for (;;) {
+      const std::size_t size = co_await self->stream_.async_read_some(asio::buffer(chunk), asio::use_awaitable);
+      self->text_.append(chunk.data(), size);
+      if (self->text_.size() > max_last_words) self->text_.erase(0, self->text_.size() - max_last_words);
+    }
+  }
+  void start(const std::shared_ptr<Words>& self, int descriptor) {
+    stream_.assign(descriptor);
+    asio::co_spawn(stream_.get_executor(), keep(self), [self](std::exception_ptr) { self->end_.set(); });
+  }
+
+  const std::string& text() const noexcept { return text_; }
+  asio::awaitable<void> wait_for_end() { return end_.wait(); }
+  void block_until_end() {
+    std::array<char, 4096> chunk;
+    while (!end_.is_set() && wait_readable(stream_.native_handle(), 1000)) {
+      if (::read(stream_.native_handle(), chunk.data(), chunk.size()) == 0) return;
+    }
+  }
+
+ private:
+  asio::posix::stream_descriptor stream_;
+  runtime::OneShot end_;
+  std::string text_;
+};
 
 // Both ends of the three channels. The child's ends sit above its targets, so
 // that putting one into place never overwrites another.
@@ -119,7 +155,7 @@ class BrowserProcess::Descriptors {
 };
 
 BrowserProcess::BrowserProcess(const asio::any_io_executor& executor, const LaunchOptions& options)
-    : pipe_(executor), lifeline_(executor), ended_(executor), last_words_(std::make_shared<std::string>()) {
+    : pipe_(executor), lifeline_(executor), ended_(executor), words_(std::make_shared<Words>(executor)) {
   const std::string executable = find_executable(options.executable());
   Descriptors ends;
   profile_ = make_profile_directory();
@@ -133,8 +169,7 @@ BrowserProcess::BrowserProcess(const asio::any_io_executor& executor, const Laun
   pipe_.assign(asio::local::stream_protocol(), ends.take(Descriptors::pipe_ours));
   lifeline_.assign(ends.take(Descriptors::lifeline_ours));
   ended_.assign(ends.take(Descriptors::ended_ours));
-  asio::posix::stream_descriptor words(executor, ends.take(Descriptors::words_ours));
-  asio::co_spawn(executor, keep_last_words(std::move(words), last_words_), [](std::exception_ptr) {});  // until its end
+  words_->start(words_, ends.take(Descriptors::words_ours));
 }
 
 void BrowserProcess::spawn(const LaunchOptions& options, const std::string& executable, Descriptors& ends) {
@@ -168,7 +203,7 @@ void BrowserProcess::spawn(const LaunchOptions& options, const std::string& exec
 }
 
 std::string BrowserProcess::last_words() const {
-  return *last_words_;
+  return words_->text();
 }
 
 asio::awaitable<void> BrowserProcess::stop() {
@@ -181,30 +216,38 @@ asio::awaitable<void> BrowserProcess::stop() {
     if (!outcome.timed_out()) break;
     lifeline_.close(ignored);  // the supervisor kills it
   }
-  reap();
+  end_supervisor();
+  (void)co_await runtime::with_deadline(runtime::done(words_->wait_for_end()), stragglers);
+  remove_profile();
 }
 
 BrowserProcess::~BrowserProcess() {
-  if (supervisor_ < 0) return;
   boost::system::error_code ignored;
   pipe_.close(ignored);
   lifeline_.close(ignored);
-  pollfd end{ended_.native_handle(), POLLIN, 0};
-  while (::poll(&end, 1, 5000) < 0 && errno == EINTR) continue;
-  reap();
+  if (supervisor_ >= 0) {
+    wait_readable(ended_.native_handle(), 5000);
+    end_supervisor();
+    words_->block_until_end();
+  }
+  remove_profile();
 }
 
 // The group's number stays ours until its leader has been waited for. Had a host
 // that ignores SIGCHLD let go of it already, nothing is killed.
-void BrowserProcess::reap() noexcept {
+void BrowserProcess::end_supervisor() noexcept {
   siginfo_t info;
   if (::waitid(P_PID, static_cast<id_t>(supervisor_), &info, WEXITED | WNOHANG | WNOWAIT) == 0) {
     ::kill(-supervisor_, SIGKILL);
     while (::waitpid(supervisor_, nullptr, 0) < 0 && errno == EINTR) continue;
   }
   supervisor_ = -1;
+}
+
+// Should the supervisor have been killed before it could.
+void BrowserProcess::remove_profile() noexcept {
   std::error_code ignored;
-  std::filesystem::remove_all(profile_, ignored);  // if the supervisor was killed before it could
+  std::filesystem::remove_all(profile_, ignored);
 }
 
 }  // namespace vision::chromium

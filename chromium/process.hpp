@@ -40,14 +40,16 @@ class BrowserProcess {
 
  private:
   class Descriptors;
+  class Words;
   void spawn(const LaunchOptions& options, const std::string& executable, Descriptors& theirs);
-  void reap() noexcept;
+  void end_supervisor() noexcept;
+  void remove_profile() noexcept;
 
   std::string profile_;
   boost::asio::local::stream_protocol::socket pipe_;
   boost::asio::posix::stream_descriptor lifeline_;  // the supervisor acts when this closes
   boost::asio::posix::stream_descriptor ended_;     // at its end when the supervisor has gone
-  std::shared_ptr<std::string> last_words_;
+  std::shared_ptr<Words> words_;
   pid_t supervisor_ = -1;  // leads the process group
 };
 
