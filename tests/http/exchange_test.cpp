@@ -23,10 +23,10 @@ std::string read_all(http::BodyReader& reader, std::size_t room) {
 }
 
 TEST(BodyReader, GivesTheBodyInPiecesOfAnySizeAndFromAnyPlace) {
-  for (const std::size_t image : {0, 1, 2, 3, 4, 6, 40}) {
+  for (const std::size_t image : {0u, 1u, 2u, 3u, 4u, 6u, 40u}) {
     const MessagesRequest request = make_request(image);
     const std::string body = request.body();
-    for (const std::size_t room : {1, 2, 3, 4, 5, 6, 7, 8, 9, 64, 65536}) {
+    for (const std::size_t room : {1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 64u, 65536u}) {
       http::BodyReader reader(request);
       EXPECT_EQ(reader.size(), body.size());
       EXPECT_EQ(read_all(reader, room), body) << image << " bytes by " << room;

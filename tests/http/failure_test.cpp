@@ -211,5 +211,21 @@ TEST(HttpFailure, OnlyATrustedCertificateForTheHostWillDo) {
   }
 }
 
+// Writing to a connection that the peer has reset raises SIGPIPE where that is
+// not prevented, and ends the process.
+TEST(HttpFailure, AResetWhileSending) {
+  const ScratchDirectory scratch;
+  const Authority authority("authority");
+  std::ofstream("ca.pem") << authority.pem();
+  auto tls = authority.server("localhost");
+  asio::io_context io;
+  ScriptedServer plain(io, {{"", Then::reset, Read::head}}), secure(io, {{"", Then::reset, Read::head}}, &tls);
+  for (const ScriptedServer* server : {&plain, &secure}) {
+    HttpMessagesClient client(key, HttpOptions().base_url(server->url("localhost")).ca_file("ca.pem"));
+    const std::string ending = ask(io, client, make_request(16 << 20));
+    EXPECT_TRUE(ending.starts_with("APIConnectionError: the connection broke off to localhost")) << ending;
+  }
+}
+
 }  // namespace
 }  // namespace vision
