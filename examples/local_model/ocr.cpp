@@ -23,7 +23,7 @@ namespace asio = boost::asio;
 // Letters of 18 CSS pixels are read best at twice their size.
 constexpr double working_width = 2560;
 constexpr double largest_enlargement = 2;
-// Wider than any stroke of a letter at working size, narrower than a button.
+// Wider than any stroke of a letter at working size, narrower than a button. Odd.
 constexpr int stroke_window = 43;
 // Below this the engine guesses at things that are no letters.
 constexpr double min_confidence = 0.3;
@@ -67,15 +67,15 @@ PixPtr decode(std::string_view bytes) {
 }
 
 // Thin dark strokes, black on white, whatever the ground's colour.
-PixPtr dark_strokes(Pix* gray) {
-  const PixPtr ground = checked(pixCloseGray(gray, stroke_window, stroke_window));
+PixPtr dark_strokes(Pix* gray, int window) {
+  const PixPtr ground = checked(pixCloseGray(gray, window, window));
   const PixPtr strokes = checked(pixSubtractGray(nullptr, ground.get(), gray));
   return checked(pixInvert(nullptr, strokes.get()));
 }
 
 // The same for thin light strokes.
-PixPtr light_strokes(Pix* gray) {
-  const PixPtr ground = checked(pixOpenGray(gray, stroke_window, stroke_window));
+PixPtr light_strokes(Pix* gray, int window) {
+  const PixPtr ground = checked(pixOpenGray(gray, window, window));
   const PixPtr strokes = checked(pixSubtractGray(nullptr, gray, ground.get()));
   return checked(pixInvert(nullptr, strokes.get()));
 }
@@ -105,13 +105,15 @@ bool overlap(const Box& a, const Box& b) {
   return a.left < b.right && b.left < a.right && a.top < b.bottom && b.top < a.bottom;
 }
 
-// Adds the light words; where both kinds claim a place the surer one stays.
-void merge(std::vector<Word>& words, std::vector<Word> light) {
-  for (auto& word : light) {
-    if (word.confidence < min_light_confidence) continue;
+// Adds what a further reading has found; where both claim a place the clearly
+// surer one stays.
+void merge(std::vector<Word>& words, std::vector<Word> more, double least_confidence) {
+  constexpr double clearly = 0.1;
+  for (auto& word : more) {
+    if (word.confidence < least_confidence) continue;
     const auto rival = [&word](const Word& other) { return overlap(word.box, other.box); };
     const bool beaten = std::any_of(words.begin(), words.end(), [&](const Word& other) {
-      return rival(other) && other.confidence + 0.1 >= word.confidence;
+      return rival(other) && other.confidence + clearly >= word.confidence;
     });
     if (beaten) continue;
     words.erase(std::remove_if(words.begin(), words.end(), rival), words.end());
@@ -119,6 +121,12 @@ void merge(std::vector<Word>& words, std::vector<Word> light) {
   }
 }
 
+PixPtr resized(Pix* gray, double scale) {
+  return checked(pixScale(gray, static_cast<float>(scale), static_cast<float>(scale)));
+}
+
+// Three readings: dark letters, the same at half the size, where the engine
+// manages the few large ones that it stumbles over, and light letters.
 Picture read_picture(Engine& engine, std::string_view bytes) {
   const PixPtr image = decode(bytes);
   Picture picture;
@@ -126,9 +134,11 @@ Picture read_picture(Engine& engine, std::string_view bytes) {
   picture.height = pixGetHeight(image.get());
   const double scale = std::min(working_width / picture.width, largest_enlargement);
   const PixPtr gray = checked(pixConvertTo8(image.get(), 0));
-  const PixPtr scaled = checked(pixScale(gray.get(), static_cast<float>(scale), static_cast<float>(scale)));
-  picture.words = words_in(engine, dark_strokes(scaled.get()).get(), scale);
-  merge(picture.words, words_in(engine, light_strokes(scaled.get()).get(), scale));
+  const PixPtr large = resized(gray.get(), scale);
+  const PixPtr small = resized(gray.get(), scale / 2);
+  picture.words = words_in(engine, dark_strokes(large.get(), stroke_window).get(), scale);
+  merge(picture.words, words_in(engine, dark_strokes(small.get(), stroke_window / 2).get(), scale / 2), min_confidence);
+  merge(picture.words, words_in(engine, light_strokes(large.get(), stroke_window).get(), scale), min_light_confidence);
   return picture;
 }
 

@@ -10,6 +10,18 @@ bool same_row(const Box& a, const Box& b) {
   return overlap > 0.5 * std::min(a.height(), b.height());
 }
 
+// Readers see blanks that are not there. A real one is a third of the height of
+// the words around it or more; between the letters of a word it is a fifth.
+bool is_split(const Box& left, const Box& right) {
+  return right.left - left.right < 0.27 * std::max(left.height(), right.height());
+}
+
+void append(Word& word, const Word& more) {
+  word.text += more.text;
+  word.box = around(word.box, more.box);
+  word.confidence = std::min(word.confidence, more.confidence);
+}
+
 }  // namespace
 
 Box around(const Box& a, const Box& b) noexcept {
@@ -28,6 +40,8 @@ std::vector<TextLine> text_lines(const Picture& picture) {
     });
     if (home == lines.end()) {
       lines.push_back({std::move(word)});
+    } else if (is_split(home->back().box, word.box)) {
+      append(home->back(), word);
     } else {
       home->push_back(std::move(word));
     }

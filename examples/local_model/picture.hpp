@@ -36,7 +36,8 @@ struct Picture {
 /// would have.
 using TextLine = std::vector<Word>;
 
-/// The words as lines, from top to bottom.
+/// The words as lines, from top to bottom. Words too close to have a blank between
+/// them become one.
 std::vector<TextLine> text_lines(const Picture& picture);
 
 /// The words with one blank between them.
