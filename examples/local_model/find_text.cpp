@@ -4,12 +4,17 @@
 #include <cctype>
 #include <numeric>
 
+#include "vision/text/utf8.hpp"
+
 namespace local_model {
 namespace {
 
-bool is_word_byte(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  return byte >= 0x80 || std::isalnum(byte) != 0;
+bool is_blank(char32_t c) {
+  return c == U' ' || (c >= 0x09 && c <= 0x0d) || c == 0xa0;
+}
+
+bool is_punctuation(char c) {
+  return std::ispunct(static_cast<unsigned char>(c)) != 0;
 }
 
 struct Candidate {
@@ -34,8 +39,11 @@ std::optional<Candidate> best_run(const TextLine& line, std::size_t first, const
     text += line[last].text;
     box = around(box, line[last].box);
     sureness += line[last].confidence;
-    const std::size_t distance = edit_distance(comparable(text), wanted);
-    if (distance > tolerance) continue;
+    const std::string read = comparable(text);
+    const std::size_t distance = edit_distance(read, wanted);
+    // A misread letter may become two or vanish; a missing word is another text.
+    const std::size_t lengths_apart = std::max(read.size(), wanted.size()) - std::min(read.size(), wanted.size());
+    if (distance > tolerance || lengths_apart > 1) continue;
     Candidate candidate;
     candidate.likeness = 1.0 - static_cast<double>(distance) / static_cast<double>(wanted.size());
     candidate.alone = first == 0 && last + 1 == line.size();
@@ -51,13 +59,20 @@ std::optional<Candidate> best_run(const TextLine& line, std::size_t first, const
 }  // namespace
 
 std::string comparable(std::string_view text) {
-  while (!text.empty() && !is_word_byte(text.front())) text.remove_prefix(1);
-  while (!text.empty() && !is_word_byte(text.back())) text.remove_suffix(1);
   std::string out;
-  for (const char c : text) {
-    if (std::isspace(static_cast<unsigned char>(c)) != 0) continue;
-    out += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  while (!text.empty()) {
+    const auto c = vision::text::next_code_point(text);
+    text.remove_prefix(c.size);
+    const bool typographic = c.value >= 0x2000 && c.value <= 0x206f;  // dashes, curly quotation marks, odd blanks
+    if (typographic || is_blank(c.value)) continue;
+    if (c.value < 0x80) {
+      out += static_cast<char>(std::tolower(static_cast<int>(c.value)));
+    } else {
+      vision::text::append_utf8(out, c.value);
+    }
   }
+  while (!out.empty() && is_punctuation(out.back())) out.pop_back();
+  out.erase(out.begin(), std::find_if_not(out.begin(), out.end(), is_punctuation));
   return out;
 }
 
