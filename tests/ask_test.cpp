@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/environment.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/scripted.hpp"
 #include "vision/client/api_error.hpp"
@@ -154,15 +155,51 @@ TEST_F(Ask, NothingIsSentOrRecordedBeforeTheGate) {
   EXPECT_EQ(client().metrics.call_count, 1);
 }
 
-TEST_F(Ask, CancellationPassesAndIsNotRecorded) {
-  for (const double when : {0.0, 0.2, 0.5, 1.9, 2.2}) {  // sending, its last turn, the pause, the second attempt
+TEST_F(Ask, CancelledAtAnyTurnMeansNotRecorded) {
+  bool finished = false;
+  for (std::size_t turn = 0; !finished; ++turn) {
     model->steps.clear();
     model->fail(APIConnectionError("x")).answer(proposal("click", 1), 1);
-    world.cancel_after(when);
-    EXPECT_THROW(ask(), boost::system::system_error) << when;
-    EXPECT_EQ(world.time->pending(), 0u);
+    world.cancel_at_turn(turn);
+    try {
+      ask();
+      finished = true;
+    } catch (const boost::system::system_error&) {
+      ASSERT_EQ(client().metrics.call_count, 0) << "cancelled at turn " << turn;
+    }
+    ASSERT_EQ(world.time->pending(), 0u);
   }
-  EXPECT_EQ(client().metrics.call_count, 0);
+  EXPECT_EQ(client().metrics.call_count, 1);
+}
+
+TEST_F(Ask, AHostThatCancelsFromWithinIsCancelled) {
+  const auto cancel = [this] { world.cancel.emit(asio::cancellation_type::terminal); };
+  model->answer(proposal("click", 1)).answer(proposal("click", 1));
+  options.on_action([&](const ActionResult&, const FlowContext&) -> asio::awaitable<void> {
+    cancel();
+    co_return;
+  });
+  EXPECT_THROW(ask(), boost::system::system_error);
+  test::ScriptedPage page;
+  page.before = [&](std::string) -> asio::awaitable<void> {
+    cancel();
+    co_return;
+  };
+  EXPECT_THROW(world.run(client().act(page, context)), boost::system::system_error);
+}
+
+TEST_F(Ask, TheProcessWideClient) {
+  reset_default_metrics();
+  {
+    const test::ScopedEnv no_key("ANTHROPIC_API_KEY", std::nullopt);
+    EXPECT_THROW(default_client(), std::runtime_error);
+  }
+  const test::ScopedEnv key("ANTHROPIC_API_KEY", "a-key");
+  VisionClient& made = default_client();
+  EXPECT_EQ(&made, &default_client());
+  made.metrics.call_count = 50;
+  reset_default_metrics();
+  EXPECT_EQ(made.metrics.call_count, 0);
 }
 
 TEST_F(Ask, ScreenshotMetadata) {

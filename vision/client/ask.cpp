@@ -24,7 +24,6 @@ struct VisionClient::Call {
   const FlowContext& flow_context;
   runtime::TimeSource& time;
   runtime::Duration t0;
-  bool recorded = false;
 };
 
 namespace {
@@ -35,7 +34,7 @@ asio::awaitable<boost::json::value> send(MessagesClient& client, const MessagesR
   co_return co_await client.create(request);
 }
 
-asio::awaitable<void> run_hook(const OnAction& hook, const ActionResult& result, const FlowContext& flow_context) {
+asio::awaitable<void> call_hook(const OnAction& hook, const ActionResult& result, const FlowContext& flow_context) {
   co_await hook(result, flow_context);
 }
 
@@ -61,56 +60,69 @@ asio::awaitable<ActionResult> VisionClient::ask_body(Bytes image, ImgMeta img_me
     auto response = co_await runtime::with_deadline(send(*_client, request), limit);
     std::exception_ptr error = response.error();
     if (response.has_value()) {
-      auto result = co_await runtime::settle(accept(response.value(), call));
-      if (result.has_value()) co_return std::move(result.value());
-      error = result.error();
+      auto result = accept(response.value(), call, error);
+      if (result) {
+        co_await run_hook(*result, flow_context);
+        _log_call(*result, flow_context);
+        co_return std::move(*result);
+      }
     }
     const double latency_ms = call.elapsed_ms();
     if (response.timed_out()) {
       log::line(spdlog::level::warn, "vision: timeout after %.0fms (model=%s, workflow=%s)", latency_ms, call.model,
-                detail::context_text(flow_context, "workflow_name", "?"));
+                [&] { return detail::context_text(flow_context, "workflow_name", "?"); });
       co_return _failure("vision timeout after " + options.timeout_s().text() + "s", call.model, latency_ms);
     }
     const std::string error_text = text::full_exception_text(error);
     if (!is_transport_error(error)) {
       log::error_with_stack("vision: unexpected error", error_text);
-      std::string reason = "unexpected error: " + error_text;
-      co_return call.recorded ? _failure_result(std::move(reason), call.model, latency_ms)
-                              : _failure(std::move(reason), call.model, latency_ms);
+      co_return _failure("unexpected error: " + error_text, call.model, latency_ms);
     }
     if (attempt + 1 == attempts) co_return _failure("transport error: " + error_text, call.model, latency_ms);
-    log::line(spdlog::level::info, "vision: transport error, retrying once: %s", text::describe(error).message);
+    log::line(spdlog::level::info, "vision: transport error, retrying once: %s",
+              [&] { return text::describe(error).message; });
     co_await runtime::sleep_for(runtime::to_duration(TRANSPORT_RETRY_DELAY_S));
   }
   co_return _failure("unreachable retry branch exhausted", call.model, 0.0);
 }
 
-asio::awaitable<ActionResult> VisionClient::accept(const boost::json::value& response, Call& call) {
-  ActionResult result = _parse_response(response, call.model, call.elapsed_ms(), call.img_meta);
-  metrics.record(result);
-  call.recorded = true;
-  if (_on_action) {
-    const auto hook = co_await runtime::settle(runtime::done(run_hook(_on_action, result, call.flow_context)));
-    if (hook.error()) log::line(spdlog::level::warn, "on_action hook raised: %s", text::describe(hook.error()).message);
+// Parses and records without suspending, so that a call is either cancelled or
+// recorded.
+std::optional<ActionResult> VisionClient::accept(const boost::json::value& response, const Call& call,
+                                                 std::exception_ptr& error) {
+  try {
+    ActionResult result = _parse_response(response, call.model, call.elapsed_ms(), call.img_meta);
+    metrics.record(result);
+    return result;
+  } catch (...) {
+    error = std::current_exception();
+    return std::nullopt;
   }
-  _log_call(result, call.flow_context);
-  co_return result;
 }
 
-ActionResult VisionClient::_failure(std::string reason, const std::string& model, double latency_ms) {
-  ActionResult result = _failure_result(std::move(reason), model, latency_ms);
+asio::awaitable<void> VisionClient::run_hook(const ActionResult& result, const FlowContext& flow_context) {
+  if (!_on_action) co_return;
+  const auto hook = co_await runtime::settle(runtime::done(call_hook(_on_action, result, flow_context)));
+  if (!hook.error()) co_return;
+  log::line(spdlog::level::warn, "on_action hook raised: %s", [&] { return text::describe(hook.error()).message; });
+}
+
+ActionResult VisionClient::_failure(std::string reason, const std::string& model, double latency_ms,
+                                    std::int64_t in_tok, std::int64_t out_tok) {
+  ActionResult result = _failure_result(std::move(reason), model, latency_ms, in_tok, out_tok);
   metrics.record(result);
   return result;
 }
 
 void VisionClient::_log_call(const ActionResult& result, const FlowContext& flow_context) const {
   constexpr std::size_t reason_code_points = 80;
-  if (!log::enabled(spdlog::level::info)) return;
-  log::line(spdlog::level::info,
-            "vision: action=%s confidence=%.2f workflow=%s phase=%s model=%s latency_ms=%.0f tokens=%d/%d reason=%s",
-            result.action, result.confidence, detail::context_text(flow_context, "workflow_name", "?"),
-            detail::context_text(flow_context, "phase", "?"), result.model_used, result.latency_ms, result.input_tokens,
-            result.output_tokens, std::string(text::first_code_points(result.reason, reason_code_points)));
+  log::line(
+      spdlog::level::info,
+      "vision: action=%s confidence=%.2f workflow=%s phase=%s model=%s latency_ms=%.0f tokens=%d/%d reason=%s",
+      result.action, result.confidence, [&] { return detail::context_text(flow_context, "workflow_name", "?"); },
+      [&] { return detail::context_text(flow_context, "phase", "?"); }, result.model_used, result.latency_ms,
+      result.input_tokens, result.output_tokens,
+      [&] { return std::string(text::first_code_points(result.reason, reason_code_points)); });
 }
 
 }  // namespace vision

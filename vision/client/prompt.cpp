@@ -9,6 +9,7 @@
 #include "vision/settings/settings.hpp"
 #include "vision/text/json_text.hpp"
 #include "vision/text/numbers.hpp"
+#include "vision/text/utf8.hpp"
 
 namespace vision {
 namespace {
@@ -37,7 +38,7 @@ bool at_least_two(const json::value& attempts) {
   if (const auto* text = attempts.if_string()) {
     if (const auto number = text::parse_integer(*text)) return *number >= 2;
   }
-  throw ConversionError("flow_context \"attempts\" cannot be read as an integer: " + text::to_json(attempts));
+  throw ConversionError("flow_context \"attempts\" cannot be read as an integer: " + detail::excerpt(attempts));
 }
 
 std::string default_task(const FlowContext& flow_context) {
@@ -65,6 +66,11 @@ namespace detail {
 std::string context_text(const FlowContext& flow_context, std::string_view key, std::string_view fallback) {
   const auto* value = flow_context.if_contains(key);
   return value ? text::plain_text(*value) : std::string(fallback);
+}
+
+std::string excerpt(const json::value& value) {
+  constexpr std::size_t shown = 200;
+  return std::string(text::first_code_points(text::plain_text(value), shown));
 }
 
 }  // namespace detail

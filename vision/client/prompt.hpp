@@ -29,5 +29,8 @@ namespace detail {
 /// The plain text of a context value, `fallback` when the key is missing.
 std::string context_text(const FlowContext& flow_context, std::string_view key, std::string_view fallback);
 
+/// A value as an error message shows it: its plain text, cut at 200 code points.
+std::string excerpt(const boost::json::value& value);
+
 }  // namespace detail
 }  // namespace vision

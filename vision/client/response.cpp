@@ -3,6 +3,7 @@
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
 
+#include "vision/client/prompt.hpp"
 #include "vision/records/coercion.hpp"
 #include "vision/records/errors.hpp"
 #include "vision/settings/settings.hpp"
@@ -52,7 +53,7 @@ double confidence_of(const json::value* input) {
   const auto* value = member(input, "confidence");
   if (!value) return 0.0;
   if (const auto confidence = _opt_float(value)) return *confidence;
-  throw ConversionError("the model's confidence is no number: " + text::to_json(*value));
+  throw ConversionError("the model's confidence is no number: " + detail::excerpt(*value));
 }
 
 std::string text_of(const json::value* input, std::string_view name, std::string_view fallback = "") {

@@ -17,7 +17,7 @@ namespace vision {
 /// Throws InvalidResponse when `content`, or the call's `input`, is missing or
 /// no list or map, and ConversionError when the confidence is no number.
 ActionResult _parse_response(const boost::json::value& response, const std::string& model, double latency_ms,
-                             const std::optional<ImgMeta>& img_meta);
+                             const std::optional<ImgMeta>& img_meta = std::nullopt);
 
 /// The uniform result of a call that failed: declare_failure with confidence 0
 /// and low_confidence false.

@@ -96,7 +96,8 @@ class VisionClient {
   ///
   /// Throws BudgetExceeded when `metrics` already counts the call budget, and
   /// ConversionError when "attempts" in `flow_context` is no integer; nothing is
-  /// sent or recorded then. A cancelled call is not recorded.
+  /// sent or recorded then. A call that is cancelled before its response has been
+  /// read is not recorded; one that is cancelled in the hook has been.
   boost::asio::awaitable<ActionResult> ask(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
                                            AskOptions options = AskOptions());
 
@@ -119,10 +120,12 @@ class VisionClient {
  private:
   struct Call;
 
-  ActionResult _failure(std::string reason, const std::string& model, double latency_ms);
+  ActionResult _failure(std::string reason, const std::string& model, double latency_ms, std::int64_t in_tok = 0,
+                        std::int64_t out_tok = 0);
   void _log_call(const ActionResult& result, const FlowContext& flow_context) const;
 
-  boost::asio::awaitable<ActionResult> accept(const boost::json::value& response, Call& call);
+  std::optional<ActionResult> accept(const boost::json::value& response, const Call& call, std::exception_ptr& error);
+  boost::asio::awaitable<void> run_hook(const ActionResult& result, const FlowContext& flow_context);
   boost::asio::awaitable<ActionResult> ask_body(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
                                                 AskOptions options);
   boost::asio::awaitable<std::pair<Bytes, ImgMeta>> screenshot_body(BrowserPage& page, bool full_page);

@@ -52,13 +52,17 @@ boost::asio::awaitable<void> quiet_wait(Duration limit);
 
 template <class T>
 boost::asio::awaitable<Outcome<T>> guard(boost::asio::awaitable<T> operation) {
-  std::exception_ptr error;
+  Outcome<T> outcome;
   try {
-    co_return Outcome<T>::of(co_await std::move(operation));
+    outcome = Outcome<T>::of(co_await std::move(operation));
   } catch (...) {
-    error = std::current_exception();
+    outcome = Outcome<T>::failed(std::current_exception());
   }
-  co_return Outcome<T>::failed(std::move(error));
+  // A spawned coroutine that never suspended awaits once more inside Asio. Had a
+  // cancellation come meanwhile, that would throw past every catch, out of the
+  // event loop.
+  co_await boost::asio::this_coro::throw_if_cancelled(false);
+  co_return outcome;
 }
 
 }  // namespace detail

@@ -5,8 +5,9 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <optional>
 #include <utility>
+
+#include "vision/runtime/deadline.hpp"
 
 namespace vision::runtime {
 
@@ -25,11 +26,10 @@ class LatchedCancellation {
 
 namespace detail {
 
-// A spawned coroutine's result must be default-constructible, hence optional.
 template <class T>
-boost::asio::awaitable<std::optional<T>> latched(boost::asio::awaitable<T> body) {
+boost::asio::awaitable<Outcome<T>> latched(boost::asio::awaitable<T> body) {
   co_await boost::asio::this_coro::reset_cancellation_state(LatchedCancellation());
-  co_return co_await std::move(body);
+  co_return co_await guard(std::move(body));
 }
 
 }  // namespace detail
@@ -40,8 +40,10 @@ boost::asio::awaitable<std::optional<T>> latched(boost::asio::awaitable<T> body)
 template <class T>
 boost::asio::awaitable<T> entry(boost::asio::awaitable<T> body) {
   const auto executor = co_await boost::asio::this_coro::executor;
-  auto result = co_await boost::asio::co_spawn(executor, detail::latched(std::move(body)), boost::asio::use_awaitable);
-  co_return std::move(*result);
+  auto latched = detail::latched(std::move(body));
+  Outcome<T> outcome = co_await boost::asio::co_spawn(executor, std::move(latched), boost::asio::use_awaitable);
+  if (outcome.error()) std::rethrow_exception(outcome.error());
+  co_return std::move(outcome.value());
 }
 
 }  // namespace vision::runtime

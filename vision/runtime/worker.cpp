@@ -100,6 +100,18 @@ struct Registration {
   ~Registration() { waiters->remove(id); }
 };
 
+struct AllSignalsBlocked {
+  AllSignalsBlocked() {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &previous);
+  }
+  ~AllSignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &previous, nullptr); }
+  AllSignalsBlocked(const AllSignalsBlocked&) = delete;
+  AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
+  sigset_t previous;
+};
+
 // Never destroyed: coroutines on other threads may hand over jobs while the
 // process exits. A forked child inherits the pool without its thread and makes
 // one of its own. The host's signal handlers do not run on the thread.
@@ -109,11 +121,8 @@ asio::thread_pool& worker_thread() {
   static asio::thread_pool* pool = nullptr;
   const std::lock_guard lock(mutex);
   if (owner != ::getpid()) {
-    sigset_t all, previous;
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &previous);
+    const AllSignalsBlocked blocked;  // inherited by the thread
     pool = new asio::thread_pool(1);
-    ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     owner = ::getpid();
   }
   return *pool;

@@ -22,24 +22,11 @@ std::string describe(const boost::stacktrace::frame& frame) {
 
 std::shared_ptr<spdlog::logger> logger() {
   if (auto registered = spdlog::get("vision")) return registered;
-  const auto parent = spdlog::default_logger();
-  if (!parent) return nullptr;
-  try {
-    auto channel = parent->clone("vision");
-    spdlog::register_logger(channel);
-    return channel;
-  } catch (const spdlog::spdlog_ex&) {
-    return spdlog::get("vision");  // another thread was first
-  }
-}
-
-bool enabled(spdlog::level::level_enum level) noexcept {
-  try {
-    const auto channel = logger();
-    return channel && channel->should_log(level);
-  } catch (...) {
-    return false;
-  }
+  // Not registered, so that a host may still register its own; never destroyed,
+  // so that static objects may still log.
+  static const auto& own = *new std::shared_ptr<spdlog::logger>(
+      spdlog::default_logger() ? spdlog::default_logger()->clone("vision") : nullptr);
+  return own;
 }
 
 void write(spdlog::logger& logger, spdlog::level::level_enum level, std::string_view message) noexcept {

@@ -5,6 +5,7 @@
 
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "vision/text/utf8.hpp"
 
@@ -17,20 +18,28 @@ namespace vision::log {
 
 std::shared_ptr<spdlog::logger> logger();
 
-/// Whether a line of this level would be written.
-bool enabled(spdlog::level::level_enum level) noexcept;
-
 /// Hands a finished message to the logger; swallows the sinks' errors.
 void write(spdlog::logger& logger, spdlog::level::level_enum level, std::string_view message) noexcept;
 
-/// One line, printf-style. The arguments are formatted only when the level is
-/// on; what they hold cannot break the line or drive a terminal.
+/// An argument, or what a callable one gives.
+template <class Arg>
+decltype(auto) evaluate(const Arg& arg) {
+  if constexpr (std::is_invocable_v<const Arg&>) {
+    return arg();
+  } else {
+    return (arg);
+  }
+}
+
+/// One line, printf-style. The arguments are evaluated (those that are callables)
+/// and formatted only when the level is on; what they hold cannot break the line
+/// or drive a terminal.
 template <class... Args>
 void line(spdlog::level::level_enum level, const char* format, const Args&... args) noexcept {
   try {
     const auto channel = logger();
     if (!channel || !channel->should_log(level)) return;
-    write(*channel, level, text::one_line(fmt::sprintf(format, args...)));
+    write(*channel, level, text::one_line(fmt::sprintf(format, evaluate(args)...)));
   } catch (...) {
     return;  // a line that cannot be built is lost, its caller goes on
   }

@@ -30,21 +30,25 @@ Host& host() {
   return *instance;
 }
 
+// The host's code is not called under the lock.
 const Models& models() {
   Host& h = host();
-  const std::lock_guard lock(h.mutex);
+  std::unique_lock lock(h.mutex);
   if (h.models) return *h.models;
-  if (!h.registry) {
+  const auto registry = h.registry;
+  lock.unlock();
+  if (!registry) {
     throw std::runtime_error(
         "vision: no model registry. Call vision::set_model_registry() with VISION_LIGHT_MODEL and "
         "VISION_HEAVY_MODEL before the first use.");
   }
-  Models copy{h.registry->VISION_LIGHT_MODEL(), h.registry->VISION_HEAVY_MODEL()};
+  Models copy{registry->VISION_LIGHT_MODEL(), registry->VISION_HEAVY_MODEL()};
   if (copy.light.empty() || copy.heavy.empty()) {
     throw std::runtime_error(std::string("vision: the model registry gives no ") +
                              (copy.light.empty() ? "VISION_LIGHT_MODEL" : "VISION_HEAVY_MODEL") + ".");
   }
-  return h.models.emplace(std::move(copy));
+  lock.lock();
+  return h.models ? *h.models : h.models.emplace(std::move(copy));
 }
 
 }  // namespace
