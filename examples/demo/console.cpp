@@ -41,6 +41,11 @@ std::string advice_for(const std::string& reason) {
   return {};
 }
 
+std::string sentence(std::string text) {
+  if (text.empty() || text.back() != '.') text += '.';
+  return text;
+}
+
 }  // namespace
 
 std::string action_target(const vision::ActionResult& p) {
@@ -72,7 +77,7 @@ std::string summary_text(const MissionEnd& end, const ModelChoice& model) {
 std::string failure_sentence(const MissionEnd& end) {
   if (end.right()) return {};
   if (end.verdict.action != vision::ActionVerb::declare_success) {
-    return "The mission did not succeed: " + one_line(end.verdict.reason) + "." + advice_for(end.verdict.reason);
+    return "The mission did not succeed: " + sentence(one_line(end.verdict.reason)) + advice_for(end.verdict.reason);
   }
   if (end.expected.empty()) return "The answer is wrong: the application has given out no link.";
   if (end.verdict.reason != end.expected) {

@@ -30,9 +30,14 @@ constexpr double min_confidence = 0.3;
 // Light letters are believed only when they read clearly: the same filter turns
 // the gaps between dark letters into shapes, too.
 constexpr double min_light_confidence = 0.75;
+// From here on a word is taken as read.
+constexpr double sure = 0.8;
 
 struct PixDestroyer {
   void operator()(Pix* pix) const noexcept { pixDestroy(&pix); }
+};
+struct BoxDestroyer {
+  void operator()(::Box* box) const noexcept { boxDestroy(&box); }
 };
 using PixPtr = std::unique_ptr<Pix, PixDestroyer>;
 
@@ -121,24 +126,48 @@ void merge(std::vector<Word>& words, std::vector<Word> more, double least_confid
   }
 }
 
+int window_at(double part) {
+  return static_cast<int>(stroke_window * part) | 1;
+}
+
 PixPtr resized(Pix* gray, double scale) {
   return checked(pixScale(gray, static_cast<float>(scale), static_cast<float>(scale)));
 }
 
-// Three readings: dark letters, the same at half the size, where the engine
-// manages the few large ones that it stumbles over, and light letters.
+// Whites out what has been read already: between dark letters there are light
+// shapes, which lead the search for lines of light letters astray.
+void hide(Pix* pix, const std::vector<Word>& words, double scale) {
+  for (const auto& word : words) {
+    if (word.confidence < sure) continue;
+    const double margin = 0.4 * word.box.height();
+    const auto pixels = [scale](double length) { return static_cast<l_int32>(length * scale); };
+    const std::unique_ptr<::Box, BoxDestroyer> box(
+        boxCreate(pixels(word.box.left - margin), pixels(word.box.top - margin), pixels(word.box.width() + 2 * margin),
+                  pixels(word.box.height() + 2 * margin)));
+    if (box) pixSetInRect(pix, box.get());
+  }
+}
+
+// Dark letters, then light ones, each also at half the size, where the engine
+// manages the few large ones that it stumbles over.
 Picture read_picture(Engine& engine, std::string_view bytes) {
   const PixPtr image = decode(bytes);
   Picture picture;
   picture.width = pixGetWidth(image.get());
   picture.height = pixGetHeight(image.get());
-  const double scale = std::min(working_width / picture.width, largest_enlargement);
+  const double full_scale = std::min(working_width / picture.width, largest_enlargement);
   const PixPtr gray = checked(pixConvertTo8(image.get(), 0));
-  const PixPtr large = resized(gray.get(), scale);
-  const PixPtr small = resized(gray.get(), scale / 2);
-  picture.words = words_in(engine, dark_strokes(large.get(), stroke_window).get(), scale);
-  merge(picture.words, words_in(engine, dark_strokes(small.get(), stroke_window / 2).get(), scale / 2), min_confidence);
-  merge(picture.words, words_in(engine, light_strokes(large.get(), stroke_window).get(), scale), min_light_confidence);
+  for (const double part : {1.0, 0.5}) {
+    const double scale = full_scale * part;
+    const PixPtr strokes = dark_strokes(resized(gray.get(), scale).get(), window_at(part));
+    merge(picture.words, words_in(engine, strokes.get(), scale), min_confidence);
+  }
+  for (const double part : {1.0, 0.5}) {
+    const double scale = full_scale * part;
+    const PixPtr strokes = light_strokes(resized(gray.get(), scale).get(), window_at(part));
+    hide(strokes.get(), picture.words, scale);
+    merge(picture.words, words_in(engine, strokes.get(), scale), min_light_confidence);
+  }
   return picture;
 }
 
