@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "vision/runtime/one_shot.hpp"
+#include "vision/text/utf8.hpp"
 
 namespace local_model {
 namespace {
@@ -85,6 +86,17 @@ PixPtr light_strokes(Pix* gray, int window) {
   return checked(pixInvert(nullptr, strokes.get()));
 }
 
+// Buttons and faces are sometimes read as one or two huge letters, and with
+// confidence. Real letters are at most a little wider than high.
+double plausibility(const Word& word) {
+  std::size_t letters = 0;
+  for (std::string_view rest = word.text; !rest.empty(); ++letters) {
+    rest.remove_prefix(vision::text::next_code_point(rest).size);
+  }
+  const double letter_width = word.box.width() / static_cast<double>(letters);
+  return std::min(1.0, 1.3 * word.box.height() / std::max(letter_width, 1.0));
+}
+
 std::vector<Word> words_in(Engine& engine, Pix* pix, double scale) {
   engine.SetImage(pix);
   engine.SetSourceResolution(static_cast<int>(96 * scale));
@@ -99,7 +111,8 @@ std::vector<Word> words_in(Engine& engine, Pix* pix, double scale) {
     Word word;
     word.text = text.get();
     word.box = {left / scale, top / scale, right / scale, bottom / scale};
-    word.confidence = std::clamp(static_cast<double>(place->Confidence(tesseract::RIL_WORD)) / 100, 0.0, 1.0);
+    const double claimed = place->Confidence(tesseract::RIL_WORD) / 100.0;
+    word.confidence = std::clamp(claimed, 0.0, 1.0) * plausibility(word);
     if (word.confidence >= min_confidence) words.push_back(std::move(word));
   } while (place->Next(tesseract::RIL_WORD));
   engine.Clear();
