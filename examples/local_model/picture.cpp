@@ -11,9 +11,11 @@ bool same_row(const Box& a, const Box& b) {
 }
 
 // Readers see blanks that are not there. A real one is a third of the height of
-// the words around it or more; between the letters of a word it is a fifth.
+// the words around it or more; between the letters of a word it is a fifth. What
+// differs much in height is no part of the same word, but a sign beside it.
 bool is_split(const Box& left, const Box& right) {
-  return right.left - left.right < 0.27 * std::max(left.height(), right.height());
+  const auto [low, high] = std::minmax({left.height(), right.height()});
+  return right.left - left.right < 0.27 * high && high < 1.8 * low;
 }
 
 void append(Word& word, const Word& more) {

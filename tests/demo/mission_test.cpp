@@ -141,11 +141,13 @@ TEST(FindText, ForgivesTheReaderAndNothingElse) {
 TEST(TextLines, ColumnsAreApartAndSplitWordsTogether) {
   std::vector<TextLine> parts = {line_at(400, 2, {"Right", "column"}), line_at(0, 0, {"To", "do"}),
                                  line_at(0, 40, {"pinwall.test/river-42", "72"}, 4)};
-  const auto lines = text_lines(picture_of(parts));
+  Picture picture = picture_of(parts);
+  picture.words.push_back({"(a)", {-50, 28, -4, 74}, 0.5});  // a round sign, close to the word on its right
+  const auto lines = text_lines(picture);
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(joined(lines[0]), "To do");
   EXPECT_EQ(joined(lines[1]), "Right column");
-  EXPECT_EQ(joined(lines[2]), "pinwall.test/river-4272");
+  EXPECT_EQ(joined(lines[2]), "(a) pinwall.test/river-4272");
 }
 
 /// Plays a mission against pictures, with the loop's own history and repeat rule.
