@@ -11,6 +11,7 @@
 #include "chromium/launch_options.hpp"
 #include "chromium/page.hpp"
 
+/// Pages on a real Chromium over the DevTools protocol.
 namespace vision::chromium {
 
 class BrowserProcess;
@@ -20,11 +21,12 @@ class Session;
 /// An open page as the browser lists it.
 class PageInfo {
  public:
+  /// All three members, in their order.
   PageInfo(std::string id, std::string page_url, std::string page_title)
       : target_id(std::move(id)), url(std::move(page_url)), title(std::move(page_title)) {}
   std::string target_id;  ///< what attach() takes
-  std::string url;
-  std::string title;
+  std::string url;        ///< of its main frame
+  std::string title;      ///< as the browser shows it
 };
 
 /// A Chromium that runs, started by launch() or found by connect().
@@ -51,6 +53,7 @@ class Browser {
   /// A new empty page in a window of its own. Throws std::invalid_argument for a
   /// viewport or a device pixel ratio out of its range.
   boost::asio::awaitable<std::shared_ptr<ChromiumPage>> new_page(PageOptions options);
+  /// The same with the default viewport.
   boost::asio::awaitable<std::shared_ptr<ChromiumPage>> new_page();
 
   /// Ends a launched browser and completes when its processes and its profile
@@ -76,6 +79,7 @@ class Browser {
 /// object or with this process, also when that is killed. Throws BrowserError
 /// when it cannot be started, with the end of what it wrote to standard error.
 boost::asio::awaitable<std::shared_ptr<Browser>> launch(LaunchOptions options);
+/// The same with default options.
 boost::asio::awaitable<std::shared_ptr<Browser>> launch();
 
 /// Connects to a running browser: "http://127.0.0.1:9222" (its debugging port) or
@@ -83,6 +87,7 @@ boost::asio::awaitable<std::shared_ptr<Browser>> launch();
 /// any other URL and, unless allowed, for a host other than this machine;
 /// BrowserError or system_error when no browser answers there.
 boost::asio::awaitable<std::shared_ptr<Browser>> connect(std::string url, ConnectOptions options);
+/// The same with default options.
 boost::asio::awaitable<std::shared_ptr<Browser>> connect(std::string url);
 
 }  // namespace vision::chromium

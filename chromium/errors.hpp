@@ -34,9 +34,11 @@ class PageCrashedError : public BrowserError {
 /// The browser refused a command.
 class ProtocolError : public BrowserError {
  public:
+  /// `method` is the command refused; `code` and `message` are the browser's.
   ProtocolError(const std::string& method, int code, const std::string& message)
       : BrowserError(method + ": " + message + " (" + std::to_string(code) + ")"), code_(code), message_(message) {}
   const char* kind_name() const noexcept override { return "ProtocolError"; }
+  /// The browser's error number.
   int code() const noexcept { return code_; }
   /// The browser's own words.
   const std::string& browser_message() const noexcept { return message_; }
@@ -46,9 +48,11 @@ class ProtocolError : public BrowserError {
   std::string message_;
 };
 
-/// No answer came within the time limit of a command or of a page load.
+/// No answer came within the time limit of a command or of a page load. Its kind
+/// name is "TimeoutError".
 class CommandTimeout : public BrowserError {
  public:
+  /// `what` was waited for, `limit_ms` milliseconds long.
   CommandTimeout(const std::string& what, long long limit_ms)
       : BrowserError(what + ": Timeout " + std::to_string(limit_ms) + "ms exceeded") {}
   const char* kind_name() const noexcept override { return "TimeoutError"; }

@@ -37,11 +37,14 @@ class LaunchOptions {
     return *this;
   }
 
+  ///@{
+  /// The value that was set, or its default.
   const std::string& executable() const noexcept { return executable_; }
   bool headless() const noexcept { return headless_; }
   const std::vector<std::string>& arguments() const noexcept { return arguments_; }
   std::chrono::milliseconds launch_timeout() const noexcept { return launch_timeout_; }
   std::chrono::milliseconds command_timeout() const noexcept { return command_timeout_; }
+  ///@}
 
  private:
   std::string executable_ = "chromium";
@@ -67,8 +70,11 @@ class ConnectOptions {
     return *this;
   }
 
+  ///@{
+  /// The value that was set, or its default.
   std::chrono::milliseconds command_timeout() const noexcept { return command_timeout_; }
   bool allow_remote() const noexcept { return allow_remote_; }
+  ///@}
 
  private:
   std::chrono::milliseconds command_timeout_{30'000};
@@ -91,9 +97,12 @@ class PageOptions {
     return *this;
   }
 
+  ///@{
+  /// The value that was set, or its default.
   int width() const noexcept { return width_; }
   int height() const noexcept { return height_; }
   double device_pixel_ratio() const noexcept { return device_pixel_ratio_; }
+  ///@}
 
  private:
   int width_ = 1280;

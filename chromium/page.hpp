@@ -51,6 +51,7 @@ class ChromiumPage : public BrowserPage {
   /// was attached to or last shot, absent when it could not be told.
   std::optional<boost::json::object> viewport_size() override;
 
+  /// A click completes when the page has handled press and release.
   Mouse& mouse() override;
   /// press() throws std::invalid_argument, `Unknown key: "Foo"`, before anything
   /// is sent. type() sends characters off the US layout as text without key
@@ -64,6 +65,7 @@ class ChromiumPage : public BrowserPage {
   /// Closes the page, whoever opened it, without asking it. Can be called again.
   boost::asio::awaitable<void> close();
 
+  /// What Browser::attach takes; stays the same for the page's life.
   const std::string& target_id() const noexcept { return target_id_; }
 
  private:

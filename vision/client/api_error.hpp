@@ -6,11 +6,12 @@
 
 #include "vision/text/errors.hpp"
 
+/// @file
 /// What a call of the Messages API can fail with. The message never holds the
-/// API key or the request body.
+/// API key or the request body. `kind_name()` is the name of the class.
 namespace vision {
 
-/// The root of the family.
+/// The root of the family; on its own an error of none of the kinds below.
 class APIError : public std::runtime_error, public NamedError {
  public:
   using std::runtime_error::runtime_error;
@@ -42,24 +43,30 @@ class APIResponseValidationError : public APIError {
 /// A response whose HTTP status says that the call failed.
 class APIStatusError : public APIError {
  public:
+  /// What is known of the response besides its message.
   struct Details {
     int status = 0;          ///< the HTTP status
     std::string type;        ///< the vendor's error type, for example "overloaded_error"; may be empty
     std::string request_id;  ///< the vendor's identifier of the request; may be empty
   };
 
+  /// `message` becomes what(). throw_status_error() picks the class by the status.
   APIStatusError(const std::string& message, Details details) : APIError(message), details_(std::move(details)) {}
   const char* kind_name() const noexcept override { return "APIStatusError"; }
 
+  ///@{
+  /// The members of the Details given.
   int status() const noexcept { return details_.status; }
   const std::string& type() const noexcept { return details_.type; }
   const std::string& request_id() const noexcept { return details_.request_id; }
+  ///@}
 
  private:
   Details details_;
 };
 
 // clang-format off
+/// Defines the error class of one status. Not for users: undefined below.
 #define VISION_STATUS_ERROR(name)                                             \
   class name : public APIStatusError {                                        \
    public:                                                                    \

@@ -14,12 +14,17 @@ namespace vision {
 /// real, because messages show it as it was given (8 or 20.0).
 class Seconds {
  public:
+  /// Seconds given as an integer, shown without a point: 8. Implicit, so that a
+  /// plain number can be passed.
   template <std::integral T>
   Seconds(T value) : value_(static_cast<double>(value)), is_integer_(true) {}
+  /// Seconds given as a real, shown with a point: 20.0.
   template <std::floating_point T>
   Seconds(T value) : value_(static_cast<double>(value)), is_integer_(false) {}
 
+  /// The number of seconds.
   double value() const noexcept { return value_; }
+  /// The number as messages show it.
   std::string text() const;
 
  private:
@@ -54,10 +59,13 @@ class AskOptions {
     return *this;
   }
 
+  ///@{
+  /// The value that was set, or its default.
   const std::optional<std::string>& prompt() const noexcept { return prompt_; }
   bool high_stakes() const noexcept { return high_stakes_; }
   const Seconds& timeout_s() const noexcept { return timeout_s_; }
   bool transport_retry() const noexcept { return transport_retry_; }
+  ///@}
 
  private:
   std::optional<std::string> prompt_;

@@ -18,10 +18,15 @@ class MessagesRequest {
   MessagesRequest(std::string model, std::shared_ptr<const std::string> prefix, Bytes image,
                   std::string_view user_text);
 
+  /// The identifier of the model that is asked.
   const std::string& model() const noexcept { return model_; }
+  /// The PNG, not yet base64.
   const Bytes& image() const noexcept { return image_; }
+  ///@{
+  /// The JSON text before and after the base64 text. Valid as long as the request.
   std::string_view prefix() const noexcept { return *prefix_; }
   std::string_view suffix() const noexcept { return suffix_; }
+  ///@}
 
   /// The whole request as one JSON text, for transports that cannot stream.
   std::string body() const;

@@ -15,14 +15,22 @@ namespace vision {
 /// keys were first counted.
 class Counter {
  public:
+  /// A key and how often it was counted.
   using Entry = std::pair<std::string, std::int64_t>;
 
+  /// Counts `key` once more.
   void increment(std::string_view key);
+  /// How often `key` was counted; 0 for one that never was.
   std::int64_t operator[](std::string_view key) const;
+  ///@{
+  /// The entries, in the order in which their keys were first counted. Counting
+  /// invalidates iterators.
   std::vector<Entry>::const_iterator begin() const noexcept { return entries_.begin(); }
   std::vector<Entry>::const_iterator end() const noexcept { return entries_.end(); }
   std::size_t size() const noexcept { return entries_.size(); }
   bool empty() const noexcept { return entries_.empty(); }
+  ///@}
+  /// Forgets everything.
   void clear() noexcept;
 
  private:
@@ -36,7 +44,7 @@ class Counter {
 /// runs the client's calls.
 class VisionMetrics {
  public:
-  std::int64_t call_count = 0;
+  std::int64_t call_count = 0;           ///< finished calls, those that failed included
   std::int64_t total_input_tokens = 0;   ///< saturates at the ends of 64 bits
   std::int64_t total_output_tokens = 0;  ///< saturates at the ends of 64 bits
   std::vector<double> latencies_ms;      ///< of every call, in recording order

@@ -22,8 +22,11 @@ namespace vision {
 
 class BrowserPage;
 
-/// Run after each parsed result, with the flow_context that `ask` received. What
-/// it throws is logged and dropped.
+/// A hook that sees the result of every response, that of one without a tool call
+/// included, and the flow_context that `ask` received; calls that got no response
+/// do not reach it. Both references are valid until its awaitable ends, which the
+/// call waits for without a limit. What it throws is logged as a warning and
+/// dropped.
 using OnAction = std::function<boost::asio::awaitable<void>(const ActionResult&, const FlowContext&)>;
 
 /// The optional parameters of VisionClient's constructors.
@@ -47,15 +50,19 @@ class VisionClientOptions {
     call_budget_ = value;
     return *this;
   }
+  /// Run on the result of each response, before the call returns. Default: none.
   VisionClientOptions& on_action(OnAction value) {
     on_action_ = std::move(value);
     return *this;
   }
 
+  ///@{
+  /// The value that was set, or its default.
   const std::string& api_key() const noexcept { return api_key_; }
   const std::optional<std::string>& default_model() const noexcept { return default_model_; }
   std::int64_t call_budget() const noexcept { return call_budget_; }
   const OnAction& on_action() const noexcept { return on_action_; }
+  ///@}
 
  private:
   std::string api_key_;

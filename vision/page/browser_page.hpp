@@ -43,7 +43,10 @@ class ScreenshotOptions {
     full_page_ = value;
     return *this;
   }
+  ///@{
+  /// The value that was set, or its default.
   bool full_page() const noexcept { return full_page_; }
+  ///@}
 
  private:
   bool full_page_ = false;
@@ -67,8 +70,12 @@ class BrowserPage {
   /// A map with "width" and "height" in CSS pixels, or absent when the page has
   /// no fixed viewport. A remembered value, not a measurement.
   virtual std::optional<boost::json::object> viewport_size() = 0;
+  ///@{
+  /// The page's input devices, valid as long as the page. The scripted side may use
+  /// them too.
   virtual Mouse& mouse() = 0;
   virtual Keyboard& keyboard() = 0;
+  ///@}
 };
 
 }  // namespace vision

@@ -14,6 +14,7 @@ namespace vision {
 /// An optional field that is absent differs from zero and from the empty text.
 /// Only results parsed from a model's answer have their ratios clamped to 0..1.
 struct ActionResult {
+  /// The four members that every result has; the others are set one by one.
   ActionResult(std::string verb, std::string justification, double certainty, std::string expected_state)
       : action(std::move(verb)),
         reason(std::move(justification)),
@@ -38,6 +39,7 @@ struct ActionResult {
   std::int64_t input_tokens = 0;   ///< as reported by the vendor
   std::int64_t output_tokens = 0;  ///< as reported by the vendor
 
+  /// Equal in every member.
   friend bool operator==(const ActionResult&, const ActionResult&) = default;
 };
 

@@ -10,6 +10,8 @@ namespace vision {
 /// five ask for something on the page; the last three are verdicts for the
 /// caller and never touch it.
 struct ActionVerb {
+  ///@{
+  /// The verb's text, as it stands in requests, results and records.
   static constexpr std::string_view click = "click";
   static constexpr std::string_view type = "type";
   static constexpr std::string_view scroll = "scroll";
@@ -18,10 +20,13 @@ struct ActionVerb {
   static constexpr std::string_view escalate_to_cua = "escalate_to_cua";
   static constexpr std::string_view declare_success = "declare_success";
   static constexpr std::string_view declare_failure = "declare_failure";
+  ///@}
 
+  /// All verbs, in the order in which the model is told them.
   static constexpr std::array<std::string_view, 8> all = {
       click, type, scroll, key, wait, escalate_to_cua, declare_success, declare_failure};
 
+  /// Whether a verb is one of the last three. False for what is no verb.
   static constexpr bool is_verdict(std::string_view verb) noexcept {
     return verb == escalate_to_cua || verb == declare_success || verb == declare_failure;
   }

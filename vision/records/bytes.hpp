@@ -12,15 +12,20 @@ namespace vision {
 /// bytes and may be used from any thread.
 class Bytes {
  public:
+  /// An empty byte string.
   Bytes() = default;
   /// Takes the buffer over.
   explicit Bytes(std::string buffer) : buffer_(std::make_shared<const std::string>(std::move(buffer))) {}
 
+  ///@{
+  /// The bytes. Valid as long as any copy lives.
   const char* data() const noexcept { return view().data(); }
   std::size_t size() const noexcept { return view().size(); }
   bool empty() const noexcept { return size() == 0; }
   std::string_view view() const noexcept { return buffer_ ? std::string_view(*buffer_) : std::string_view(); }
+  ///@}
 
+  /// Equal byte by byte.
   friend bool operator==(const Bytes& a, const Bytes& b) noexcept { return a.view() == b.view(); }
 
  private:

@@ -12,19 +12,22 @@ namespace vision {
 /// metrics are reset, and hand over to the computer-use agent.
 class BudgetExceeded : public std::runtime_error, public NamedError {
  public:
+  /// `budget` is the number of calls that was allowed.
   explicit BudgetExceeded(std::int64_t budget)
       : std::runtime_error("Vision call budget " + std::to_string(budget) + " exceeded — escalate to CUA") {}
   const char* kind_name() const noexcept override { return "BudgetExceeded"; }
 };
 
-/// A loosely typed value that cannot become what its place needs.
+/// A loosely typed value that cannot become what its place needs: "attempts" in a
+/// flow context, a page's viewport size, a number in a model's answer.
 class ConversionError : public std::runtime_error, public NamedError {
  public:
   using std::runtime_error::runtime_error;
   const char* kind_name() const noexcept override { return "ConversionError"; }
 };
 
-/// A model's answer that lacks what every answer has.
+/// A model's answer that lacks what every answer has. Never leaves the ask call,
+/// which makes a declare_failure result of it.
 class InvalidResponse : public std::runtime_error, public NamedError {
  public:
   using std::runtime_error::runtime_error;

@@ -7,6 +7,7 @@ namespace vision {
 /// What is known of a screenshot besides its pixels. Ratios in an ActionResult
 /// are fractions of `width_css` and `height_css`. A value.
 struct ImgMeta {
+  /// All four members, in their order.
   ImgMeta(std::int64_t width, std::int64_t height, double pixel_ratio, double seconds)
       : width_css(width), height_css(height), dpr(pixel_ratio), captured_at(seconds) {}
 
@@ -15,6 +16,7 @@ struct ImgMeta {
   double dpr;               ///< device pixel ratio
   double captured_at;       ///< seconds since the Unix epoch
 
+  /// Equal in every member.
   friend bool operator==(const ImgMeta&, const ImgMeta&) = default;
 };
 

@@ -6,6 +6,7 @@
 #include <type_traits>
 #include <variant>
 
+/// @file
 /// Calling a host's asynchronous operation of any result type.
 namespace vision::runtime {
 

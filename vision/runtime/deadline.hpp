@@ -13,6 +13,7 @@
 
 #include "vision/runtime/time.hpp"
 
+/// @file
 /// How an operation ended, told apart once and in one order. This is the only
 /// place of the library with a broad catch around an await; it lets the
 /// caller's cancellation out and nothing else.
@@ -23,12 +24,19 @@ template <class T>
 class Outcome {
  public:
   Outcome() = default;  // only so that Asio can hold one; never handed out
+  ///@{
+  /// An outcome of each kind. `error` must not be null.
   static Outcome of(T value) { return Outcome(State(std::in_place_index<1>, std::move(value))); }
   static Outcome failed(std::exception_ptr error) { return Outcome(State(std::in_place_index<2>, std::move(error))); }
   static Outcome expired() { return Outcome(State(std::in_place_index<3>)); }
+  ///@}
 
+  ///@{
+  /// Of which kind it is; neither for an error.
   bool has_value() const noexcept { return state_.index() == 1; }
   bool timed_out() const noexcept { return state_.index() == 3; }
+  ///@}
+  /// The value. Throws std::bad_variant_access when there is none.
   T& value() { return std::get<1>(state_); }
   /// Null unless the operation failed.
   std::exception_ptr error() const { return state_.index() == 2 ? std::get<2>(state_) : nullptr; }

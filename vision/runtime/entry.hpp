@@ -15,6 +15,7 @@ namespace vision::runtime {
 /// later, weaker signal would otherwise erase an earlier terminal one.
 class LatchedCancellation {
  public:
+  /// The filter: gives what the coroutine is to see of a request.
   boost::asio::cancellation_type_t operator()(boost::asio::cancellation_type_t requested) noexcept {
     if (requested != boost::asio::cancellation_type::none) latched_ = boost::asio::cancellation_type::terminal;
     return latched_;

@@ -8,11 +8,17 @@
 #include <cstdint>
 #include <memory>
 
+/// @file
 /// The library's only source of time. It belongs to the execution context, so
 /// a test that installs a virtual one on its io_context lets a minute pass in
 /// microseconds, and no signature carries a clock.
+
+/// Time, time limits and cancellation. Of it a host needs TimeSource and
+/// install_time_source, for tests in virtual time; the rest stands in installed
+/// headers because templates use it, and may change with every release.
 namespace vision::runtime {
 
+/// Every span of time in the library.
 using Duration = std::chrono::nanoseconds;
 
 /// A clock pair and a way to wait. Used from the context's own threads only.

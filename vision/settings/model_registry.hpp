@@ -8,7 +8,9 @@
 namespace vision {
 
 /// What the host application supplies: the choice of models, and optionally
-/// where the API key comes from.
+/// where the API key comes from. Asked on whichever thread needs it first. What the
+/// model names throw passes to that caller; an error on the way to the key only
+/// means that the environment is asked next.
 class ModelRegistry {
  public:
   virtual ~ModelRegistry() = default;
@@ -27,6 +29,7 @@ class ModelRegistry {
 /// A registry of two fixed names, with the key left to the environment.
 class StaticModelRegistry : public ModelRegistry {
  public:
+  /// Model identifiers as the vendor writes them, neither empty.
   StaticModelRegistry(std::string light, std::string heavy) : light_(std::move(light)), heavy_(std::move(heavy)) {}
   std::string VISION_LIGHT_MODEL() const override { return light_; }
   std::string VISION_HEAVY_MODEL() const override { return heavy_; }

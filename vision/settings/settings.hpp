@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+/// @file
 /// The library's tunables, fixed for the life of the process, and the tier
 /// switch, read at every call.
 namespace vision {
@@ -29,11 +30,14 @@ const PriceMap& COST_PER_MTOK_OUTPUT();
 
 }  // namespace detail
 
-/// Identifiers of the light and the heavy model, copied from the host's model
-/// registry on first use. Throw std::runtime_error while no registry has been
-/// supplied or it names no model; a later call tries again.
+///@{
+/// Identifier of the light model (MODEL_SONNET) and of the heavy one (MODEL_OPUS),
+/// copied from the host's model registry on first use. Throw std::runtime_error
+/// while no registry has been supplied or it names no model; a later call tries
+/// again. Safe from any thread.
 const std::string& MODEL_SONNET();
 const std::string& MODEL_OPUS();
+///@}
 
 /// Time-out of one model call in seconds: 20.0, or KX_VISION_TIMEOUT_S as it
 /// stood when the process loaded the library. Always positive and finite.
@@ -57,7 +61,8 @@ inline constexpr int ACT_REPEAT_LIMIT = 3;
 
 /// The mode in which the pipeline is to use vision, from KX_VISION_TIER as it
 /// stands now: "off" (also when unset or unknown), "shadow", "tier2" or "tier3".
-/// Blanks and letter case do not matter; "act" means "tier2". Never fails.
+/// Blanks and letter case do not matter; "act" means "tier2". No entry point reads
+/// it: the pipeline asks, and calls the mode that it wants. Never fails.
 std::string_view is_vision_enabled() noexcept;
 
 }  // namespace vision

@@ -3,6 +3,7 @@
 #include <exception>
 #include <string>
 
+/// @file
 /// What an error says of itself: one place for every reason, hint and record
 /// that names one.
 namespace vision {
@@ -16,8 +17,10 @@ class NamedError {
   virtual const char* kind_name() const noexcept = 0;
 };
 
+/// What errors say of themselves, in the words of records and reasons.
 namespace text {
 
+/// An error's name and message.
 struct ErrorDescription {
   std::string kind;     ///< unqualified type name, or the NamedError's own
   std::string message;  ///< what() of a std::exception, a thrown text, else empty

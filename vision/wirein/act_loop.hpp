@@ -16,6 +16,8 @@ namespace vision {
 /// others by chained setters.
 class ActLoopOptions {
  public:
+  /// The flow context, which the loop copies and never changes, and the caller's
+  /// name of the place in the pipeline, for records and fixture names.
   ActLoopOptions(FlowContext flow_context, std::string hotspot_id)
       : flow_context_(std::move(flow_context)), hotspot_id_(std::move(hotspot_id)) {}
 
@@ -58,6 +60,8 @@ class ActLoopOptions {
     return *this;
   }
 
+  ///@{
+  /// The value that was set, or its default.
   const FlowContext& flow_context() const noexcept { return flow_context_; }
   const std::string& hotspot_id() const noexcept { return hotspot_id_; }
   const std::optional<std::string>& mission_prompt() const noexcept { return mission_prompt_; }
@@ -67,6 +71,7 @@ class ActLoopOptions {
   std::int64_t max_steps() const noexcept { return max_steps_; }
   const std::function<bool()>& should_abort() const noexcept { return should_abort_; }
   bool read_only() const noexcept { return read_only_; }
+  ///@}
 
  private:
   FlowContext flow_context_;

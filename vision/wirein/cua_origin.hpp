@@ -14,9 +14,12 @@ namespace vision {
 /// and throws the same object again throws it marked.
 class CuaOriginMark {
  public:
+  ///@{
+  /// Without the mark, copies too; assigning leaves the mark as it is.
   CuaOriginMark() = default;
   CuaOriginMark(const CuaOriginMark&) noexcept {}
   CuaOriginMark& operator=(const CuaOriginMark&) noexcept { return *this; }
+  ///@}
   virtual ~CuaOriginMark() = default;
   /// True once shadow mode has re-raised this very object from its CUA leg.
   bool _kx_cua_origin = false;

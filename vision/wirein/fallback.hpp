@@ -18,6 +18,7 @@ namespace vision {
 /// the others by chained setters.
 class FallbackOptions {
  public:
+  /// The flow context; the model sees a copy with the failure in "context_hint".
   explicit FallbackOptions(FlowContext flow_context) : flow_context_(std::move(flow_context)) {}
 
   /// The client; it must outlive the call. Default: default_client().
@@ -31,9 +32,12 @@ class FallbackOptions {
     return *this;
   }
 
+  ///@{
+  /// The value that was set, or its default.
   const FlowContext& flow_context() const noexcept { return flow_context_; }
   VisionClient* vision() const noexcept { return vision_; }
   bool high_stakes() const noexcept { return high_stakes_; }
+  ///@}
 
  private:
   FlowContext flow_context_;
@@ -49,6 +53,7 @@ using FallbackResult = std::variant<runtime::value_of<Primary>, ActionResult, ru
 
 /// Stands for an absent computer-use agent.
 struct NoFallback {
+  /// Never called.
   boost::asio::awaitable<void> operator()(BrowserPage&, const FlowContext&, const std::string&) const;
 };
 

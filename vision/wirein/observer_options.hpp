@@ -13,6 +13,8 @@ namespace vision {
 /// ones in the constructor, the others by chained setters.
 class ObserverOptions {
  public:
+  /// The flow context, passed on unchanged, and the caller's name of the place in
+  /// the pipeline, for the record and the fixture name.
   ObserverOptions(FlowContext flow_context, std::string hotspot_id)
       : flow_context_(std::move(flow_context)), hotspot_id_(std::move(hotspot_id)) {}
 
@@ -38,12 +40,15 @@ class ObserverOptions {
     return *this;
   }
 
+  ///@{
+  /// The value that was set, or its default.
   const FlowContext& flow_context() const noexcept { return flow_context_; }
   const std::string& hotspot_id() const noexcept { return hotspot_id_; }
   VisionClient* vision() const noexcept { return vision_; }
   const std::optional<std::string>& run_id() const noexcept { return run_id_; }
   bool high_stakes() const noexcept { return high_stakes_; }
   const boost::json::object& dom_ground_truth() const noexcept { return dom_ground_truth_; }
+  ///@}
 
  private:
   FlowContext flow_context_;

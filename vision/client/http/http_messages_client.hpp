@@ -46,10 +46,13 @@ class HttpOptions {
     return *this;
   }
 
+  ///@{
+  /// The value that was set, or its default.
   const std::optional<std::string>& base_url() const noexcept { return base_url_; }
   const std::string& ca_file() const noexcept { return ca_file_; }
   std::chrono::milliseconds connect_timeout() const noexcept { return connect_timeout_; }
   std::size_t max_response_bytes() const noexcept { return max_response_bytes_; }
+  ///@}
 
  private:
   std::optional<std::string> base_url_;
