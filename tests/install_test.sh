@@ -1,0 +1,86 @@
+#!/usr/bin/env bash
+# Installs what was built and runs tests/consumer/ against it: every mode, on a real
+# page, by CMake and by pkg-config. Shared libraries are tried as Debian packages
+# and from a FetchContent build too.
+#   install_test.sh SOURCE BUILD LOCAL_MODEL
+set -euo pipefail
+source=$1 build=$2 local_model=$3
+cached() { sed -n "s/^$1:[A-Z]*=//p" "$build/CMakeCache.txt"; }
+compiler=$(cached CMAKE_CXX_COMPILER)
+sanitizers=$(cached VISION_SANITIZE)
+flags=${sanitizers:+-fsanitize=$sanitizers}
+scratch=$(mktemp -d)
+model_pid=
+cleanup() {
+  [ -z "$model_pid" ] || kill "$model_pid"
+  rm -rf "$scratch"
+}
+trap cleanup EXIT
+fail() { echo "install_test: $*" >&2; exit 1; }
+
+exec 3< <(exec "$local_model")
+model_pid=$!
+export ANTHROPIC_API_KEY=any ANTHROPIC_BASE_URL KX_VISION_SHADOW_LOG=$scratch/shadow.jsonl
+export no_proxy='*' NO_PROXY='*'
+read -r ANTHROPIC_BASE_URL <&3 || fail "the local model did not start"
+
+consume() {  # consume NAME PROGRAM
+  echo "install_test: the consumer, $1"
+  rm -f "$KX_VISION_SHADOW_LOG"
+  (cd "$scratch" && "$2") || fail "the consumer failed, $1"
+  # Two steps and the end of the mission, two shadow records, one observation:
+  [ "$(wc -l < "$KX_VISION_SHADOW_LOG")" -eq 6 ] || fail "the shadow log is not complete, $1"
+}
+
+by_cmake() {  # by_cmake NAME CMAKE-OPTION...
+  cmake -G Ninja -S "$source/tests/consumer" -B "$scratch/$1" -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_CXX_FLAGS="$flags" "${@:2}" > "$scratch/log" ||
+    { cat "$scratch/log"; fail "configuring failed, $1"; }
+  cmake --build "$scratch/$1" > "$scratch/log" || { cat "$scratch/log"; fail "building failed, $1"; }
+  consume "$1" "$scratch/$1/consumer"
+}
+
+by_pkg_config() {
+  local arguments=(--cflags --libs)
+  [ "$(cached VISION_SHARED)" = ON ] || arguments+=(--static)
+  local libraries
+  PKG_CONFIG_PATH=$(find "$scratch/prefix" -name pkgconfig)
+  export PKG_CONFIG_PATH
+  libraries=$(pkg-config --variable=libdir vision)
+  # shellcheck disable=SC2046,SC2086
+  "$compiler" -std=c++20 $flags "$source/tests/consumer/main.cpp" -o "$scratch/by_pkg_config" \
+    $(pkg-config "${arguments[@]}" vision-chromium) "-Wl,-rpath,$libraries"
+  consume "by pkg-config" "$scratch/by_pkg_config"
+}
+
+# Debian packages, in a package database of their own that knows what is
+# installed here.
+as_packages() {
+  local root=$scratch/root
+  (cd "$build" && cpack -B "$scratch/packages" > "$scratch/log") || { cat "$scratch/log"; fail "cpack failed"; }
+  mkdir -p "$root/var/lib"
+  cp -r /var/lib/dpkg "$root/var/lib/dpkg"
+  local dpkg=(dpkg "--root=$root" --force-not-root --force-script-chrootless --no-triggers)
+  "${dpkg[@]}" --install "$scratch"/packages/*.deb > "$scratch/log" 2>&1 || { cat "$scratch/log"; fail "dpkg --install failed"; }
+  by_cmake "by CMake from Debian packages" "-DCMAKE_PREFIX_PATH=$root/usr"
+  "${dpkg[@]}" --purge libvision-dev libvision0.1 > "$scratch/log" 2>&1 || { cat "$scratch/log"; fail "dpkg --purge failed"; }
+  local left
+  left=$(find "$root" -path "$root/var" -prune -o -type f -print -o -type l -print)
+  [ -z "$left" ] || fail "the packages left behind: $left"
+}
+
+cmake --install "$build" --prefix "$scratch/prefix" > "$scratch/log"
+if [ "$(cached VISION_SHARED)" = ON ]; then
+  library=$(find "$scratch/prefix" -name libvision.so.0.1)
+  objdump -p "$library" | grep -q 'SONAME *libvision.so.0.1$' || fail "$library has another SONAME"
+  foreign=$(nm -DC --defined-only "$library" | grep -v -E ' (guard variable for )?(vision|boost::asio::(detail|error))::| (typeinfo|typeinfo name|vtable|VTT) for vision::' || true)
+  [ -z "$foreign" ] || fail "$library shows symbols that are not ours: $foreign"
+  as_packages
+  by_cmake "by FetchContent" "-DVISION_SOURCE=$source" -DBUILD_SHARED_LIBS=ON -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_CXX_COMPILER_LAUNCHER=ccache "-DVISION_WARNINGS_AS_ERRORS=$(cached VISION_WARNINGS_AS_ERRORS)"
+  [ ! -e "$scratch/by FetchContent/_deps/vision-build/tests" ] || fail "FetchContent builds the tests too"
+  [ ! -e "$scratch/by FetchContent/_deps/vision-build/examples" ] || fail "FetchContent builds the examples too"
+else
+  by_cmake "by CMake" "-DCMAKE_PREFIX_PATH=$scratch/prefix"
+fi
+by_pkg_config
+echo "install_test: passed"
