@@ -1,0 +1,165 @@
+// What docs/guide.md shows, as one program. It needs neither a browser nor a
+// model: its page shows one picture, and its test points it at an endpoint that
+// nobody serves, so that every question to the model fails and the pipeline must
+// not notice.
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/spdlog.h>
+
+#include <boost/asio.hpp>
+#include <cstdlib>
+#include <iostream>
+
+#include "docs/programs/picture_page.hpp"
+#include "vision/client/http/http_messages_client.hpp"
+#include "vision/vision.hpp"
+
+namespace asio = boost::asio;
+namespace json = boost::json;
+
+namespace {
+
+std::string key_from_vault() {
+  return "sk-a-key-from-the-vault";
+}
+
+// [registry]
+class Host : public vision::ModelRegistry {
+ public:
+  std::string VISION_LIGHT_MODEL() const override { return "claude-haiku-4-5"; }
+  std::string VISION_HEAVY_MODEL() const override { return "claude-opus-4-6"; }
+  std::function<std::string()> core_attr(std::string_view name) const override {
+    if (name != "resolve_api_key") return nullptr;
+    return [] { return key_from_vault(); };
+  }
+};
+// [registry]
+
+// [errors]
+class AgentError : public std::runtime_error, public vision::CuaOriginMark {
+ public:
+  using std::runtime_error::runtime_error;
+};
+// [errors]
+
+asio::awaitable<json::object> computer_use_agent(vision::BrowserPage&) {
+  json::object result = {{"text", "click 0.52,0.27: the share dialog is open"}};
+  co_return result;
+}
+
+asio::awaitable<std::string> click_share(vision::BrowserPage&, int& runs) {
+  if (++runs == 1) throw std::runtime_error("no element matches #share");
+  co_return "clicked";
+}
+
+// [site]
+asio::awaitable<std::string> open_share_dialog(vision::BrowserPage& page, std::string run_id) {
+  const vision::FlowContext context = {{"workflow_name", "share"},
+                                       {"current_step", "open the share dialog"},
+                                       {"expected_outcome", "the share dialog is open"},
+                                       {"phase", 2},
+                                       {"platform", "acme"},
+                                       {"attempts", 1}};
+  auto agent = [&page] { return computer_use_agent(page); };
+  const std::string_view tier = vision::is_vision_enabled();
+  if (tier == "shadow") {
+    vision::ObserverOptions options(context, "share-dialog");
+    options.run_id(run_id);
+    const json::object result = co_await vision::shadow_observe_then_cua(page, std::move(agent), std::move(options));
+    co_return std::string(result.at("text").as_string());
+  }
+  if (tier == "tier2") {
+    // [mission]
+    vision::ActLoopOptions mission(context, "share-dialog");
+    mission.run_id(run_id).mission_prompt("Open the share dialog. Answer with its title.").max_steps(4);
+    const vision::ActionResult verdict = co_await vision::act_loop(page, std::move(mission));
+    if (verdict.action == vision::ActionVerb::declare_success) co_return verdict.reason;
+    // [mission]
+  }
+  const json::object result = co_await agent();
+  co_return std::string(result.at("text").as_string());
+}
+// [site]
+
+// [background]
+void after_a_step_that_succeeded(const asio::any_io_executor& executor,
+                                 const std::shared_ptr<vision::BrowserPage>& page, const std::string& run_id) {
+  const vision::FlowContext context = {{"workflow_name", "share"}, {"phase", 2}, {"platform", "acme"}};
+  const json::object truth = {{"action", "click"}, {"true_x_ratio", 0.92}, {"true_y_ratio", 0.06}, {"label", "Share"}};
+  vision::ObserverOptions options(context, "board-menu");
+  options.run_id(run_id).dom_ground_truth(truth);
+  vision::observe_in_background(executor, page, std::move(options));
+}
+// [background]
+
+// [fallback]
+asio::awaitable<std::string> share(vision::BrowserPage& page, int& runs) {
+  const vision::FlowContext context = {{"workflow_name", "share"}, {"current_step", "click Share"}};
+  const vision::FallbackOptions options(context);
+  auto step = [&page, &runs] { return click_share(page, runs); };
+  auto agent = [](vision::BrowserPage& on, const vision::FlowContext&, const std::string& reason) {
+    std::cout << "vision gave up: " << reason << "\n";
+    return computer_use_agent(on);
+  };
+  const auto outcome = co_await vision::with_vision_fallback(page, std::move(step), options, std::move(agent));
+  switch (outcome.index()) {
+    case 0: co_return std::get<0>(outcome);         // the step's own value, of the first or the second run
+    case 1: co_return std::get<1>(outcome).reason;  // vision's declare_success
+    default: co_return std::string(std::get<2>(outcome).at("text").as_string());  // the agent's value
+  }
+}
+// [fallback]
+
+// [run]
+asio::awaitable<void> one_run(std::shared_ptr<vision::BrowserPage> page, std::string run_id) {
+  vision::reset_default_metrics();  // the call budget, and the figures below, are per run
+  std::cout << co_await open_share_dialog(*page, run_id) << "\n";
+
+  const vision::VisionMetrics& metrics = vision::default_client().metrics;
+  std::cout << "calls " << metrics.call_count << ", tokens " << metrics.total_input_tokens << "/"
+            << metrics.total_output_tokens << ", p95 " << metrics.p95() << " ms, about $"
+            << metrics.estimated_cost_usd() << "\n";
+  for (const auto& [reason, count] : metrics.failures_by_reason) std::cout << count << " x " << reason << "\n";
+}
+// [run]
+
+// [client]
+std::unique_ptr<vision::VisionClient> gateway_client() {
+  auto options = vision::HttpOptions().base_url("https://gateway.example").ca_file("/etc/ssl/gateway.pem");
+  auto http = std::make_shared<vision::HttpMessagesClient>(key_from_vault(), options);
+  auto client_options = vision::VisionClientOptions().call_budget(200).default_model("claude-haiku-4-5");
+  return std::make_unique<vision::VisionClient>(http, client_options);
+}
+// [client]
+
+// [logger]
+void send_log_lines_to_standard_error() {
+  auto logger = std::make_shared<spdlog::logger>("vision", std::make_shared<spdlog::sinks::stderr_sink_mt>());
+  logger->set_level(spdlog::level::info);  // debug also shows records that could not be written
+  spdlog::register_logger(logger);
+}
+// [logger]
+
+asio::awaitable<void> everything(std::shared_ptr<vision::BrowserPage> page) {
+  for (const char* tier : {"off", "shadow", "tier2"}) {
+    ::setenv("KX_VISION_TIER", tier, 1);
+    co_await one_run(page, std::string("run-") + tier);
+  }
+  int runs = 0;
+  std::cout << co_await share(*page, runs) << "\n";
+  const asio::any_io_executor executor = co_await asio::this_coro::executor;
+  after_a_step_that_succeeded(executor, page, "run-background");
+}
+
+}  // namespace
+
+int main() {
+  send_log_lines_to_standard_error();
+  vision::set_model_registry(std::make_shared<Host>());
+  const auto client = gateway_client();
+  const auto page = std::make_shared<PicturePage>();
+  asio::io_context io;
+  std::exception_ptr failure;
+  asio::co_spawn(io, everything(page), [&](std::exception_ptr e) { failure = e; });
+  io.run();
+  if (failure) std::rethrow_exception(failure);
+}
