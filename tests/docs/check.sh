@@ -12,7 +12,8 @@
 # Every cpp and sh block needs one. Links between files must lead somewhere.
 #   check.sh PROJECT_FOLDER SAMPLES_PROGRAM
 set -euo pipefail
-project=$1 samples=$2
+unset KX_VISION_TIMEOUT_S  # the samples show the default
+project=$(realpath "$1") samples=$(realpath "$2")
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 here=$project/tests/docs
