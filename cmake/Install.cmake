@@ -79,10 +79,11 @@ function(vision_install target)
     FILE_SET HEADERS DESTINATION ${ARG_INCLUDE_PREFIX} COMPONENT development)
   install(EXPORT ${export} NAMESPACE vision::
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vision COMPONENT development)
-  # What a static library links; pkg-config asks for its files even where it is not used.
-  set(PC_PRIVATE_REQUIRES "")
+  # What a static library links. Not Requires.private: with --static that would ask
+  # for static libraries of everything below it.
+  set(PC_REQUIRES "")
   if(NOT VISION_SHARED)
-    set(PC_PRIVATE_REQUIRES "Requires.private: libcurl libcrypto spdlog fmt\nLibs.private: -ldl")
+    set(PC_REQUIRES "Requires: libcurl libcrypto spdlog fmt")
   endif()
   file(RELATIVE_PATH PC_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${ARG_PC}.in ${PROJECT_BINARY_DIR}/${ARG_PC} @ONLY)

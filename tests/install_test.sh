@@ -40,15 +40,13 @@ by_cmake() {  # by_cmake NAME CMAKE-OPTION...
 }
 
 by_pkg_config() {
-  local arguments=(--cflags --libs)
-  [ "$(cached VISION_SHARED)" = ON ] || arguments+=(--static)
   local libraries
   PKG_CONFIG_PATH=$(find "$scratch/prefix" -name pkgconfig)
   export PKG_CONFIG_PATH
   libraries=$(pkg-config --variable=libdir vision)
   # shellcheck disable=SC2046,SC2086
   "$compiler" -std=c++20 $flags "$source/tests/consumer/main.cpp" -o "$scratch/by_pkg_config" \
-    $(pkg-config "${arguments[@]}" vision-chromium) "-Wl,-rpath,$libraries"
+    $(pkg-config --cflags --libs vision-chromium) "-Wl,-rpath,$libraries"
   consume "by pkg-config" "$scratch/by_pkg_config"
 }
 
