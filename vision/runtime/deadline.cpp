@@ -21,7 +21,7 @@ asio::awaitable<Done> done(asio::awaitable<void> operation) {
 namespace detail {
 
 asio::awaitable<void> quiet_wait(Duration limit) {
-  (void)co_await guard(done(sleep_for(limit)));
+  (void)co_await leg(done(sleep_for(limit)));
 }
 
 }  // namespace detail

@@ -4,6 +4,7 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/deferred.hpp>
 #include <boost/asio/experimental/parallel_group.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <exception>
@@ -73,6 +74,14 @@ boost::asio::awaitable<Outcome<T>> guard(boost::asio::awaitable<T> operation) {
   co_return outcome;
 }
 
+// A leg of a group. Its operation starts once the whole group has: what the caller
+// cancels from within host code before that would reach no leg.
+template <class T>
+boost::asio::awaitable<Outcome<T>> leg(boost::asio::awaitable<T> operation) {
+  co_await boost::asio::post(boost::asio::use_awaitable);
+  co_return co_await guard(std::move(operation));
+}
+
 }  // namespace detail
 
 /// Runs `operation` with no limit. In this order: throws operation_aborted when
@@ -107,7 +116,7 @@ boost::asio::awaitable<Outcome<T>> with_deadline(boost::asio::awaitable<T> opera
   namespace asio = boost::asio;
   const auto executor = co_await asio::this_coro::executor;
   auto legs = asio::experimental::make_parallel_group(
-      asio::co_spawn(executor, detail::guard(std::move(operation)), asio::deferred),
+      asio::co_spawn(executor, detail::leg(std::move(operation)), asio::deferred),
       asio::co_spawn(executor, detail::quiet_wait(limit), asio::deferred));
   auto [order, spawn_error, outcome, wait_error] =
       co_await legs.async_wait(asio::experimental::wait_for_one(), asio::use_awaitable);
@@ -127,8 +136,8 @@ boost::asio::awaitable<std::pair<Outcome<A>, Outcome<B>>> both(boost::asio::awai
   namespace asio = boost::asio;
   const auto executor = co_await asio::this_coro::executor;
   auto legs = asio::experimental::make_parallel_group(
-      asio::co_spawn(executor, detail::guard(std::move(first)), asio::deferred),
-      asio::co_spawn(executor, detail::guard(std::move(second)), asio::deferred));
+      asio::co_spawn(executor, detail::leg(std::move(first)), asio::deferred),
+      asio::co_spawn(executor, detail::leg(std::move(second)), asio::deferred));
   auto [order, first_error, a, second_error, b] =
       co_await legs.async_wait(asio::experimental::wait_for_all(), asio::use_awaitable);
   co_await pass_cancellation();
