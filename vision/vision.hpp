@@ -39,6 +39,7 @@
 /// - vision::default_client: the process-wide client; its `metrics` are the run
 ///   report (calls, tokens, latencies, estimated cost).
 /// - vision::reset_default_metrics: empties them, and with them the call budget.
+/// - vision::shadow_log_losses, vision::fixture_losses: what could not be written.
 ///
 /// **What a host may implement:**
 /// - vision::BrowserPage: the page; vision::chromium::launch and
@@ -57,6 +58,7 @@
 #include "vision/settings/settings.hpp"
 #include "vision/wirein/act_loop.hpp"
 #include "vision/wirein/fallback.hpp"
+#include "vision/wirein/losses.hpp"
 #include "vision/wirein/observer.hpp"
 #include "vision/wirein/shadow_mode.hpp"
 

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/asio/execution_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/query.hpp>
@@ -12,6 +13,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <stdexcept>
 
 #include "vision/runtime/one_shot.hpp"
 
@@ -112,20 +114,39 @@ struct AllSignalsBlocked {
   sigset_t previous;
 };
 
+class Worker {
+ public:
+  void run(std::function<void()> job) {
+    if (waiting_.fetch_add(1) >= max_waiting_jobs) {
+      waiting_.fetch_sub(1);
+      throw std::runtime_error("the worker thread has " + std::to_string(max_waiting_jobs) + " jobs waiting");
+    }
+    asio::post(thread_, [this, job = std::move(job)]() mutable {
+      job();
+      job = nullptr;  // with all that it holds, before another may take its place
+      waiting_.fetch_sub(1);
+    });
+  }
+
+ private:
+  asio::thread_pool thread_{1};
+  std::atomic<std::size_t> waiting_ = 0;
+};
+
 // Never destroyed: coroutines on other threads may hand over jobs while the
-// process exits. A forked child inherits the pool without its thread and makes
+// process exits. A forked child inherits the worker without its thread and makes
 // one of its own. The host's signal handlers do not run on the thread.
-asio::thread_pool& worker_thread() {
+Worker& worker() {
   static auto& mutex = *new std::mutex;
   static pid_t owner = 0;
-  static asio::thread_pool* pool = nullptr;
+  static Worker* own = nullptr;
   const std::lock_guard lock(mutex);
   if (owner != ::getpid()) {
     const AllSignalsBlocked blocked;  // inherited by the thread
-    pool = new asio::thread_pool(1);
+    own = new Worker;
     owner = ::getpid();
   }
-  return *pool;
+  return *own;
 }
 
 }  // namespace
@@ -136,7 +157,7 @@ asio::awaitable<void> run_on_worker(std::function<void()> job) {
   OneShot finished(executor);
   std::exception_ptr error;
   const Registration registration(waiters, Waiter{executor, &finished, &error});
-  asio::post(worker_thread(), [waiters, id = registration.id, job = std::move(job)] {
+  auto guarded = [waiters, id = registration.id, job = std::move(job)] {
     std::exception_ptr failure;
     try {
       job();
@@ -144,7 +165,8 @@ asio::awaitable<void> run_on_worker(std::function<void()> job) {
       failure = std::current_exception();
     }
     Waiters::notify(waiters, id, std::move(failure));
-  });
+  };
+  worker().run(std::move(guarded));
   co_await finished.wait();
   if (error) std::rethrow_exception(error);
 }

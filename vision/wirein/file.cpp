@@ -67,7 +67,8 @@ ssize_t write_once(int fd, std::string_view data) {
 
 // Whether the file ends with a line that a killed or failing writer left cut
 // short. A file that grows meanwhile has a living writer in the middle of its
-// record: the kernel lets ours follow it.
+// record: the kernel lets ours follow it. Only spares a second write: what
+// happens between this look and the write is seen afterwards.
 bool has_torn_tail(int fd, off_t size) {
   constexpr int looks = 4;
   for (int look = 0; look < looks; ++look) {
@@ -78,6 +79,20 @@ bool has_torn_tail(int fd, off_t size) {
     if (::fstat(fd, &now) != 0 || now.st_size != size) return false;
   }
   return true;
+}
+
+// Whether what was just appended, `size` bytes of it, went on in a line that
+// another writer had left cut short.
+bool is_joined(int fd, std::size_t size) {
+  const off_t start = ::lseek(fd, 0, SEEK_CUR) - static_cast<off_t>(size);
+  char before = '\n';
+  return start > 0 && ::pread(fd, &before, 1, start - 1) == 1 && before != '\n';
+}
+
+void append(int fd, const std::string& path, const std::string& line) {
+  const ssize_t written = write_once(fd, line);
+  if (written < 0) fail(errno, path);
+  if (static_cast<std::size_t>(written) != line.size()) fail(ENOSPC, path + " took only part of a record");
 }
 
 // An existing directory is no error.
@@ -105,10 +120,10 @@ void append_line(const std::string& path, std::string line) {
   struct stat info {};
   if (::fstat(fd, &info) != 0) fail(errno, path);
   if (!S_ISREG(info.st_mode) && !S_ISCHR(info.st_mode)) fail(EINVAL, path + " is no regular file");
-  if (S_ISREG(info.st_mode) && has_torn_tail(fd, info.st_size)) line.insert(line.begin(), '\n');
-  const ssize_t written = write_once(fd, line);
-  if (written < 0) fail(errno, path);
-  if (static_cast<std::size_t>(written) != line.size()) fail(ENOSPC, path + " took only part of a record");
+  const bool is_file = S_ISREG(info.st_mode);
+  if (is_file && has_torn_tail(fd, info.st_size)) line.insert(line.begin(), '\n');
+  append(fd, path, line);
+  if (is_file && line.front() != '\n' && is_joined(fd, line.size())) append(fd, path, "\n" + line);
 }
 
 void write_file(const std::string& directory, const std::string& name, std::string_view content) {

@@ -9,9 +9,11 @@ namespace vision::detail {
 
 /// Appends `line`, which ends with a line feed, in one write to the regular file
 /// or character device at `path`, creating it (mode 0600) and its directories
-/// (0700) when missing. Begins with a line feed of its own when the file does not
-/// end with one. Never waits for a reader; a file-size limit is an error here, not
-/// a signal.
+/// (0700) when missing. Symbolic links are followed. Begins with a line feed of
+/// its own when the file does not end with one; is written again, in a line of its
+/// own, when another writer was killed in the middle of the line before it
+/// meanwhile. Never waits for a reader; a file-size limit is an error here, not a
+/// signal.
 void append_line(const std::string& path, std::string line);
 
 /// Writes `content` as `directory`/`name` (mode 0600), creating the directory and

@@ -1,5 +1,6 @@
 #include "vision/wirein/fixtures.hpp"
 
+#include <atomic>
 #include <cstdlib>
 #include <stdexcept>
 #include <string_view>
@@ -15,6 +16,8 @@
 namespace vision {
 namespace asio = boost::asio;
 namespace {
+
+std::atomic<std::uint64_t> losses = 0;
 
 bool harvesting_is_on() {
   const char* value = std::getenv("KX_VISION_FIXTURE_AUTO");
@@ -50,8 +53,13 @@ asio::awaitable<std::optional<std::string>> _harvest_fixture(Bytes image_bytes, 
   auto operation = write_fixture(std::move(image_bytes), std::move(hotspot_id), std::move(run_id));
   auto written = co_await runtime::settle(std::move(operation));
   if (written.has_value()) co_return std::move(written.value());
+  losses.fetch_add(1, std::memory_order_relaxed);
   log::line(spdlog::level::debug, "fixture harvest failed: %s", text::describe(written.error()).message);
   co_return std::nullopt;
+}
+
+std::uint64_t fixture_losses() noexcept {
+  return losses.load(std::memory_order_relaxed);
 }
 
 }  // namespace vision

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "vision/records/bytes.hpp"
+#include "vision/wirein/losses.hpp"
 
 namespace vision {
 
@@ -14,9 +15,11 @@ namespace vision {
 /// under the current directory (files 0600, directories 0700). Gives that path.
 ///
 /// Absent when harvesting is off or the file could not be written; the latter is
-/// logged at debug level, "fixture harvest failed: %s", and never raised. A
-/// hotspot_id or run_id that would lead outside the folder (empty, ".", "..", one
-/// with a path separator or a NUL) is refused in the same way.
+/// logged at debug level, "fixture harvest failed: %s", counted by fixture_losses,
+/// and never raised. A hotspot_id or run_id that would lead outside the folder
+/// (empty, ".", "..", one with a path separator or a NUL) is refused in the same
+/// way, and so is every screenshot while runtime::max_waiting_jobs others wait to
+/// be written.
 ///
 /// The file work is done on the worker thread. Cancellation (terminal) ends the
 /// wait; a write that was handed over may still complete.

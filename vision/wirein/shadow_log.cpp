@@ -1,5 +1,6 @@
 #include "vision/wirein/shadow_log.hpp"
 
+#include <atomic>
 #include <cstdlib>
 
 #include "vision/settings/log.hpp"
@@ -8,6 +9,11 @@
 #include "vision/wirein/file.hpp"
 
 namespace vision {
+namespace {
+
+std::atomic<std::uint64_t> losses = 0;
+
+}  // namespace
 
 std::string _shadow_log_path() {
   const char* path = std::getenv("KX_VISION_SHADOW_LOG");
@@ -18,8 +24,13 @@ void _append_shadow_record(const boost::json::object& rec) noexcept {
   try {
     detail::append_line(_shadow_log_path(), text::to_json(rec) + "\n");
   } catch (...) {
+    losses.fetch_add(1, std::memory_order_relaxed);
     log::line(spdlog::level::debug, "shadow log append failed: %s", text::describe(std::current_exception()).message);
   }
+}
+
+std::uint64_t shadow_log_losses() noexcept {
+  return losses.load(std::memory_order_relaxed);
 }
 
 }  // namespace vision

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstdint>
+
+/// What the telemetry could not write. Losing it never changes an outcome, so
+/// these counters, beside a line at debug level, are all that tells of it.
+namespace vision {
+
+/// How many shadow log records this process could not write since it began.
+/// Thread-safe.
+std::uint64_t shadow_log_losses() noexcept;
+
+/// How many screenshots this process should have stored as fixtures and could
+/// not, since it began. Thread-safe.
+std::uint64_t fixture_losses() noexcept;
+
+}  // namespace vision
