@@ -1,23 +1,26 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
+#include <algorithm>
+#include <boost/algorithm/string/replace.hpp>
 #include <boost/json/parse.hpp>
 #include <fstream>
 
 #include "tests/support/environment.hpp"
 #include "tests/support/log_capture.hpp"
-#include "tests/support/virtual_time.hpp"
+#include "tests/support/scripted.hpp"
+#include "vision/client/api_error.hpp"
 #include "vision/client/response.hpp"
 #include "vision/text/json_text.hpp"
 #include "vision/wirein/fixtures.hpp"
+#include "vision/wirein/observer.hpp"
 #include "vision/wirein/shadow_log.hpp"
 
 namespace vision {
 namespace {
 
+namespace asio = boost::asio;
 namespace fs = std::filesystem;
 using testing::ElementsAre;
 using testing::StartsWith;
@@ -47,20 +50,6 @@ TEST_F(Telemetry, RecordsGoWhereTheVariableSays) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST_F(Telemetry, UnusablePathsCostTheRecordOnly) {
-  fs::create_directory("directory");
-  std::ofstream("file") << "x";
-  ASSERT_EQ(::mkfifo("fifo", 0600), 0);
-  const std::string long_name(256, 'n');
-  for (const std::string path : {"directory", "file/below", "fifo", "/dev/full", long_name.c_str(), "/proc/no/such"}) {
-    const test::ScopedEnv env("KX_VISION_SHADOW_LOG", path);
-    const std::size_t before = log.lines().size();
-    _append_shadow_record({{"a", 1}});
-    ASSERT_EQ(log.lines().size(), before + 1) << path;
-    EXPECT_THAT(log.lines().back(), StartsWith("debug: shadow log append failed: " + path.substr(0, 4))) << path;
-  }
-}
-
 TEST_F(Telemetry, ATornTailSpoilsNoOtherRecord) {
   const test::ScopedEnv env("KX_VISION_SHADOW_LOG", "log");
   std::ofstream("log") << "{\"whole\": 1}\n{\"cut";
@@ -69,40 +58,89 @@ TEST_F(Telemetry, ATornTailSpoilsNoOtherRecord) {
   EXPECT_THAT(test::read_lines("log"), ElementsAre("{\"whole\": 1}", "{\"cut", "{\"a\": 1}", "{\"a\": 2}"));
 }
 
-// In a child process, because the limit cannot be raised again for certain.
-TEST_F(Telemetry, AFileSizeLimitDoesNotKillTheProcess) {
-  const test::ScopedEnv env("KX_VISION_SHADOW_LOG", "log");
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    const rlimit limit{20, 20};
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-    _append_shadow_record({{"a", "longer than the limit allows"}});
-    _append_shadow_record({{"a", "longer than the limit allows"}});
-    ::_exit(7);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
+// All bytes, and what else ends a line or drives a terminal somewhere.
+const std::string hostile_bytes = [] {
+  std::string out = "\u0085\u2028\u2029\x1b[2J\r\n{\"forged\": 1}\n";
+  for (int byte = 1; byte <= 256; ++byte) out += static_cast<char>(byte);  // NUL last: an error's message ends there
+  return out;
+}();
+
+// The same as Unicode text: what is no UTF-8 is replaced.
+const std::string hostile_text = [] {
+  std::string out = hostile_bytes.substr(0, hostile_bytes.size() - 129);
+  for (int byte = 128; byte < 256; ++byte) out += "\uFFFD";
+  return out + '\0';
+}();
+
+void expect_harmless(const std::string& line) {
+  EXPECT_EQ(std::count_if(line.begin(), line.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }), 0) << line;
+  for (const char* mark : {"\u0085", "\u009b", "\u2028", "\u2029"}) EXPECT_EQ(line.find(mark), line.npos) << line;
 }
 
-TEST_F(Telemetry, ManyProcessesTearNoLine) {
-  const test::ScopedEnv env("KX_VISION_SHADOW_LOG", "log");
-  constexpr int processes = 4, records = 2000;
-  for (int p = 0; p < processes; ++p) {
-    if (::fork() != 0) continue;
-    for (int i = 0; i < records; ++i) _append_shadow_record({{"p", p}, {"i", i}, {"pad", std::string(600, 'x')}});
-    ::_exit(0);
+class HostileHost : public MessagesClient {
+ public:
+  explicit HostileHost(int n) : call(n) {}
+  asio::awaitable<boost::json::value> create(const MessagesRequest&) override {
+    if (call == 0) throw APIConnectionError(hostile_bytes);
+    if (call == 1) throw std::runtime_error(hostile_bytes);
+    boost::json::object input = {{"action", hostile_text}, {"reason", hostile_text}, {"confidence", 0.9}};
+    input["next_expected_state"] = hostile_text;
+    const boost::json::value answer = {{"type", "tool_use"}, {"name", "propose_action"}, {"input", input}};
+    co_return boost::json::object{{"content", boost::json::array{answer}}};
   }
-  while (::wait(nullptr) > 0) {
+  int call;
+};
+
+TEST_F(Telemetry, HostileTextStaysInItsLine) {
+  test::TestRegistry::instance();
+  const test::ScopedEnv fixtures("KX_VISION_FIXTURE_AUTO", "1");
+  for (int call = 0; call < 4; ++call) {
+    test::World world;
+    test::ScriptedPage page;
+    page.before = [&](std::string) -> asio::awaitable<void> {
+      if (call == 3) throw std::runtime_error(hostile_bytes);
+      co_return;
+    };
+    VisionClientOptions hooks;
+    hooks.default_model(hostile_bytes).on_action([](const ActionResult&, const FlowContext&) -> asio::awaitable<void> {
+      throw std::runtime_error(hostile_bytes);
+      co_return;
+    });
+    VisionClient client(std::make_shared<HostileHost>(call), hooks);
+    ObserverOptions options({{"phase", hostile_bytes}, {"platform", hostile_bytes}, {"workflow_name", hostile_bytes}},
+                            hostile_bytes);
+    options.vision(client).run_id(hostile_bytes).dom_ground_truth({{hostile_bytes, hostile_bytes}});
+    world.run(observe_only(page, options));
+    AskOptions ask;
+    ask.transport_retry(true).timeout_s(1);
+    world.run(client.ask(Bytes(std::string("PNG")), ImgMeta(1, 1, 1, 0), options.flow_context(), ask));
+
+    const auto records = test::read_lines("logs/vision_shadow.jsonl");
+    ASSERT_EQ(records.size(), static_cast<std::size_t>(call + 1));
+    expect_harmless(records.back());
+    const auto record = boost::json::parse(records.back());
+    const boost::json::value text(hostile_text);
+    for (const char* member : {"run_id", "hotspot_id", "phase", "agent"}) EXPECT_EQ(record.at(member), text) << member;
+    EXPECT_EQ(record.at("dom_ground_truth").at(hostile_text), text);
+    const auto& vision = record.at("vision");
+    if (call < 2) {
+      const std::string start =
+          call == 0 ? "transport error: APIConnectionError: " : "unexpected error: runtime_error: ";
+      EXPECT_EQ(vision.at("error").as_string(), start + hostile_text.c_str());
+    } else if (call == 2) {
+      for (const char* member : {"action", "reason", "next_expected_state", "model"}) {
+        EXPECT_EQ(vision.at(member), text) << member;
+      }
+    } else {
+      EXPECT_TRUE(vision.at("error").as_string().starts_with("runtime_error: \u0085\u2028")) << vision;
+    }
   }
-  std::vector<int> next(processes);
-  for (const auto& line : test::read_lines("log")) {
-    if (line.empty()) continue;  // a writer took another's record in the making for a torn one
-    const auto record = boost::json::parse(line);
-    EXPECT_EQ(record.at("i"), next.at(static_cast<std::size_t>(record.at("p").as_int64()))++);
+  EXPECT_GT(log.lines().size(), 8u);
+  for (std::string line : log.lines()) {
+    // The stack below an unexpected error is all that takes lines of its own.
+    if (line.starts_with("error: ")) boost::algorithm::replace_all(line, "\n    ", " ");
+    expect_harmless(line);
   }
-  EXPECT_THAT(next, testing::Each(records));
 }
 
 TEST_F(Telemetry, ActionRecordAndVisionBlock) {
