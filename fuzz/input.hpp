@@ -60,7 +60,8 @@ class Input {
 
   boost::json::value array(int levels) {
     boost::json::array out;
-    for (auto left = number<std::uint8_t>(); left > 0 && levels > 0 && !empty(); --left) out.push_back(value(levels - 1));
+    for (auto left = number<std::uint8_t>(); left > 0 && levels > 0 && !empty(); --left)
+      out.push_back(value(levels - 1));
     return out;
   }
 

@@ -54,7 +54,9 @@ bool same(const json::value& a, const json::value& b) {
     return std::equal(a.get_array().begin(), a.get_array().end(), b.get_array().begin(), b.get_array().end(), same);
   }
   if (!a.is_object() || !b.is_object()) return a == b;
-  const auto equal_entry = [](const auto& x, const auto& y) { return x.key() == y.key() && same(x.value(), y.value()); };
+  const auto equal_entry = [](const auto& x, const auto& y) {
+    return x.key() == y.key() && same(x.value(), y.value());
+  };
   return std::equal(a.get_object().begin(), a.get_object().end(), b.get_object().begin(), b.get_object().end(),
                     equal_entry);
 }
