@@ -31,6 +31,11 @@ bool is_port(const std::string& port) {
          std::stoi(port) < 65536;
 }
 
+// Into a request go only characters that can neither end a line nor part a word.
+bool can_be_sent(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c <= '~'; });
+}
+
 }  // namespace
 
 std::string Endpoint::authority() const {
@@ -47,9 +52,7 @@ Endpoint parse_endpoint(std::string_view url) {
   const auto path_start = std::min(rest.find('/'), rest.size());
   const std::string_view authority = rest.substr(0, path_start);
   out.path = path_start < rest.size() ? std::string(rest.substr(path_start)) : "/";
-  if (std::any_of(out.path.begin(), out.path.end(), [](char c) { return c <= ' ' || c > '~'; })) {
-    refuse(url, "the path has a character that a URL cannot have");
-  }
+  if (!can_be_sent(out.path)) refuse(url, "the path has a character that a URL cannot have");
   const auto colon = authority.rfind(':');
   if (colon == std::string_view::npos) refuse(url, "no port given");
   out.host = authority.substr(0, colon);
@@ -58,6 +61,9 @@ Endpoint parse_endpoint(std::string_view url) {
     out.host = out.host.substr(1, out.host.size() - 2);
   }
   if (out.host.empty()) refuse(url, "no host given");
+  if (!can_be_sent(out.host) || out.host.find_first_of("[]@?#\\") != std::string::npos) {
+    refuse(url, "the host has a character that a host's name cannot have");
+  }
   if (!is_port(out.port)) refuse(url, "the port is not a number from 1 to 65535");
   if (out.scheme == "ws" && !out.path.starts_with("/devtools/browser")) {
     refuse(url, "not the browser's own URL (ws://host:port/devtools/browser/...); a page is reached with attach()");
@@ -116,7 +122,8 @@ asio::awaitable<Endpoint> find_browser(Endpoint endpoint) {
   // Its host and port are an echo of the Host header, and wrong behind a forwarded port.
   const std::string_view text = url->get_string();
   const auto path = text.find("/devtools/");
-  if (path == std::string_view::npos) throw BrowserError(where + " told an unusable webSocketDebuggerUrl");
+  if (path == std::string_view::npos || !can_be_sent(text.substr(path)))
+    throw BrowserError(where + " told an unusable webSocketDebuggerUrl");
   endpoint.scheme = "ws";
   endpoint.path = text.substr(path);
   co_return endpoint;

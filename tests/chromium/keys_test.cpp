@@ -94,6 +94,8 @@ TEST(Endpoint, TakesUrlsApartAndRefusesOthers) {
       {"wss://127.0.0.1:9222/devtools/browser/a", "refused"},
       {"ws://127.0.0.1:9222/devtools/page/a", "refused"},
       {"ws://127.0.0.1:9222/devtools/browser/a\r\nX: y", "refused"},
+      {"http://127.0.0.1\r\nX: y:80", "refused"},
+      {"http://localhost@10.0.0.1:9222", "refused"},
       {"http://127.0.0.1", "refused"},
       {"http://127.0.0.1:0", "refused"},
       {"http://127.0.0.1:65536", "refused"},
