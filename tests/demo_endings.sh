@@ -9,7 +9,7 @@ trap 'rm -rf "$scratch"' EXIT
 mkdir "$scratch/tmp"
 export TMPDIR=$scratch/tmp no_proxy='*'
 unset ANTHROPIC_API_KEY ANTHROPIC_BASE_URL KX_VISION_SHADOW_LOG KX_VISION_FIXTURE_AUTO KX_VISION_TIMEOUT_S
-cd "$scratch"
+cd "$scratch" || exit 1
 
 fail() {
   echo "FAILED: $1: $2"
@@ -31,7 +31,7 @@ check() {
   esac
   pgrep -f "$scratch/tmp" >/dev/null && fail "$1" "a browser is still running"
   [ -z "$(ls -A "$scratch/tmp")" ] || fail "$1" "left in TMPDIR: $(ls "$scratch/tmp")"
-  [ "$(ls "$scratch" | grep -v -x -e out -e output -e tmp)" = "" ] || fail "$1" "files outside: $(ls "$scratch")"
+  [ -z "$(ls -A -I out -I output -I tmp "$scratch")" ] || fail "$1" "files outside: $(ls "$scratch")"
   rm -rf "$scratch/out"
   echo "ok: $1"
 }
