@@ -18,10 +18,19 @@ asio::awaitable<Done> done(asio::awaitable<void> operation) {
   co_return Done();
 }
 
+asio::awaitable<void> TimeSource::wait(Duration duration) {
+  (void)co_await detail::guard(done(sleep(duration)));
+}
+
 namespace detail {
 
+// Begins to wait after the other leg has begun, and so loses to it when both end
+// at once. It may be cancelled before: nothing here throws for that.
 asio::awaitable<void> quiet_wait(Duration limit) {
-  (void)co_await leg(done(sleep_for(limit)));
+  co_await asio::this_coro::throw_if_cancelled(false);
+  co_await asio::post(asio::use_awaitable);
+  const auto executor = co_await asio::this_coro::executor;
+  co_await time_source(executor).wait(limit);
 }
 
 }  // namespace detail

@@ -32,6 +32,9 @@ class TimeSource {
   /// Completes after `duration`; one that is not positive only lets other
   /// handlers run. Terminal cancellation ends it with operation_aborted.
   virtual boost::asio::awaitable<void> sleep(Duration duration) = 0;
+  /// The same, but cancellation ends it without an error: what time limits wait
+  /// on, which nearly always end early. By default `sleep` with its error dropped.
+  virtual boost::asio::awaitable<void> wait(Duration duration);
 };
 
 /// Makes `source` the time of `context`. Call it before anything on the context
