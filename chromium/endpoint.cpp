@@ -71,12 +71,6 @@ Endpoint parse_endpoint(std::string_view url) {
   return out;
 }
 
-bool is_loopback(const std::string& host) {
-  boost::system::error_code error;
-  const auto address = asio::ip::make_address(host, error);
-  return error ? host == "localhost" : address.is_loopback();
-}
-
 asio::awaitable<tcp::socket> open_socket(const Endpoint& endpoint) {
   const auto executor = co_await asio::this_coro::executor;
   std::vector<tcp::endpoint> candidates;

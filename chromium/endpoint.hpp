@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "vision/text/loopback.hpp"
+
 namespace vision::chromium {
 
 /// Where a running browser listens.
@@ -24,9 +26,8 @@ class Endpoint {
 /// apart. Throws std::invalid_argument that names the URL when it is neither.
 Endpoint parse_endpoint(std::string_view url);
 
-/// Whether `host` is "localhost" or a loopback address. Whoever reaches the
-/// DevTools port owns the browser, so elsewhere needs an explicit word.
-bool is_loopback(const std::string& host);
+// Whoever reaches the DevTools port owns the browser, so elsewhere needs an explicit word.
+using text::is_loopback;
 
 /// A connected TCP socket to the endpoint.
 boost::asio::awaitable<boost::asio::ip::tcp::socket> open_socket(const Endpoint& endpoint);

@@ -41,7 +41,7 @@ TEST(HttpCancel, EndsNameResolutionThatIsStuck) {
   asio::io_context io;
   Call call;
   const StuckResolver resolver([&] { asio::post(io, [&] { call.cancel.emit(asio::cancellation_type::terminal); }); });
-  HttpMessagesClient client(key, HttpOptions().base_url("http://stuck.test"));
+  HttpMessagesClient client(key, HttpOptions().base_url("http://stuck.test").allow_plain_http(true));
   call.start(io.get_executor(), client, make_request());
   while (!call.ended) io.run_one();  // the resolver is released only afterwards
   EXPECT_EQ(call.ending, "cancelled");

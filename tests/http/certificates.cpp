@@ -48,10 +48,11 @@ std::string Authority::pem() const {
   return pem;
 }
 
-boost::asio::ssl::context Authority::server(const std::string& host, long valid_s) const {
+boost::asio::ssl::context Authority::server(const std::string& host, long valid_s, bool self_signed) const {
   boost::asio::ssl::context context(boost::asio::ssl::context::tls_server);
   EVP_PKEY* const key = EVP_EC_gen("P-256");
-  X509* const certificate = make_certificate(key, host, false, valid_s, certificate_, key_);
+  X509* const issuer = self_signed ? nullptr : certificate_;
+  X509* const certificate = make_certificate(key, host, false, valid_s, issuer, self_signed ? key : key_);
   ::SSL_CTX_use_certificate(context.native_handle(), certificate);  // both count references
   ::SSL_CTX_use_PrivateKey(context.native_handle(), key);
   ::X509_free(certificate);

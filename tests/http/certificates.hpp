@@ -16,8 +16,8 @@ class Authority {
   /// Its certificate in PEM.
   std::string pem() const;
   /// A TLS server with a certificate for the DNS name `host`, valid from a day
-  /// ago until `valid_s` seconds from now.
-  boost::asio::ssl::context server(const std::string& host, long valid_s = 3600) const;
+  /// ago until `valid_s` seconds from now, signed by the authority or by itself.
+  boost::asio::ssl::context server(const std::string& host, long valid_s = 3600, bool self_signed = false) const;
 
  private:
   EVP_PKEY* key_;

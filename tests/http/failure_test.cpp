@@ -1,9 +1,14 @@
+#include <boost/beast/zlib/deflate_stream.hpp>
+#include <boost/json/parse.hpp>
 #include <fstream>
 
 #include "tests/http/certificates.hpp"
 #include "tests/http/http_world.hpp"
 #include "tests/http/resolver.hpp"
 #include "tests/support/environment.hpp"
+#include "vision/client/vision_client.hpp"
+#include "vision/text/json_text.hpp"
+#include "vision/wirein/shadow_log.hpp"
 
 namespace vision {
 namespace {
@@ -114,6 +119,11 @@ TEST(HttpFailure, ResponsesThatAreNoneOrBreakOff) {
       {{head + "content-length: 50\r\n\r\n{", Then::reset}, connection + "the connection broke off to 127.0.0.1"},
       {{head + "transfer-encoding: chunked\r\n\r\n50\r\n{", Then::close}, connection},
       {{head + "content-length: many\r\n\r\n{}", Then::close}, "Invalid Content-Length"},
+      {{head + "content-length: 99999999999999999999999\r\n\r\n{}", Then::close}, "limit of 1000 bytes"},
+      {{head + "content-length: -1\r\n\r\n{}", Then::close}, "Invalid Content-Length"},
+      {{head + "transfer-encoding: chunked\r\n\r\nfffffffffffffffff\r\n{}", Then::close}, connection},
+      {{"HTTP/1.1 99999 X\r\n\r\n", Then::close}, connection},
+      {{"HTTP/99.9 200 OK\r\n\r\n{}", Then::close}, connection},
       {{head + "content-len", Then::close}, connection + "the connection broke off to 127.0.0.1"},
       {{"rubbish\r\n\r\n", Then::close}, connection},
       {{"", Then::close}, connection + "the connection broke off to 127.0.0.1"},
@@ -125,9 +135,92 @@ TEST(HttpFailure, ResponsesThatAreNoneOrBreakOff) {
     const std::string ending = ask_scripted(reply, HttpOptions().max_response_bytes(1000));
     EXPECT_NE(ending.find(expected), ending.npos) << expected << "\n is not in: " << ending;
   }
-  std::string many = head;
-  for (int i = 0; i < 5000; ++i) many += "x-filler: 0123456789\r\n";
-  EXPECT_NE(ask_scripted({many, Then::drain}).find("the header of the response"), many.npos);
+}
+
+std::string deflated(const std::string& text) {
+  std::string out(text.size() / 100 + 1000, '\0');
+  beast::zlib::z_params params;
+  params.next_in = text.data();
+  params.avail_in = text.size();
+  params.next_out = out.data();
+  params.avail_out = out.size();
+  boost::system::error_code error;
+  beast::zlib::deflate_stream().write(params, beast::zlib::Flush::finish, error);
+  out.resize(out.size() - params.avail_out);
+  return out;
+}
+
+// A peer without end is left as soon as a limit is passed.
+TEST(HttpFailure, WhatHasNoEndIsCutOff) {
+  const std::string head = "HTTP/1.1 200 OK\r\n", bomb = deflated(std::string(64 << 20, ' '));
+  const std::string chunk = "1000\r\n" + std::string(0x1000, ' ') + "\r\n";
+  const std::tuple<Reply, std::string> rows[] = {
+      {{head, Then::flood, Read::all, "x-filler: 0123456789\r\n"}, "the header of the response"},
+      {{head + "x-filler: ", Then::flood, Read::all, "0123456789"}, "the header of the response"},
+      {{"", Then::flood, Read::all, "HTTP/1.1 100 Continue\r\n\r\n"}, "the header of the response"},
+      {{head + "\r\n", Then::flood, Read::all, std::string(1000, ' ')}, "limit of 100000 bytes"},
+      {{head + "transfer-encoding: chunked\r\n\r\n", Then::flood, Read::all, chunk}, "limit of 100000 bytes"},
+      {{head + "transfer-encoding: deflate\r\n\r\n" + bomb, Then::close}, "limit of 100000 bytes"},
+      {{response("200 OK", bomb, "content-encoding: deflate\r\n")}, "the response is encoded as \"deflate\""},
+  };
+  for (const auto& [reply, expected] : rows) {
+    asio::io_context io;
+    ScriptedServer server(io, {reply, {ok}});
+    HttpMessagesClient client = client_for(server, HttpOptions().max_response_bytes(100'000));
+    const std::string ending = ask(io, client);
+    EXPECT_TRUE(ending.starts_with("APIResponseValidationError: ")) << ending;
+    EXPECT_NE(ending.find(expected), ending.npos) << expected << "\n is not in: " << ending;
+    EXPECT_LT(server.flooded, 16u << 20) << expected;  // what the sockets between them hold
+  }
+}
+
+TEST(HttpFailure, AnAnswerCutAnywhereIsNone) {
+  for (std::size_t size = 0; size < ok.size(); ++size) {
+    const std::string ending = ask_scripted({ok.substr(0, size), Then::close});
+    EXPECT_TRUE(ending.starts_with("APIConnectionError: ")) << size << ": " << ending;
+  }
+}
+
+asio::awaitable<void> ask_into(VisionClient& client, AskOptions options, std::optional<ActionResult>& result) {
+  const FlowContext context;
+  const Bytes png(std::string("PNG"));
+  result = co_await client.ask(png, ImgMeta(1, 1, 1, 0), context, std::move(options));
+}
+
+ActionResult ask_vision(asio::io_context& io, const ScriptedServer& server, double seconds) {
+  auto http = std::make_shared<HttpMessagesClient>(key, HttpOptions().base_url(server.url()));
+  VisionClient client(http, VisionClientOptions().default_model("model-x"));
+  std::optional<ActionResult> result;
+  asio::co_spawn(io, ask_into(client, AskOptions().timeout_s(seconds).transport_retry(false), result),
+                 [](std::exception_ptr) {});
+  while (!result) io.run_one();
+  return *result;
+}
+
+TEST(HttpFailure, APeerThatDripsIsLeftAtTheDeadline) {
+  for (const Reply& reply :
+       {Reply{"HTTP/1.1 200 OK\r\nx: ", Then::drip}, Reply{"HTTP/1.1 200 OK\r\n\r\n{", Then::drip}}) {
+    asio::io_context io;
+    ScriptedServer server(io, {reply});
+    EXPECT_EQ(ask_vision(io, server, 0.05).reason, "vision timeout after 0.05s");
+  }
+}
+
+TEST(HttpFailure, NumbersBeyondEveryRange) {
+  for (const std::string number :
+       {"1e400", "-1e400", "99999999999999999999999", "-99999999999999999999999", "1e-400"}) {
+    std::string answer =
+        R"({"usage": {"input_tokens": #, "output_tokens": #}, "content": [{"type": "tool_use", "name": )"
+        R"("propose_action", "input": {"action": "click", "reason": "r", "confidence": #, "x_ratio": #, )"
+        R"("y_ratio": #, "duration_ms": #, "scroll_dy_ratio": #, "next_expected_state": "n"}}]})";
+    for (auto at = answer.find('#'); at != answer.npos; at = answer.find('#')) answer.replace(at, 1, number);
+    asio::io_context io;
+    ScriptedServer server(io, {{response("200 OK", answer)}});
+    const ActionResult result = ask_vision(io, server, 60);
+    EXPECT_TRUE(result.action == "click" || result.reason.starts_with("unexpected error: ")) << number << result.reason;
+    EXPECT_TRUE(!result.x_ratio || (*result.x_ratio >= 0 && *result.x_ratio <= 1)) << number;
+    EXPECT_NO_THROW(boost::json::parse(text::to_json(_observe_action_record(result)))) << number;
+  }
 }
 
 TEST(HttpFailure, ARedirectIsNotFollowed) {
@@ -165,7 +258,7 @@ TEST(HttpFailure, EndpointsThatCannotBeReached) {
       {"https://127.0.0.1:" + port, HttpOptions().ca_file("/nowhere/ca.pem"), "APIConnectionError: ", ""},
   };
   for (const auto& [url, options, start, words] : rows) {
-    HttpMessagesClient client(key, HttpOptions(options).base_url(url));
+    HttpMessagesClient client(key, HttpOptions(options).base_url(url).allow_plain_http(true));
     const std::string ending = ask(io, client);
     EXPECT_TRUE(ending.starts_with(start)) << ending;
     EXPECT_NE(ending.find(words), ending.npos) << ending;
@@ -178,28 +271,32 @@ TEST(HttpFailure, OnlyATrustedCertificateForTheHostWillDo) {
   std::ofstream("ca.pem") << authority.pem();
   auto good = authority.server("localhost"), foreign = stranger.server("localhost");
   auto expired = authority.server("localhost", -60), other = authority.server("other.example");
-  auto old = authority.server("localhost");
+  auto old = authority.server("localhost"), self_signed = authority.server("localhost", 3600, true);
   ::SSL_CTX_set_cipher_list(old.native_handle(), "ALL:@SECLEVEL=0");
   ::SSL_CTX_set_min_proto_version(old.native_handle(), TLS1_VERSION);
   ::SSL_CTX_set_max_proto_version(old.native_handle(), TLS1_1_VERSION);
 
   const std::string ca = scratch.path() / "ca.pem";
-  const std::tuple<asio::ssl::context*, std::string, std::string> rows[] = {
-      {&good, ca, R"({"content":[]})"},
-      {&good, "", "unable to get local issuer certificate"},
-      {&foreign, ca, "unable to get local issuer certificate"},
-      {&expired, ca, "certificate has expired"},
-      {&other, ca, "no alternative certificate subject name matches target host name 'localhost'"},
-      {&old, ca, "alert protocol version"},
-      {&good, "missing.pem", "missing.pem"},
+  using Reason = APIConnectionError::Reason;
+  const std::tuple<asio::ssl::context*, std::string, std::string, Reason> rows[] = {
+      {&good, ca, R"({"content":[]})", Reason::other},
+      {&good, "", "unable to get local issuer certificate", Reason::untrusted_certificate},
+      {&foreign, ca, "unable to get local issuer certificate", Reason::untrusted_certificate},
+      {&self_signed, ca, "self-signed certificate", Reason::untrusted_certificate},
+      {&expired, ca, "certificate has expired", Reason::expired_certificate},
+      {&other, ca, "certificate subject name matches target host name 'localhost'", Reason::wrong_host},
+      {&old, ca, "alert protocol version, TLS 1.2 is the oldest version accepted", Reason::old_protocol},
+      {&good, "missing.pem", "missing.pem", Reason::no_tls},
   };
-  for (const auto& [tls, ca_file, expected] : rows) {
+  for (const auto& [tls, ca_file, expected, reason] : rows) {
     asio::io_context io;
     ScriptedServer server(io, {{ok}}, tls);
     HttpMessagesClient client(key, HttpOptions().base_url(server.url("localhost")).ca_file(ca_file));
     const MessagesRequest request = make_request(2'000'000);
     for (int i = 0; i < 2; ++i) {
-      const std::string ending = ask(io, client, request);
+      Call call;
+      const std::string ending = ask(io, client, request, std::move(call));
+      EXPECT_EQ(call.reason, reason) << ending;
       EXPECT_NE(ending.find(expected), ending.npos) << expected << "\n is not in: " << ending;
       EXPECT_TRUE(tls == &good && ca_file == ca ? server.requests.back().body() == request.body()
                                                 : ending.starts_with("APIConnectionError: no trusted TLS connection"));

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "tests/http/scripted_server.hpp"
+#include "vision/client/api_error.hpp"
 #include "vision/client/http/http_messages_client.hpp"
 #include "vision/text/errors.hpp"
 
@@ -38,6 +39,7 @@ class Call {
   asio::cancellation_signal cancel;
   bool ended = false;
   std::string ending;
+  APIConnectionError::Reason reason = APIConnectionError::Reason::other;
 
  private:
   asio::awaitable<void> body(HttpMessagesClient& client, MessagesRequest request) {
@@ -45,7 +47,13 @@ class Call {
     ending = boost::json::serialize(answer);
   }
 
-  static std::string ending_of(const std::exception_ptr& error) {
+  std::string ending_of(const std::exception_ptr& error) {
+    try {
+      std::rethrow_exception(error);
+    } catch (const APIConnectionError& connection) {
+      reason = connection.reason();
+    } catch (...) {  // has none
+    }
     const std::string text = text::full_exception_text(error);
     EXPECT_EQ(text.find(key), text.npos) << text;
     return text.starts_with("system_error: ") ? "cancelled" : text;
@@ -54,8 +62,7 @@ class Call {
 
 /// Runs one request to its end on a loop that servers share.
 inline std::string ask(asio::io_context& io, HttpMessagesClient& client,
-                       const MessagesRequest& request = make_request()) {
-  Call call;
+                       const MessagesRequest& request = make_request(), Call&& call = Call()) {
   call.start(io.get_executor(), client, request);
   while (!call.ended) io.run_one();
   return call.ending;

@@ -5,6 +5,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/ssl.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -23,14 +24,16 @@ namespace beast = boost::beast;
 using asio::ip::tcp;
 
 /// What the server does with one request: how much of it is read, which bytes
-/// go back, and what becomes of the connection.
+/// go back, and what becomes of the connection: silence (drain), the last bytes
+/// without end, or one more each second (drip), until the client closes it.
 struct Reply {
   enum class Read { all, head, none };
-  enum class Then { keep, close, reset, drain };  // drain: silence until the client closes
+  enum class Then { keep, close, reset, drain, flood, drip };
 
   std::string bytes;
   Then then = Then::keep;
   Read read = Read::all;
+  std::string more = "x";  // of a flood or drip
 };
 
 inline std::string response(const std::string& status, const std::string& body, const std::string& headers = "") {
@@ -56,6 +59,7 @@ class ScriptedServer {
   }
 
   int connections = 0;
+  std::size_t flooded = 0;  ///< bytes
   std::vector<Request> requests;
   /// Told "accepted", "head", "request", "replied" and "closed" (by the client).
   std::function<void(std::string)> on_stage = [](const std::string&) {};
@@ -99,10 +103,24 @@ class ScriptedServer {
       co_await asio::async_write(stream, asio::buffer(reply.bytes), asio::use_awaitable);
       on_stage("replied");
     } while (reply.then == Reply::Then::keep);
+    while (reply.then == Reply::Then::flood) {
+      flooded += co_await asio::async_write(stream, asio::buffer(reply.more), asio::use_awaitable);
+    }
+    if (reply.then == Reply::Then::drip) co_await drip(stream, reply.more);
     tcp::socket& socket = beast::get_lowest_layer(stream);
     if (reply.then == Reply::Then::reset) socket.set_option(asio::socket_base::linger(true, 0));
     if (reply.then == Reply::Then::drain) co_await drain(socket);
     socket.close();
+  }
+
+  template <class Stream>
+  asio::awaitable<void> drip(Stream& stream, std::string byte) {
+    asio::steady_timer second(acceptor_.get_executor());
+    for (;;) {
+      co_await asio::async_write(stream, asio::buffer(byte), asio::use_awaitable);
+      second.expires_after(std::chrono::seconds(1));
+      co_await second.async_wait(asio::use_awaitable);
+    }
   }
 
   asio::awaitable<void> drain(tcp::socket& socket) {

@@ -21,8 +21,28 @@ class APIError : public std::runtime_error, public NamedError {
 /// No response: the endpoint was not reached, or the exchange broke off.
 class APIConnectionError : public APIError {
  public:
-  using APIError::APIError;
+  /// What stood in the way, where that is known.
+  enum class Reason {
+    other,
+    unreachable,            ///< the name does not resolve, or nobody listens
+    timed_out,              ///< connecting took too long
+    broken_off,             ///< the connection or the response ended too early
+    untrusted_certificate,  ///< self-signed, or from an authority that is not trusted
+    expired_certificate,    ///< no longer valid, or not yet
+    wrong_host,             ///< a certificate for another host
+    old_protocol,           ///< nothing newer than TLS 1.1
+    no_tls,                 ///< any other failure to set TLS up
+  };
+
+  /// `message` becomes what().
+  explicit APIConnectionError(const std::string& message, Reason reason = Reason::other)
+      : APIError(message), reason_(reason) {}
   const char* kind_name() const noexcept override { return "APIConnectionError"; }
+  /// The reason given.
+  Reason reason() const noexcept { return reason_; }
+
+ private:
+  Reason reason_;
 };
 
 /// The endpoint could not be reached, or fell silent, for too long.

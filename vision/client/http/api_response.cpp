@@ -137,10 +137,13 @@ json::value parse_response(const RawResponse& response, const SecretKey& key) {
     reject("the response is incomplete JSON, ending after " + std::to_string(response.body.size()) + " bytes", response,
            key);
   }
+  if (value.is_object()) {
+    key.scrub(value);
+    return value;
+  }
   const std::string start = ": " + quote(key, response.body, excerpt_code_points);
   if (error) reject("the response is not JSON (" + error.message() + ")" + start, response, key);
-  if (!value.is_object()) reject("the response is no JSON object" + start, response, key);
-  return value;
+  reject("the response is no JSON object" + start, response, key);
 }
 
 }  // namespace vision::http

@@ -22,8 +22,9 @@ struct RawResponse {
 /// of what every request of this library holds names the cause.
 [[noreturn]] void throw_error_response(const RawResponse& response, const std::string& model, const SecretKey& key);
 
-/// The JSON object of a 2xx response, in one memory resource that it owns. Throws
-/// APIResponseValidationError for anything else.
+/// The JSON object of a 2xx response, in one memory resource that it owns, without
+/// the API key should it be in there. Throws APIResponseValidationError for
+/// anything else.
 boost::json::value parse_response(const RawResponse& response, const SecretKey& key);
 
 }  // namespace vision::http

@@ -6,6 +6,7 @@
 #include <new>
 #include <stdexcept>
 
+#include "vision/text/loopback.hpp"
 #include "vision/text/utf8.hpp"
 
 namespace vision::http {
@@ -85,8 +86,17 @@ Endpoint::Endpoint(std::string_view api_key, const HttpOptions& options)
   initialise_libcurl();
   const BaseUrl base = base_url_of(options);
   const Url parsed = parse(base);
+  const std::string host = part(parsed, CURLUPART_HOST);
+  if (part(parsed, CURLUPART_SCHEME) == "http") {
+    direct = text::is_loopback(host);
+    if (!direct && !options.allow_plain_http()) {
+      refuse(base,
+             "would send the API key unencrypted to another machine; use https, or permit it with "
+             "HttpOptions::allow_plain_http");
+    }
+  }
   const std::string port = part(parsed, CURLUPART_PORT);
-  authority = part(parsed, CURLUPART_HOST) + (port.empty() ? "" : ":" + port);
+  authority = host + (port.empty() ? "" : ":" + port);
   url = text::trim(base.value);
   url.erase(url.find_last_not_of('/') + 1);
   url += "/v1/messages";

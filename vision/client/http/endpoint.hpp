@@ -26,6 +26,7 @@ struct Endpoint {
   SecretKey key;
   std::string url;        ///< of the messages resource
   std::string authority;  ///< host, and port when one is given: the name in error texts
+  bool direct = false;    ///< no proxy
   std::string ca_file;    ///< empty: the system's
   std::chrono::milliseconds connect_timeout;
   std::size_t max_response_bytes;

@@ -1,11 +1,12 @@
 #include "vision/client/http/exchange.hpp"
 
+#include <openssl/x509_vfy.h>
+
 #include <boost/beast/core/string.hpp>
 #include <cstdio>
 #include <system_error>
 #include <utility>
 
-#include "vision/client/api_error.hpp"
 #include "vision/text/utf8.hpp"
 
 namespace vision::http {
@@ -31,22 +32,34 @@ class Setter {
   CURL* easy_;
 };
 
-// What libcurl was doing when it failed, for the failures that a user can mend.
-const char* activity(CURLcode code) {
-  switch (code) {
-    case CURLE_COULDNT_RESOLVE_PROXY:
-    case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_CONNECT: return "cannot reach ";
-    case CURLE_OPERATION_TIMEDOUT: return "timed out connecting to ";
-    case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_SSL_CACERT_BADFILE:
-    case CURLE_SSL_CONNECT_ERROR: return "no trusted TLS connection to ";
-    case CURLE_PARTIAL_FILE: return "the response was cut short by ";
-    case CURLE_GOT_NOTHING:
-    case CURLE_SEND_ERROR:
-    case CURLE_RECV_ERROR: return "the connection broke off to ";
-    default: return "the exchange failed with ";
+using Reason = APIConnectionError::Reason;
+
+// What was being done when it failed.
+const char* activity(Reason reason) {
+  switch (reason) {
+    case Reason::unreachable: return "cannot reach ";
+    case Reason::timed_out: return "timed out connecting to ";
+    case Reason::broken_off: return "the connection broke off to ";
+    case Reason::other: return "the exchange failed with ";
+    default: return "no trusted TLS connection to ";
   }
+}
+
+// libcurl itself compares the host's name, after OpenSSL found nothing wrong: only
+// its words tell that.
+Reason certificate_reason(long verify_result, std::string_view words) {
+  if (words.find("target host name") != words.npos) return Reason::wrong_host;
+  switch (verify_result) {
+    case X509_V_ERR_CERT_HAS_EXPIRED:
+    case X509_V_ERR_CERT_NOT_YET_VALID: return Reason::expired_certificate;
+    default: return Reason::untrusted_certificate;
+  }
+}
+
+// Only OpenSSL's words tell: ours when the server offers too little, the server's
+// when it refuses what we offer.
+bool is_old_protocol(std::string_view words) {
+  return words.find("alert protocol version") != words.npos || words.find("unsupported protocol") != words.npos;
 }
 
 }  // namespace
@@ -82,6 +95,7 @@ CURLcode Exchange::configure(CURL* easy) noexcept {
       .set(CURLOPT_WRITEDATA, this)
       .set(CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(endpoint_->max_response_bytes))
       .set(CURLOPT_ERRORBUFFER, error_text_.data());
+  if (endpoint_->direct) options.set(CURLOPT_NOPROXY, "*");
   if (!endpoint_->ca_file.empty()) {
     // The built-in directory of authorities would be trusted besides the file.
     options.set(CURLOPT_CAINFO, endpoint_->ca_file.c_str()).set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
@@ -95,6 +109,7 @@ void Exchange::finish(CURL* easy, CURLcode code) noexcept {
   if (easy && header_bytes_ > 0) ::curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
   response_.status = static_cast<int>(status);
   if (easy && code == CURLE_COULDNT_CONNECT) ::curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &system_error_);
+  if (easy) ::curl_easy_getinfo(easy, CURLINFO_SSL_VERIFYRESULT, &verify_result_);
   // libcurl's own limit for one header line, above ours, is reported as a lack of memory.
   if (code == CURLE_OUT_OF_MEMORY && header_bytes_ > 0 && !header_complete_) header_too_large_ = true;
   // It takes a header that ends without a blank line for a whole one.
@@ -119,13 +134,32 @@ void Exchange::throw_too_large() const {
                                    " bytes");
 }
 
+Reason Exchange::reason() const {
+  switch (code_) {
+    case CURLE_COULDNT_RESOLVE_PROXY:
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_CONNECT: return Reason::unreachable;
+    case CURLE_OPERATION_TIMEDOUT: return Reason::timed_out;
+    case CURLE_PEER_FAILED_VERIFICATION: return certificate_reason(verify_result_, error_text_.data());
+    case CURLE_SSL_CONNECT_ERROR: return is_old_protocol(error_text_.data()) ? Reason::old_protocol : Reason::no_tls;
+    case CURLE_SSL_CACERT_BADFILE: return Reason::no_tls;
+    case CURLE_PARTIAL_FILE:
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR: return Reason::broken_off;
+    default: return Reason::other;
+  }
+}
+
 void Exchange::throw_no_response() const {
   std::string detail = error_text_[0] ? error_text_.data() : ::curl_easy_strerror(code_);
   if (system_error_ != 0) detail += " (" + std::system_category().message(static_cast<int>(system_error_)) + ")";
-  const std::string message =
-      activity(code_) + endpoint_->authority + ": " + text::one_line(endpoint_->key.scrub(detail));
-  if (code_ == CURLE_OPERATION_TIMEDOUT) throw APITimeoutError(message);
-  throw APIConnectionError(message);
+  const Reason why = reason();
+  if (why == Reason::old_protocol) detail += ", TLS 1.2 is the oldest version accepted";
+  const char* const doing = code_ == CURLE_PARTIAL_FILE ? "the response was cut short by " : activity(why);
+  const std::string message = doing + endpoint_->authority + ": " + text::one_line(endpoint_->key.scrub(detail));
+  if (why == Reason::timed_out) throw APITimeoutError(message, why);
+  throw APIConnectionError(message, why);
 }
 
 bool Exchange::take_header(std::string_view line) {

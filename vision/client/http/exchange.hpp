@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "vision/client/api_error.hpp"
 #include "vision/client/http/api_response.hpp"
 #include "vision/client/http/body_reader.hpp"
 #include "vision/client/http/endpoint.hpp"
@@ -41,6 +42,7 @@ class Exchange {
   bool take_header(std::string_view line);
   bool take_body(std::string_view piece);
   [[noreturn]] void throw_no_response() const;
+  APIConnectionError::Reason reason() const;
   [[noreturn]] void throw_too_large() const;
 
   std::shared_ptr<const Endpoint> endpoint_;
@@ -50,7 +52,8 @@ class Exchange {
   bool header_complete_ = false;
   bool header_too_large_ = false;
   CURLcode code_ = CURLE_OK;
-  long system_error_ = 0;  // errno of a failed connect
+  long system_error_ = 0;   // errno of a failed connect
+  long verify_result_ = 0;  // why the certificate was refused, in OpenSSL's terms
   std::array<char, CURL_ERROR_SIZE> error_text_{};
 };
 

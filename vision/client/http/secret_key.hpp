@@ -1,12 +1,14 @@
 #pragma once
 
+#include <boost/json/value.hpp>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vision::http {
 
 /// The API key. Never shown: it has no text form, and `scrub` takes it out of
-/// texts that came from outside. Its memory is wiped when it is destroyed.
+/// what came from outside. Its memory is wiped when it is destroyed.
 class SecretKey {
  public:
   /// Drops white space around `given`. Throws std::invalid_argument, which does
@@ -18,12 +20,17 @@ class SecretKey {
 
   std::string_view reveal() const noexcept { return value_; }
 
-  /// `text` with every occurrence of the key replaced. Keys shorter than eight
-  /// characters are left alone: they occur by chance.
+  /// `text` with every occurrence of the key replaced, also where it stands in
+  /// base64, URL-encoded, in hexadecimal digits or escaped as in JSON, and of eight
+  /// or more of its first characters at the end. Keys shorter than that are left
+  /// alone: they occur by chance.
   std::string scrub(std::string_view text) const;
+  /// Does so in every string of `value`.
+  void scrub(boost::json::value& value) const;
 
  private:
   std::string value_;
+  std::vector<std::string> forms_;  // in which it is looked for
 };
 
 }  // namespace vision::http
