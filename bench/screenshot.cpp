@@ -1,1 +1,92 @@
-int main(){}
+// Screenshots of one page in a Chromium: through ChromiumPage, and the same
+// command sent raw with its reply only received. Alternates the two.
+//   screenshot ROUNDS --profile DIRECTORY [--ratio R]
+// The browser that uses the profile directory has an open debugging port.
+#include <unistd.h>
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+
+#include "bench/support.hpp"
+#include "chromium/browser.hpp"
+#include "chromium/endpoint.hpp"
+#include "chromium/websocket_transport.hpp"
+
+using namespace vision;
+namespace asio = boost::asio;
+
+namespace {
+
+// Text, shapes and a gradient: neither flat nor noise.
+constexpr const char* draw = R"js((() => {
+  const cells = [...Array(400).keys()].map((i) =>
+    `<div style="display:inline-block;width:96px;height:30px;margin:2px;border-radius:6px;font:13px sans-serif;` +
+    `background:linear-gradient(${i}deg, hsl(${i * 7} 60% 80%), hsl(${i * 11} 40% 60%))">item ${i * i}</div>`);
+  document.body.innerHTML = cells.join("");
+})())js";
+
+std::string wait_for_port(const std::filesystem::path& profile) {
+  for (std::string line;;) {
+    std::ifstream file(profile / "DevToolsActivePort");
+    if (std::getline(file, line) && !file.eof()) return line;
+    ::usleep(20'000);
+  }
+}
+
+asio::awaitable<void> run(const bench::Arguments& arguments, boost::json::object& out) {
+  const long rounds = std::stol(arguments.at(0));
+  const double ratio = static_cast<double>(arguments.number("ratio", 1));
+  const std::string port = wait_for_port(arguments.text("profile"));
+  auto browser = co_await chromium::connect("http://127.0.0.1:" + port);
+  auto page = co_await browser->new_page(chromium::PageOptions().device_pixel_ratio(ratio));
+  (void)co_await page->evaluate(draw);
+  chromium::Endpoint endpoint;
+  endpoint.scheme = "ws";
+  endpoint.host = "127.0.0.1";
+  endpoint.port = port;
+  endpoint.path = "/devtools/page/" + page->target_id();
+  const auto raw = co_await chromium::WebSocketTransport::connect(endpoint);
+  const std::string command = R"({"id":1,"method":"Page.captureScreenshot","params":{"format":"png"}})";
+
+  boost::json::array ours_s, raw_s;
+  std::size_t image_bytes = 0, peak_bytes = 0;
+  for (long i = -1; i < rounds; ++i) {  // the first round only warms up
+    const bench::Meter raw_meter;
+    co_await raw->write(command);
+    const std::string reply = co_await raw->read();
+    const double raw_wall = raw_meter.wall_s();
+    bench::reset_peak_allocation();
+    const std::size_t before = bench::allocations().live_bytes;
+    const bench::Meter meter;
+    const Bytes image = co_await page->screenshot(ScreenshotOptions());
+    if (i < 0) continue;
+    ours_s.push_back(meter.wall_s());
+    raw_s.push_back(raw_wall);
+    image_bytes = image.size();
+    peak_bytes = std::max(peak_bytes, bench::allocations().peak_bytes - before);
+  }
+  out = {{"ours_s", std::move(ours_s)},
+         {"raw_s", std::move(raw_s)},
+         {"image_bytes", image_bytes},
+         {"peak_bytes", peak_bytes}};
+  raw->close();
+  co_await page->close();
+  co_await browser->close();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const bench::Arguments arguments(argc, argv);
+  asio::io_context io;
+  boost::json::object out;
+  asio::co_spawn(io, run(arguments, out), [](std::exception_ptr error) {
+    if (error) std::rethrow_exception(error);
+  });
+  io.run();
+  bench::print(out);
+}

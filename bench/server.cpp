@@ -53,7 +53,9 @@ class Tls {
     ::SSL_set_fd(ssl_.get(), fd);
     is_open_ = ::SSL_accept(ssl_.get()) == 1;
   }
-  ssize_t read(char* out, std::size_t room) { return is_open_ ? ::SSL_read(ssl_.get(), out, static_cast<int>(room)) : 0; }
+  ssize_t read(char* out, std::size_t room) {
+    return is_open_ ? ::SSL_read(ssl_.get(), out, static_cast<int>(room)) : 0;
+  }
   ssize_t discard(std::size_t size) { return read(scratch_.get(), std::min(size, scratch_size)); }
   bool write(const std::string& text) {
     return ::SSL_write(ssl_.get(), text.data(), static_cast<int>(text.size())) == static_cast<int>(text.size());
