@@ -6,6 +6,7 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/redirect_error.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <functional>
 #include <map>
@@ -29,9 +30,11 @@ class VirtualTime : public runtime::TimeSource {
   Duration steady_now() const override { return now_; }
   Duration wall_now() const override { return wall_start + now_; }
 
-  asio::awaitable<void> sleep(Duration duration) override {
-    co_await asio::async_initiate<decltype(asio::use_awaitable), void(boost::system::error_code)>(
-        [this](auto handler, Duration d) { start(std::move(handler), d); }, asio::use_awaitable, duration);
+  asio::awaitable<void> sleep(Duration duration) override { co_await async_sleep(duration, asio::use_awaitable); }
+
+  asio::awaitable<void> wait(Duration duration) override {
+    boost::system::error_code cancelled;
+    co_await async_sleep(duration, asio::redirect_error(asio::use_awaitable, cancelled));
   }
 
   /// Jumps to the earliest timer and lets it fire; false when there is none.
@@ -43,6 +46,11 @@ class VirtualTime : public runtime::TimeSource {
     return true;
   }
 
+  /// How long until the earliest timer; a hundred years when there is none.
+  Duration until_next() const {
+    return timers_.empty() ? runtime::to_duration(1e300) : timers_.begin()->first.first - now_;
+  }
+
   std::size_t pending() const { return timers_.size(); }
 
   static constexpr Duration wall_start = std::chrono::seconds(1763319900);  // 2025-11-16T19:05:00Z
@@ -50,6 +58,12 @@ class VirtualTime : public runtime::TimeSource {
  private:
   using Complete = std::function<void(boost::system::error_code)>;
   using Key = std::pair<Duration, std::uint64_t>;  // when, and in which order set
+
+  template <class Token>
+  asio::awaitable<void> async_sleep(Duration duration, Token token) {
+    return asio::async_initiate<Token, void(boost::system::error_code)>(
+        [this](auto handler, Duration d) { start(std::move(handler), d); }, token, duration);
+  }
 
   template <class Handler>
   void start(Handler handler, Duration d) {
