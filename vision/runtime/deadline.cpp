@@ -29,6 +29,8 @@ namespace detail {
 asio::awaitable<void> quiet_wait(Duration limit) {
   co_await asio::this_coro::throw_if_cancelled(false);
   co_await asio::post(asio::use_awaitable);
+  const auto state = co_await asio::this_coro::cancellation_state;
+  if (state.cancelled() != asio::cancellation_type::none) co_return;  // a wait begun now would not hear of it
   const auto executor = co_await asio::this_coro::executor;
   co_await time_source(executor).wait(limit);
 }
