@@ -99,7 +99,17 @@ void SecretKey::scrub(boost::json::value& value) const {
   if (auto* array = value.if_array()) {
     for (auto& element : *array) scrub(element);
   } else if (auto* object = value.if_object()) {
-    for (auto& member : *object) scrub(member.value());
+    bool has_clean_names = true;
+    for (auto& member : *object) {
+      scrub(member.value());
+      has_clean_names = has_clean_names && scrub(std::string_view(member.key())) == std::string_view(member.key());
+    }
+    if (has_clean_names) return;
+    boost::json::object renamed(object->storage());
+    for (auto& member : *object) {
+      renamed.insert_or_assign(scrub(std::string_view(member.key())), std::move(member.value()));
+    }
+    *object = std::move(renamed);
   } else if (auto* text = value.if_string()) {
     const std::string clean = scrub(std::string_view(*text));
     if (clean != std::string_view(*text)) *text = clean;

@@ -25,7 +25,7 @@ class SecretKey {
   /// or more of its first characters at the end. Keys shorter than that are left
   /// alone: they occur by chance.
   std::string scrub(std::string_view text) const;
-  /// Does so in every string of `value`.
+  /// Does so in every string of `value`, names of members included.
   void scrub(boost::json::value& value) const;
 
  private:
