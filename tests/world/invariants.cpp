@@ -77,7 +77,9 @@ class Check {
   // 9, and 8 for what nothing in the mode bounds.
   void ending() {
     if (m_.cancelled_at) {
-      const bool may_return = m_.may_still_return || (world_.missions.size() > 1 && *m_.cancelled_at == m_.ended);
+      // From elsewhere it may come when all is decided.
+      const bool is_foreign = world_.missions.size() > 1 || world_.conditions.cancel_turn;
+      const bool may_return = m_.may_still_return || (is_foreign && *m_.cancelled_at == m_.ended);
       if (!is_cancelled_ && !may_return) {
         say("9. a cancellation came out as " + (m_.error ? describe(m_.error) : std::string("a value")));
       }
@@ -122,14 +124,10 @@ class Check {
     return {};
   }
 
-  // 10. No text was cut inside a character.
+  // 10. No text was cut inside a character: the model's are of two bytes each.
   void texts() {
-    if (m_.result && m_.result->reason.find(long_reason().substr(0, 20)) != std::string::npos) {
-      const auto whole = [](const std::string& text) { return head(text, text.size()) == text; };
-      expect(whole(m_.result->reason), "10. a reason was cut inside a character");
-      const std::string end = m_.result->reason.substr(m_.result->reason.size() - 1);
-      expect(static_cast<unsigned char>(end[0]) != 0xC3, "10. a reason was cut inside a character");
-    }
+    const bool is_cut = m_.result && m_.result->reason.ends_with("\xC3");
+    expect(!is_cut, "10. a reason was cut inside a character");
     for (const auto& record : records_) {
       expect(text::to_json(record).find("\\ufffd") == std::string::npos, "10. a text was cut inside a character");
     }
@@ -210,6 +208,21 @@ class Check {
       expect(last && last->is_recorded() && result.latency_ms == last->latency_ms(), "2. a verdict of no call");
     }
     if (m_.was_aborted) expect(result.reason.starts_with("aborted by caller"), "2. an abort that was not reported");
+    const std::string step = std::to_string(m_.probes);
+    const std::string known[] = {"aborted by caller before step " + step,
+                                 "act step " + step + " timed out (screenshot hung?)",
+                                 "act step " + step + " error: ",
+                                 "execute_action(",
+                                 "vision budget exhausted: Vision call budget ",
+                                 "low-confidence ",
+                                 "read-only hotspot ",
+                                 "repeated identical ",
+                                 "step cap ("};
+    if (result.model_used == "act_loop") {
+      expect(std::any_of(std::begin(known), std::end(known),
+                         [&](const auto& text) { return result.reason.starts_with(text); }),
+             "2. a reason of no rail");
+    }
   }
 
   void shadow() {
@@ -223,7 +236,7 @@ class Check {
     expect(is_count(1), "3. not one record");
     if (m_.error) {
       expect(is_own_error(), "3. another error than the agent's");
-      if (is_a<HostError>(m_.error)) expect(is_cua_origin(m_.error), "3. the agent's error has no mark");
+      expect(is_cua_origin(m_.error) == is_a<HostError>(m_.error), "3. the mark of the agent's error");
     } else {
       expect(m_.value && m_.value->at("of") == "agent" && m_.value->at("run") == 1 &&
                  m_.value->at("text").as_string() == std::string_view(long_reason()),
@@ -269,6 +282,10 @@ class Check {
     if (m_.step_runs == 2) expect(acted, "5. the step ran again without an action");
     if (m_.agent_runs == 1) expect(m_.step_runs == 1 && m_.actions == 0, "5. the agent ran after an action");
     if (m_.step_runs == 1 && m_.way == 0) expect(m_.calls.empty(), "5. a call for a step that succeeded");
+    const bool first_error = m_.step_runs == 1 && m_.error && is_a<HostError>(m_.error) && !m_.errors.empty();
+    if (first_error && m_.screenshots == 1 && m_.errors.size() == 1) {
+      expect(!m_.scenario.has_agent && m_.error == m_.errors.front(), "5. the step's error although there is an agent");
+    }
     if (m_.error) return;
     const bool is_right = m_.way == 0   ? m_.value->at("of") == "step" && m_.value->at("run") == m_.step_runs
                           : m_.way == 1 ? m_.result->action == "declare_success"

@@ -83,7 +83,7 @@ std::string head(std::string_view text, std::size_t count) {
 
 std::string long_reason() {
   std::string text = "r";
-  for (int i = 0; i < 150; ++i) text += "äb";
+  for (int i = 0; i < 300; ++i) text += "ä";
   return text;
 }
 

@@ -28,7 +28,14 @@ class Step {
   // The wrapper's agent.
   asio::awaitable<boost::json::object> operator()(BrowserPage&, const FlowContext& context, const std::string& reason) {
     const std::string hint = "playwright failed: ";
-    if (!std::string_view(context.at("context_hint").as_string()).starts_with(hint)) {
+    std::string expected = hint;
+    try {
+      std::rethrow_exception(mission_.errors.at(0));
+    } catch (const HostError& e) {
+      expected += "HostError: " + head(e.what(), 200);
+    } catch (...) {
+    }
+    if (!std::string_view(context.at("context_hint").as_string()).starts_with(expected)) {
       mission_.breaches.push_back("5. the agent is not told of the failure");
     }
     if (mission_.calls.empty() || reason != expected_reason()) {

@@ -37,7 +37,7 @@ std::exception_ptr made(E error) {
 std::exception_ptr error_of(Fault fault) {
   // Longer than any cut, with characters of two bytes across every cut.
   std::string text = "x";
-  for (int i = 0; i < 150; ++i) text += "éa";
+  for (int i = 0; i < 300; ++i) text += "é";
   switch (fault) {
     case Fault::connection_error: return made(APIConnectionError(text));
     case Fault::rate_limit: return made(RateLimitError(text, {429, "rate_limit_error", "r"}));
@@ -218,7 +218,11 @@ void World::run() {
   for (;;) {
     io.restart();
     try {
-      if (io.poll_one() > 0) continue;
+      if (conditions.cancel_turn == turns) cancel_soon(any_mission());
+      if (io.poll_one() > 0) {
+        ++turns;
+        continue;
+      }
     } catch (...) {
       violate("9. an error came out of the event loop");
       continue;

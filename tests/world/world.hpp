@@ -37,7 +37,8 @@ struct Mission;
 struct Conditions {
   std::uint64_t seed = 0;  ///< latencies and scheduling; 0 for latencies of 100 ms, 1 for none
   Plan plan;
-  unsigned faults_per_mille = 0;  ///< of seams that a seeded fault hits
+  std::optional<std::size_t> cancel_turn;  ///< the caller cancels after so many handlers of the event loop
+  unsigned faults_per_mille = 0;           ///< of seams that a seeded fault hits
   bool prints_trace = false;
 };
 
@@ -147,6 +148,7 @@ class World {
   std::vector<SeamKind> seams;  ///< in the order in which they were passed
   std::vector<std::string> violations;
   std::uint64_t hash = 1469598103934665603u;
+  std::size_t turns = 0;   ///< handlers that the event loop ran
   int in_flight = 0;       ///< visits that have not ended
   int faulty_appends = 0;  ///< file operations of the log that were given a fault
   int cut_writes = 0;

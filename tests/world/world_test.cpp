@@ -21,14 +21,17 @@ struct Run {
   const Scenario* scenario = nullptr;  ///< null for a world of several missions
   std::uint64_t seed = 0;
   Plan plan;
+  std::optional<std::size_t> cancel_turn = {};
 
   std::string replay_line() const {
     return "world_test --replay scenario=" + (scenario ? scenario->full_name() : std::string("random")) +
-           " seed=" + std::to_string(seed) + (scenario ? " fault=" + to_text(plan) : "");
+           " seed=" + std::to_string(seed) + (scenario ? " fault=" + to_text(plan) : "") +
+           (cancel_turn ? " cancel_turn=" + std::to_string(*cancel_turn) : "");
   }
 };
 
 struct Report {
+  std::size_t turns = 0;
   std::vector<SeamKind> seams;
   std::uint64_t hash = 0;
   std::vector<std::string> violations;
@@ -71,6 +74,7 @@ Report perform(const Run& run, bool prints_trace = false) {
   Conditions conditions;
   conditions.seed = run.seed;
   conditions.plan = run.plan;
+  conditions.cancel_turn = run.cancel_turn;
   conditions.faults_per_mille = run.scenario ? 0 : 20;
   conditions.prints_trace = prints_trace;
   Report report;
@@ -99,6 +103,7 @@ Report perform(const Run& run, bool prints_trace = false) {
   check(world, *host, test::read_lines(log_path));
   if (fixtures) check_fixtures(world, report);
   report.seams = world.seams;
+  report.turns = world.turns;
   report.hash = world.hash;
   report.violations.insert(report.violations.end(), world.violations.begin(), world.violations.end());
   return report;
@@ -136,6 +141,7 @@ class Campaign {
       for (const std::uint64_t seed : {0, 1, 2, 3}) {
         const Report clean = take({&scenario, seed, {}});
         if (seed == 0) seams_ += clean.seams.size();
+        for (std::size_t turn = 0; seed < 2 && turn < clean.turns; ++turn) take({&scenario, seed, {}, turn});
         for (std::size_t i = 0; i < clean.seams.size(); ++i) {
           for (const Fault fault : faults_of(clean.seams[i])) take({&scenario, seed, {{static_cast<int>(i), fault}}});
         }
@@ -194,6 +200,7 @@ Run run_from(const std::vector<std::string>& words) {
     const auto equals = word.find('=');
     const std::string key = word.substr(0, equals), value = word.substr(equals + 1);
     if (key == "seed") run.seed = std::stoull(value);
+    if (key == "cancel_turn") run.cancel_turn = std::stoull(value);
     if (key == "fault") run.plan = plan_from(value);
     if (key != "scenario" || value == "random") continue;
     for (const Scenario& scenario : scenarios())
@@ -212,7 +219,7 @@ int replay(const Run& run) {
 
 int usage() {
   std::cerr << "usage: world_test single | pairs [ROUNDS] | random [COUNT [FIRST_SEED]], and --first to stop early\n"
-               "       world_test --replay scenario=MODE/NAME seed=N fault=seamN:FAULT[,...]\n";
+               "       world_test --replay scenario=MODE/NAME seed=N fault=seamN:FAULT[,...] [cancel_turn=N]\n";
   return 2;
 }
 
