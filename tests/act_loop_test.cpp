@@ -4,7 +4,6 @@
 #include "tests/support/environment.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/scripted.hpp"
-#include "vision/client/api_error.hpp"
 #include "vision/page/execute_action.hpp"
 #include "vision/wirein/act_loop.hpp"
 #include "vision/wirein/act_rails.hpp"
@@ -186,39 +185,6 @@ TEST_F(ActLoop, Rails) {
     EXPECT_EQ(logged.back().at("vision").as_object().contains("terminal"), result.model_used == "light-model");
     EXPECT_EQ(model->steps.size(), 0u);
   }
-}
-
-TEST_F(ActLoop, StepsThatFail) {
-  struct Row {
-    std::function<asio::awaitable<void>(std::string)> before;
-    std::string reason;
-  };
-  const auto failing = [](std::string part) {
-    return [part](std::string operation) -> asio::awaitable<void> {
-      if (operation.starts_with(part)) throw std::runtime_error(std::string(300, 'x'));
-      co_return;
-    };
-  };
-  const auto hanging = [](std::string operation) -> asio::awaitable<void> {
-    if (operation == "screenshot") co_await runtime::sleep_for(std::chrono::hours(24));
-  };
-  const Row rows[] = {
-      {failing("screenshot"), "act step 1 error: runtime_error: " + std::string(200, 'x')},
-      {hanging, "act step 1 timed out (screenshot hung?)"},
-      {failing("click"), "execute_action(click) failed at step 1: runtime_error: " + std::string(200, 'x')},
-  };
-  for (const auto& row : rows) {
-    const double before = world.seconds();
-    model->steps.clear();
-    model->answer(proposal("click", 1, centre));
-    page.before = row.before;
-    EXPECT_EQ(run().reason, row.reason);
-    EXPECT_LE(world.seconds() - before, DEFAULT_TIMEOUT_S * 2 + 12);
-    EXPECT_EQ(records().back().at("outcome"), "escalate");
-  }
-  page.before = nullptr;
-  client.metrics.call_count = 50;
-  EXPECT_EQ(run().reason, "vision budget exhausted: Vision call budget 50 exceeded — escalate to CUA");
 }
 
 TEST_F(ActLoop, MissionText) {

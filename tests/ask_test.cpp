@@ -155,39 +155,6 @@ TEST_F(Ask, NothingIsSentOrRecordedBeforeTheGate) {
   EXPECT_EQ(client().metrics.call_count, 1);
 }
 
-TEST_F(Ask, CancelledAtAnyTurnMeansNotRecorded) {
-  bool finished = false;
-  for (std::size_t turn = 0; !finished; ++turn) {
-    model->steps.clear();
-    model->fail(APIConnectionError("x")).answer(proposal("click", 1), 1);
-    world.cancel_at_turn(turn);
-    try {
-      ask();
-      finished = true;
-    } catch (const boost::system::system_error&) {
-      ASSERT_EQ(client().metrics.call_count, 0) << "cancelled at turn " << turn;
-    }
-    ASSERT_EQ(world.time->pending(), 0u);
-  }
-  EXPECT_EQ(client().metrics.call_count, 1);
-}
-
-TEST_F(Ask, AHostThatCancelsFromWithinIsCancelled) {
-  const auto cancel = [this] { world.cancel.emit(asio::cancellation_type::terminal); };
-  model->answer(proposal("click", 1)).answer(proposal("click", 1));
-  options.on_action([&](const ActionResult&, const FlowContext&) -> asio::awaitable<void> {
-    cancel();
-    co_return;
-  });
-  EXPECT_THROW(ask(), boost::system::system_error);
-  test::ScriptedPage page;
-  page.before = [&](std::string) -> asio::awaitable<void> {
-    cancel();
-    co_return;
-  };
-  EXPECT_THROW(world.run(client().act(page, context)), boost::system::system_error);
-}
-
 TEST_F(Ask, TheProcessWideClient) {
   reset_default_metrics();
   {

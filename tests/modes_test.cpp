@@ -7,7 +7,6 @@
 #include "tests/support/environment.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/scripted.hpp"
-#include "vision/client/api_error.hpp"
 #include "vision/text/json_text.hpp"
 #include "vision/vision.hpp"
 
@@ -22,10 +21,6 @@ namespace asio = boost::asio;
 asio::awaitable<void> pause(double seconds) {
   co_await runtime::sleep_for(runtime::to_duration(seconds));
 }
-
-struct AgentError : std::runtime_error, CuaOriginMark {
-  using std::runtime_error::runtime_error;
-};
 
 class Modes : public testing::Test {
  protected:
@@ -99,33 +94,6 @@ TEST_F(Modes, ShadowTakesAnyResult) {
   EXPECT_THAT(heads, ElementsAre("", "", "", "5", "", ""));
 }
 
-TEST_F(Modes, ShadowGivesBackTheAgentsVeryError) {
-  const auto error = std::make_exception_ptr(AgentError("boom"));
-  EXPECT_FALSE(is_cua_origin(error));
-  model->fail(APIConnectionError("down"));
-  try {
-    world.run(shadow_observe_then_cua(
-        page, [&]() -> asio::awaitable<int> { std::rethrow_exception(error); }, options()));
-    FAIL() << "the agent's error was lost";
-  } catch (const AgentError& caught) {
-    EXPECT_EQ(std::current_exception(), error);
-    EXPECT_TRUE(caught._kx_cua_origin && is_cua_origin(caught));
-  }
-  EXPECT_EQ(logged(), R"("vision": {"error": "transport error: APIConnectionError: down", "elapsed_ms": 500}, )"
-                      R"("cua": {"error": "AgentError: boom"}})");
-  model->answer(proposal("click", 1));
-  EXPECT_THROW(world.run(shadow_observe_then_cua(
-                   page,
-                   []() -> asio::awaitable<void> {
-                     co_await pause(1);
-                     throw 42;
-                   },
-                   options())),
-               int);
-  EXPECT_FALSE(is_cua_origin(std::make_exception_ptr(42)));
-  EXPECT_FALSE(is_cua_origin(std::exception_ptr()));
-}
-
 TEST_F(Modes, VisionsFailuresStayInTheRecord) {
   struct Row {
     const char* name;
@@ -195,90 +163,6 @@ TEST_F(Modes, ObserverInTheBackground) {
   }
 }
 
-// How the wrapper ended, as text: the way and the value, or the error.
-template <class Primary, class Agent>
-std::string rescued(test::World& world, test::ScriptedPage& page, Primary primary, FallbackOptions options,
-                    Agent agent) {
-  try {
-    const auto result = world.run(with_vision_fallback(page, std::move(primary), options, std::move(agent)));
-    const std::string way = std::to_string(result.index()) + " ";
-    if (result.index() == 0) return way + std::to_string(std::get<0>(result));
-    if (result.index() == 1) return way + std::get<1>(result).action;
-    if constexpr (!std::is_same_v<Agent, NoFallback>) return way + std::get<2>(result);
-    return way;
-  } catch (const std::exception& e) {
-    return e.what();
-  } catch (int i) {
-    return "int " + std::to_string(i);
-  }
-}
-
-TEST_F(Modes, FallbackPaths) {
-  const std::string at = R"(, "x_ratio": 0.5, "y_ratio": 0.5)";
-  struct Row {
-    const char* name;
-    int failures;
-    std::string answer;
-    const char *with_agent, *without;
-    int runs;
-    std::size_t actions;
-  };
-  const Row rows[] = {
-      {"no failure", 0, "", "0 1", "0 1", 1, 0},
-      {"guessed success", 1, proposal("declare_success", 0.3), "1 declare_success", "1 declare_success", 1, 0},
-      {"escalation", 1, proposal("escalate_to_cua", 1), "2 agent: because", "run 1 failed", 1, 0},
-      {"failure", 1, proposal("declare_failure", 1), "2 agent: because", "run 1 failed", 1, 0},
-      {"guess", 1, proposal("click", 0.59, at), "2 agent: because", "run 1 failed", 1, 0},
-      {"failed call", 1, "{}", "2 agent: unexpected error: InvalidResponse: the response has no content",
-       "run 1 failed", 1, 0},
-      {"click", 1, proposal("click", 0.6, at), "0 2", "0 2", 2, 1},
-      {"click in vain", 2, proposal("click", 0.6, at), "run 2 failed", "run 2 failed", 2, 1},
-      {"unusable click", 1, proposal("click", 1), "click action requires x_ratio + y_ratio",
-       "click action requires x_ratio + y_ratio", 1, 0},
-  };
-  const auto options = [this] { return FallbackOptions(context).vision(client); };
-  for (const auto& row : rows) {
-    for (const bool with_agent : {true, false}) {
-      SCOPED_TRACE(row.name);
-      page.actions.clear();
-      model->steps.clear();
-      if (!row.answer.empty()) model->answer(row.answer);
-      int runs = 0;
-      const auto primary = [&]() -> asio::awaitable<int> {
-        if (++runs <= row.failures) throw std::runtime_error("run " + std::to_string(runs) + " failed");
-        co_return runs;
-      };
-      const auto agent = [&](BrowserPage& given, const FlowContext& copy,
-                             const std::string& reason) -> asio::awaitable<std::string> {
-        EXPECT_EQ(&given, &page);
-        EXPECT_EQ(copy.at("context_hint"), "playwright failed: runtime_error: run 1 failed");
-        co_return "agent: " + reason;
-      };
-      EXPECT_EQ(with_agent ? rescued(world, page, primary, options(), agent)
-                           : rescued(world, page, primary, options(), NoFallback()),
-                with_agent ? row.with_agent : row.without);
-      EXPECT_EQ(runs, row.runs);
-      EXPECT_EQ(page.actions.size(), row.actions);
-    }
-  }
-  EXPECT_EQ(context.at("context_hint"), "the caller's");
-  EXPECT_FALSE(std::filesystem::exists("logs"));
-}
-
-TEST_F(Modes, FallbackLetsErrorsThroughUnchanged) {
-  const auto options = FallbackOptions(context).vision(client);
-  const auto broken = []() -> asio::awaitable<int> { throw 42; };
-  model->answer(proposal("escalate_to_cua", 1));
-  EXPECT_EQ(rescued(world, page, broken, options, NoFallback()), "int 42");
-  model->answer(proposal("escalate_to_cua", 1));
-  using Agent = std::function<asio::awaitable<std::string>(BrowserPage&, const FlowContext&, const std::string&)>;
-  EXPECT_EQ(rescued(world, page, broken, options, Agent()), "int 42");
-  client.metrics.call_count = 50;
-  EXPECT_THAT(rescued(world, page, broken, options, NoFallback()), HasSubstr("Vision call budget 50"));
-  page.before = [](std::string) -> asio::awaitable<void> { throw std::runtime_error("closed"); };
-  EXPECT_EQ(rescued(world, page, broken, options, NoFallback()), "closed");
-}
-
 TEST_F(Modes, WithoutAClientTheHostsCallablesAreNotRun) {
   const test::ScopedEnv no_key("ANTHROPIC_API_KEY", std::nullopt);
   int runs = 0;
@@ -291,69 +175,6 @@ TEST_F(Modes, WithoutAClientTheHostsCallablesAreNotRun) {
   EXPECT_THROW(world.run(observe_only(page, ObserverOptions(context, "s"))), std::runtime_error);
   EXPECT_EQ(runs, 0);
   EXPECT_FALSE(std::filesystem::exists("logs"));
-}
-
-// A page and callables that clean up after a cancellation the way Asio has it:
-// with the cancellation state reset, and their error swallowed.
-asio::awaitable<void> stubborn_pause(double seconds) {
-  const auto outcome = co_await runtime::detail::guard(runtime::done(pause(seconds)));
-  co_await asio::this_coro::reset_cancellation_state(asio::enable_total_cancellation());
-  co_await pause(0.1);
-}
-
-TEST_F(Modes, CancellationAtEveryTurnPassesAndStopsEverything) {
-  using Run = std::function<void()>;
-  bool stubborn = false;
-  const auto wait = [&](double seconds) { return stubborn ? stubborn_pause(seconds) : pause(seconds); };
-  page.before = [&](std::string) { return wait(0.1); };
-  const auto agent_leg = [&]() -> asio::awaitable<int> {
-    co_await wait(1);
-    co_return 7;
-  };
-  const auto step = [&]() -> asio::awaitable<int> {
-    co_await wait(0.1);
-    throw std::runtime_error("stale");
-  };
-  const auto hand_over = [&](auto&&...) -> asio::awaitable<int> {
-    co_await wait(1);
-    co_return 1;
-  };
-  const std::pair<const char*, Run> modes[] = {
-      {"act loop", [&] { world.run(act_loop(page, ActLoopOptions(context, "s").vision(client).max_steps(2))); }},
-      {"shadow mode", [&] { world.run(shadow_observe_then_cua(page, agent_leg, options())); }},
-      {"observer", [&] { world.run(observe_only(page, options())); }},
-      {"wrapper",
-       [&] { world.run(with_vision_fallback(page, step, FallbackOptions(context).vision(client), hand_over)); }},
-      {"act", [&] { world.run(client.act(page, context)); }},
-  };
-  for (const auto& [name, run] : modes) {
-    for (const bool is_stubborn : {false, true}) {
-      stubborn = is_stubborn;
-      bool finished = false;
-      for (std::size_t turn = 0; !finished; ++turn) {
-        SCOPED_TRACE(std::string(name) + (stubborn ? ", stubborn host" : "") + ", cancelled at turn " +
-                     std::to_string(turn));
-        std::filesystem::remove_all("logs");
-        model->steps.clear();
-        for (int i = 0; i < 2; ++i)
-          model->answer(proposal(name == std::string("wrapper") ? "escalate_to_cua" : "scroll", 1));
-        client.metrics.reset();
-        world.cancel_at_turn(turn);
-        const std::size_t requests = model->bodies.size();
-        try {
-          run();
-          finished = true;
-        } catch (const boost::system::system_error&) {
-          EXPECT_EQ(world.time->pending(), 0u);
-          EXPECT_LE(model->bodies.size() - requests, 2u);
-          for (const auto& line : test::read_lines("logs/vision_shadow.jsonl")) {
-            EXPECT_THAT(line, testing::AllOf(HasSubstr("\"act\""), testing::Not(HasSubstr("\"final\""))));
-          }
-        }
-        ASSERT_LT(turn, 10000u) << "never ran to its end";
-      }
-    }
-  }
 }
 
 // The recommended way to call: named callables moved in, inside one coroutine.
