@@ -51,9 +51,14 @@ asio::awaitable<void> run(const bench::Arguments& arguments, boost::json::object
   endpoint.path = "/devtools/page/" + page->target_id();
   const auto raw = co_await chromium::WebSocketTransport::connect(endpoint);
   const std::string command = R"({"id":1,"method":"Page.captureScreenshot","params":{"format":"png"}})";
+  // The ratio holds for the session that set it.
+  co_await raw->write(R"({"id":1,"method":"Emulation.setDeviceMetricsOverride","params":{"width":1280,"height":800,)"
+                      R"("mobile":false,"deviceScaleFactor":)" +
+                      std::to_string(ratio) + "}}");
+  (void)co_await raw->read();
 
   boost::json::array ours_s, raw_s;
-  std::size_t image_bytes = 0, peak_bytes = 0;
+  std::size_t reply_bytes = 0, image_bytes = 0, peak_bytes = 0;
   for (long i = -1; i < rounds; ++i) {  // the first round only warms up
     const bench::Meter raw_meter;
     co_await raw->write(command);
@@ -66,10 +71,12 @@ asio::awaitable<void> run(const bench::Arguments& arguments, boost::json::object
     if (i < 0) continue;
     ours_s.push_back(meter.wall_s());
     raw_s.push_back(raw_wall);
+    reply_bytes = reply.size();
     image_bytes = image.size();
     peak_bytes = std::max(peak_bytes, bench::allocations().peak_bytes - before);
   }
-  out = {{"ours_s", std::move(ours_s)},
+  out = {{"reply_bytes", reply_bytes},
+         {"ours_s", std::move(ours_s)},
          {"raw_s", std::move(raw_s)},
          {"image_bytes", image_bytes},
          {"peak_bytes", peak_bytes}};
