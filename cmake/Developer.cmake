@@ -27,3 +27,7 @@ if(VISION_SANITIZE)
     add_compile_options(-Wno-tsan)  # Asio's fences, which g++ cannot instrument
   endif()
 endif()
+
+if(VISION_COVERAGE)
+  add_link_options(--coverage)  # vision_library() does the rest: only our own code is counted
+endif()

@@ -9,6 +9,7 @@ cached() { sed -n "s/^$1:[A-Z]*=//p" "$build/CMakeCache.txt"; }
 compiler=$(cached CMAKE_CXX_COMPILER)
 sanitizers=$(cached VISION_SANITIZE)
 flags=${sanitizers:+-fsanitize=$sanitizers}
+[ "$(cached VISION_COVERAGE)" != ON ] || flags="$flags --coverage"
 scratch=$(mktemp -d)
 model_pid=
 cleanup() {
