@@ -135,9 +135,9 @@ boost::asio::awaitable<std::pair<Outcome<A>, Outcome<B>>> both(boost::asio::awai
                                                                boost::asio::awaitable<B> second) {
   namespace asio = boost::asio;
   const auto executor = co_await asio::this_coro::executor;
-  auto legs = asio::experimental::make_parallel_group(
-      asio::co_spawn(executor, detail::leg(std::move(first)), asio::deferred),
-      asio::co_spawn(executor, detail::leg(std::move(second)), asio::deferred));
+  auto legs =
+      asio::experimental::make_parallel_group(asio::co_spawn(executor, detail::leg(std::move(first)), asio::deferred),
+                                              asio::co_spawn(executor, detail::leg(std::move(second)), asio::deferred));
   auto [order, first_error, a, second_error, b] =
       co_await legs.async_wait(asio::experimental::wait_for_all(), asio::use_awaitable);
   co_await pass_cancellation();
