@@ -92,7 +92,7 @@ void Connection::end(const std::string& cause) {
 asio::awaitable<void> Connection::read_loop(std::shared_ptr<Connection> self) {
   for (;;) {
     std::string message = co_await self->transport_->read();
-    self->dispatch(message);
+    self->dispatch(std::move(message));
   }
 }
 
@@ -114,7 +114,14 @@ void Connection::send(std::string message) {
   });
 }
 
-void Connection::dispatch(const std::string& text) {
+void Connection::dispatch(std::string text) {
+  if (const auto id = leading_id(text)) {
+    const auto found = replies_.find(*id);
+    if (found != replies_.end() && found->second->keeps_text) {
+      found->second->text = std::move(text);
+      return found->second->finish();
+    }
+  }
   json::value message;
   try {
     message = parse_message(text);

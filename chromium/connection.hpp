@@ -39,7 +39,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   static boost::asio::awaitable<void> write_loop(std::shared_ptr<Connection> self);
   void send(std::string message);
   void end(const std::string& cause);
-  void dispatch(const std::string& text);
+  void dispatch(std::string text);
   void dispatch_event(std::string_view method, const std::string& session, const boost::json::object& params);
   void undecodable(std::string_view message, const std::string& reason);
 

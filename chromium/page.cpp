@@ -91,8 +91,7 @@ asio::awaitable<Bytes> ChromiumPage::screenshot(ScreenshotOptions options) {
     params["clip"] = co_await full_page_clip();
     params["captureBeyondViewport"] = true;
   }
-  const json::object shot = co_await session_->call("Page.captureScreenshot", std::move(params));
-  co_return decode_base64(text_of(shot, "data"));
+  co_return co_await session_->call_for_picture("Page.captureScreenshot", std::move(params));
 }
 
 asio::awaitable<json::value> ChromiumPage::evaluate(std::string expression) {

@@ -33,6 +33,22 @@ std::string thrown_text(const json::object& details) {
   return std::string(text_of(details, "text"));
 }
 
+// Writes the bytes that a base64 text stands for and gives their number. `out` may
+// begin before the text or with it: the decoder has read four characters before it
+// writes their three bytes.
+std::size_t decode(std::string_view text, char* out) {
+  std::size_t padding = 0;  // which the decoder counts as bytes
+  while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=') ++padding;
+  constexpr std::size_t max_text = std::numeric_limits<int>::max();
+  const int size =
+      text.size() % 4 != 0 || text.size() > max_text
+          ? -1
+          : ::EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out),
+                              reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+  if (size < 0) throw BrowserError("the browser's picture is not base64 text");
+  return static_cast<std::size_t>(size) - padding;
+}
+
 }  // namespace
 
 json::value evaluated_value(json::object result) {
@@ -51,18 +67,20 @@ bool has_no_json_form(const ProtocolError& error) {
 }
 
 Bytes decode_base64(std::string_view text) {
-  constexpr std::size_t max_text = std::numeric_limits<int>::max();
   std::string out(text.size() / 4 * 3, '\0');
-  const int size =
-      text.size() % 4 != 0 || text.size() > max_text
-          ? -1
-          : ::EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                              reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
-  if (size < 0) throw BrowserError("the browser's picture is not base64 text");
-  std::size_t padding = 0;  // which the decoder counts as bytes
-  while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=') ++padding;
-  out.resize(static_cast<std::size_t>(size) - padding);
+  out.resize(decode(text, out.data()));
   return Bytes(std::move(out));
+}
+
+std::optional<Bytes> picture_in_answer(std::string& answer) {
+  constexpr std::string_view start = ",\"result\":{\"data\":\"", end = "\"}";
+  const std::size_t before = answer.find(',');
+  if (before == answer.npos || answer.compare(before, start.size(), start) != 0) return std::nullopt;
+  const std::size_t first = before + start.size(), last = answer.find('"', first);
+  if (last == answer.npos || answer.compare(last, end.size(), end) != 0) return std::nullopt;
+  answer.resize(decode(std::string_view(answer).substr(first, last - first), answer.data()));
+  if (answer.capacity() / 3 * 2 > answer.size()) answer.shrink_to_fit();
+  return Bytes(std::move(answer));
 }
 
 }  // namespace vision::chromium

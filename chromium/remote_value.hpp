@@ -2,6 +2,8 @@
 
 #include <boost/json/object.hpp>
 #include <boost/json/value.hpp>
+#include <optional>
+#include <string>
 #include <string_view>
 
 #include "chromium/errors.hpp"
@@ -21,5 +23,10 @@ bool has_no_json_form(const ProtocolError& error);
 /// The bytes that a base64 text (padded, one line) stands for. Throws
 /// BrowserError when it is not one.
 Bytes decode_base64(std::string_view text);
+
+/// The picture in the answer {"id":1,"result":{"data":"..."}}: decoded in place, so
+/// that `answer`'s memory becomes the picture's. Absent, and `answer` unchanged, for
+/// an answer of another form. Throws as decode_base64 does.
+std::optional<Bytes> picture_in_answer(std::string& answer);
 
 }  // namespace vision::chromium

@@ -6,6 +6,8 @@
 #include "chromium/connection.hpp"
 #include "chromium/errors.hpp"
 #include "chromium/fields.hpp"
+#include "chromium/message.hpp"
+#include "chromium/remote_value.hpp"
 #include "vision/runtime/deadline.hpp"
 #include "vision/text/json_text.hpp"
 
@@ -33,6 +35,15 @@ std::string command_text(std::uint64_t id, std::string_view method, const std::s
   constexpr int unknown_session = -32001;
   if (code == unknown_session) throw PageClosedError();
   throw ProtocolError(method, code, std::string(text_of(error, "message")));
+}
+
+json::object result_of(const std::string& method, json::object& message) {
+  if (const auto* error = message.if_contains("error"); error && error->is_object()) {
+    throw_refusal(method, error->get_object());
+  }
+  auto* result = message.if_contains("result");
+  if (!result || !result->is_object()) throw BrowserError(method + ": the browser's answer has no result");
+  return std::move(result->get_object());
 }
 
 }  // namespace
@@ -95,19 +106,28 @@ asio::awaitable<json::object> Session::call(std::string method, json::object par
 }
 
 asio::awaitable<json::object> Session::call(std::string method, json::object params, runtime::Duration limit) {
-  const auto self = shared_from_this();
+  Reply reply(shared_from_this(), connection_);
+  send(reply, method, params);
+  co_await reply.wait(limit, method);
+  co_return result_of(method, reply.message);
+}
+
+asio::awaitable<Bytes> Session::call_for_picture(std::string method, json::object params) {
+  Reply reply(shared_from_this(), connection_);
+  reply.keeps_text = true;
+  send(reply, method, params);
+  co_await reply.wait(limit(), method);
+  if (auto picture = picture_in_answer(reply.text)) co_return std::move(*picture);
+  json::value message = parse_message(reply.text);
+  if (!message.is_object()) throw BrowserError(method + ": the browser's answer is no object");
+  co_return decode_base64(text_of(result_of(method, message.get_object()), "data"));
+}
+
+void Session::send(const Reply& reply, const std::string& method, const json::object& params) {
   check(method);
-  Reply reply(self, connection_);
   std::string command = command_text(reply.id(), method, id_, params);
   if (command.size() > max_command_size) throw BrowserError(method + ": more than 100 MiB, too large for the browser");
   connection_->send(std::move(command));
-  co_await reply.wait(limit, method);
-  if (const auto* error = reply.message.if_contains("error"); error && error->is_object()) {
-    throw_refusal(method, error->get_object());
-  }
-  auto* result = reply.message.if_contains("result");
-  if (!result || !result->is_object()) throw BrowserError(method + ": the browser's answer has no result");
-  co_return std::move(result->get_object());
 }
 
 void Session::post(std::string_view method, const json::object& params) noexcept {

@@ -11,12 +11,14 @@
 #include <string>
 #include <string_view>
 
+#include "vision/records/bytes.hpp"
 #include "vision/runtime/one_shot.hpp"
 #include "vision/runtime/time.hpp"
 
 namespace vision::chromium {
 
 class Connection;
+class Reply;
 class Session;
 
 /// Something that a coroutine awaits from the browser. It lives in that
@@ -61,6 +63,10 @@ class Session : public std::enable_shared_from_this<Session> {
   boost::asio::awaitable<boost::json::object> call(std::string method, boost::json::object params,
                                                    runtime::Duration limit);
 
+  /// The same for a command whose result is a picture, which comes as base64 text:
+  /// the message's own memory becomes the picture's.
+  boost::asio::awaitable<Bytes> call_for_picture(std::string method, boost::json::object params);
+
   /// Sends a command whose outcome nobody waits for: from event handlers and
   /// destructors.
   void post(std::string_view method, const boost::json::object& params) noexcept;
@@ -81,6 +87,7 @@ class Session : public std::enable_shared_from_this<Session> {
   void end(const std::exception_ptr& error);
   void fail_waiters(const std::exception_ptr& error);
   void check(std::string_view method) const;
+  void send(const Reply& reply, const std::string& method, const boost::json::object& params);
 
   const std::shared_ptr<Connection> connection_;
   const std::string id_;
@@ -97,7 +104,9 @@ class Reply : public Waiter {
   ~Reply() override;
   std::uint64_t id() const noexcept { return id_; }
 
+  bool keeps_text = false;      ///< set it to get the answer unparsed
   boost::json::object message;  ///< all of it, once finished
+  std::string text;             ///< or, when it was to be kept, its text
 
  private:
   const std::shared_ptr<Connection> connection_;
