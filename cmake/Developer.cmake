@@ -9,7 +9,9 @@ add_library(vision_developer INTERFACE)
 target_compile_options(vision_developer INTERFACE
   -Wall -Wextra -Wshadow -Wconversion -Wnon-virtual-dtor)
 if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
-  target_compile_options(vision_developer INTERFACE -Wno-restrict)  # g++ 12: false alarms in std::string's operator+
+  # g++ 12's false alarms: in std::string's operator+, and about Asio's coroutine
+  # frames where one of their operators new and delete is inlined and one is not.
+  target_compile_options(vision_developer INTERFACE -Wno-restrict -Wno-mismatched-new-delete)
 endif()
 if(VISION_WARNINGS_AS_ERRORS)
   target_compile_options(vision_developer INTERFACE -Werror)
