@@ -10,6 +10,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/thread_pool.hpp>
+#include <cctype>
 #include <mutex>
 #include <vector>
 
@@ -97,6 +98,12 @@ double plausibility(const Word& word) {
   return std::min(1.0, 1.3 * word.box.height() / std::max(letter_width, 1.0));
 }
 
+// A button is sometimes read as one sign, and with confidence: "=" for two edges.
+// Nobody is asked to find a sign, so nothing is lost with it.
+bool has_letter_or_digit(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c >= 0x80 || std::isalnum(c); });
+}
+
 std::vector<Word> words_in(Engine& engine, Pix* pix, double scale) {
   engine.SetImage(pix);
   engine.SetSourceResolution(static_cast<int>(96 * scale));
@@ -107,7 +114,8 @@ std::vector<Word> words_in(Engine& engine, Pix* pix, double scale) {
   do {
     const std::unique_ptr<char[]> text(place->GetUTF8Text(tesseract::RIL_WORD));
     int left = 0, top = 0, right = 0, bottom = 0;
-    if (!text || text[0] == '\0' || !place->BoundingBox(tesseract::RIL_WORD, &left, &top, &right, &bottom)) continue;
+    if (!text || !has_letter_or_digit(text.get())) continue;
+    if (!place->BoundingBox(tesseract::RIL_WORD, &left, &top, &right, &bottom)) continue;
     Word word;
     word.text = text.get();
     word.box = {left / scale, top / scale, right / scale, bottom / scale};
