@@ -12,6 +12,7 @@
 #include "chromium/process.hpp"
 #include "chromium/session.hpp"
 #include "chromium/websocket_transport.hpp"
+#include "chromium/windows.hpp"
 #include "vision/runtime/deadline.hpp"
 #include "vision/text/errors.hpp"
 #include "vision/text/utf8.hpp"
@@ -45,7 +46,15 @@ Browser::Browser(std::unique_ptr<BrowserProcess> process, std::shared_ptr<Connec
     : process_(std::move(process)), connection_(std::move(connection)), session_(connection_->session("")) {}
 
 Browser::~Browser() {
+  session_->on_event(nullptr);
   connection_->close();
+}
+
+asio::awaitable<void> Browser::set_up() {
+  windows_ = std::make_unique<Windows>(connection_, session_);
+  session_->on_event([this](std::string_view method, const json::object& params) { windows_->see(method, params); });
+  co_await session_->call("Target.setAutoAttach", Windows::auto_attach());
+  co_await session_->call("Browser.setDownloadBehavior", fields("behavior", "deny"));
 }
 
 asio::awaitable<std::vector<PageInfo>> Browser::pages() {
@@ -128,6 +137,7 @@ asio::awaitable<std::shared_ptr<Browser>> launch(LaunchOptions options) {
     throw BrowserError("the browser " + options.executable() + " did not start: " +
                        text::describe(outcome.error()).message + (words.empty() ? "" : "\n" + words));
   }
+  co_await browser->set_up();
   co_return browser;
 }
 

@@ -17,6 +17,7 @@ namespace vision::chromium {
 class BrowserProcess;
 class Connection;
 class Session;
+class Windows;
 
 /// An open page as the browser lists it.
 class PageInfo {
@@ -65,19 +66,28 @@ class Browser {
   friend boost::asio::awaitable<std::shared_ptr<Browser>> launch(LaunchOptions options);
   friend boost::asio::awaitable<std::shared_ptr<Browser>> connect(std::string url, ConnectOptions options);
   Browser(std::unique_ptr<BrowserProcess> process, std::shared_ptr<Connection> connection);
+  boost::asio::awaitable<void> set_up();
   boost::asio::awaitable<std::shared_ptr<Session>> open_session(std::string target_id);
   boost::asio::awaitable<void> close_our_pages();
 
   std::unique_ptr<BrowserProcess> process_;  // null when somebody else started it
   const std::shared_ptr<Connection> connection_;
   const std::shared_ptr<Session> session_;
+  std::unique_ptr<Windows> windows_;  // of a browser that we launched
   std::vector<std::weak_ptr<ChromiumPage>> our_pages_;
 };
 
 /// Starts a browser of our own, with a temporary profile and no open port, and
 /// completes when it answers. It ends, and its profile goes, with the Browser
-/// object or with this process, also when that is killed. Throws BrowserError
-/// when it cannot be started, with the end of what it wrote to standard error.
+/// object or with this process, also when that is killed. It inherits this
+/// process's environment without ANTHROPIC_API_KEY.
+///
+/// All its pages are ours, those too that a page opens: their dialogs are answered
+/// as ChromiumPage says, they close with the page that opened them, and nothing is
+/// downloaded to disk.
+///
+/// Throws BrowserError when it cannot be started, with the end of what it wrote to
+/// standard error.
 boost::asio::awaitable<std::shared_ptr<Browser>> launch(LaunchOptions options);
 /// The same with default options.
 boost::asio::awaitable<std::shared_ptr<Browser>> launch();

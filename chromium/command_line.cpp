@@ -107,6 +107,7 @@ std::vector<std::string> browser_environment(const LaunchOptions& options, const
     const std::string_view text = *entry;
     const std::string_view name = text.substr(0, text.find('='));
     if (name == "HOME" || name == "TMPDIR" || name == "XDG_CONFIG_HOME" || name == "XDG_CACHE_HOME") continue;
+    if (name == "ANTHROPIC_API_KEY") continue;                      // the pages' code runs in there
     if (name == "XDG_RUNTIME_DIR" && options.headless()) continue;  // a window's server may need it
     out.emplace_back(text);
   }

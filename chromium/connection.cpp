@@ -144,9 +144,8 @@ void Connection::dispatch(std::string text) {
 void Connection::dispatch_event(std::string_view method, const std::string& id, const json::object& params) {
   if (method == "Target.detachedFromTarget") {
     const auto gone = sessions_.find(std::string(text_of(params, "sessionId")));
-    if (gone == sessions_.end()) return;
-    if (const auto session = gone->second.lock()) session->end(std::make_exception_ptr(PageClosedError()));
-    return;
+    const auto session = gone == sessions_.end() ? nullptr : gone->second.lock();
+    if (session) session->end(std::make_exception_ptr(PageClosedError()));
   }
   const auto found = sessions_.find(id);
   if (found == sessions_.end()) return;

@@ -8,6 +8,7 @@
 #include "chromium/navigation.hpp"
 #include "chromium/remote_value.hpp"
 #include "chromium/session.hpp"
+#include "chromium/windows.hpp"
 #include "vision/runtime/deadline.hpp"
 #include "vision/text/utf8.hpp"
 
@@ -67,9 +68,7 @@ asio::awaitable<void> ChromiumPage::measure() {
 
 void ChromiumPage::on_event(std::string_view method, const json::object& params) {
   if (method == "Page.javascriptDialogOpening") {
-    if (owner_ != Owner::us) return;
-    const bool leaving = text_of(params, "type") == "beforeunload";
-    session_->post("Page.handleJavaScriptDialog", fields("accept", leaving));
+    if (owner_ == Owner::us) answer_dialog(*session_, params);
   } else if (loading_) {
     loading_->see(method, params);
   }

@@ -24,8 +24,10 @@ class LoadWaiter;
 /// page usable; what the browser had been told may still happen.
 ///
 /// On a page of ours JavaScript dialogs are dismissed as they open, and the
-/// question whether to leave a page is answered with leave. A page of someone
-/// else keeps its settings, and its dialogs wait for their owner.
+/// question whether to leave a page is answered with leave; in a browser that
+/// launch() started, in every window that it opens too. A page of someone else
+/// keeps its settings, and its dialogs wait for their owner: one in a window that
+/// a page of ours opened in such a browser holds up both.
 ///
 /// Not thread-safe: to be used on the event loop of its Browser, and to be kept
 /// until its operations have ended. Destroying it closes a page of ours without
