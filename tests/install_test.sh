@@ -70,7 +70,8 @@ as_packages() {
 cmake --install "$build" --prefix "$scratch/prefix" > "$scratch/log"
 if [ "$(cached VISION_SHARED)" = ON ]; then
   library=$(find "$scratch/prefix" -name libvision.so.0.1)
-  objdump -p "$library" | grep -q 'SONAME *libvision.so.0.1$' || fail "$library has another SONAME"
+  soname=$(objdump -p "$library" | sed -n 's/^ *SONAME *//p')
+  [ "$soname" = libvision.so.0.1 ] || fail "$library has the SONAME $soname"
   foreign=$(nm -DC --defined-only "$library" | grep -v -E ' (guard variable for )?(vision|boost::asio::(detail|error))::| (typeinfo|typeinfo name|vtable|VTT) for vision::' || true)
   [ -z "$foreign" ] || fail "$library shows symbols that are not ours: $foreign"
   as_packages
