@@ -97,7 +97,7 @@ check_links() { # PAGE
     [ -n "$file" ] && file=$(dirname "$1")/$file || file=$1
     if [ ! -e "$project/$file" ]; then
       mistake "$1: the link to $target leads nowhere"
-    elif [ -n "$anchor" ] && ! anchors "$project/$file" | grep -qxF -- "$anchor"; then
+    elif [ -n "$anchor" ] && ! anchors "$project/$file" | grep -xF -- "$anchor" > /dev/null; then
       mistake "$1: $file has no heading #$anchor"
     fi
   done < <(awk '/^```/ { inside = !inside } !inside' "$project/$1" | grep -oE '\]\([^) ]+\)' | sed 's/^](//; s/)$//')
