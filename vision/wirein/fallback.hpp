@@ -27,7 +27,7 @@ class FallbackOptions {
     return *this;
   }
   /// Forces the heavy model. Default false.
-  FallbackOptions& high_stakes(bool value) {
+  FallbackOptions& high_stakes(bool value = true) {
     high_stakes_ = value;
     return *this;
   }

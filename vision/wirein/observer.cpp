@@ -45,6 +45,12 @@ asio::awaitable<boost::json::object> observe_if_there(std::weak_ptr<BrowserPage>
   return runtime::entry(observe_body(std::move(held), std::move(options)));
 }
 
+// What an error says or, of one that says nothing, its type.
+std::string message_of(const std::exception_ptr& error) {
+  text::ErrorDescription described = text::describe(error);
+  return described.message.empty() ? std::move(described.kind) : std::move(described.message);
+}
+
 }  // namespace
 
 asio::awaitable<boost::json::object> observe_only(BrowserPage& page, ObserverOptions options) {
@@ -63,7 +69,7 @@ void observe_in_background(const asio::any_io_executor& executor, std::weak_ptr<
     } catch (...) {
       error = std::current_exception();
     }
-    if (error) log::line(spdlog::level::warn, "vision: observation failed: %s", text::describe(error).message);
+    if (error) log::line(spdlog::level::warn, "vision: observation failed: %s", message_of(error));
   };
   try {
     asio::co_spawn(executor, observe_if_there(std::move(page), std::move(options)), report);

@@ -29,7 +29,7 @@ class ObserverOptions {
     return *this;
   }
   /// Forces the heavy model. Default false.
-  ObserverOptions& high_stakes(bool value) {
+  ObserverOptions& high_stakes(bool value = true) {
     high_stakes_ = value;
     return *this;
   }
