@@ -9,9 +9,10 @@ namespace vision {
 ///
 ///   class AgentError : public std::runtime_error, public vision::CuaOriginMark { ... };
 ///
-/// Errors without it pass through unmarked. The mark belongs to one exception
-/// object and stays on it: a copy has none, but a host that keeps an exception_ptr
-/// and throws the same object again throws it marked.
+/// Errors without it, or with it as a private or ambiguous base, pass through
+/// unmarked. The mark belongs to one exception object and stays on it: a copy has
+/// none, but a host that keeps an exception_ptr and throws the same object again
+/// throws it marked.
 class CuaOriginMark {
  public:
   ///@{

@@ -56,9 +56,9 @@ boost::asio::awaitable<std::exception_ptr> shadow_run(BrowserPage& page, boost::
 /// void and move-only types included. Name a lambda with captures before the call
 /// and move it in: g++ 12 destroys one that is written inside a co_await
 /// expression twice. The observation starts first; neither leg interrupts the
-/// other, and the call ends when both have ended: at most DEFAULT_TIMEOUT_S + 8
-/// seconds after it began, or when `cua_fn` ends. Vision's failures end up in the
-/// record only.
+/// other, and the call ends when both have ended: `cua_fn`, which has no limit, and
+/// the observation, whose limit is DEFAULT_TIMEOUT_S + 8 seconds. Vision's failures
+/// end up in the record only.
 ///
 /// When `cua_fn`'s result is a map with a "text" entry (boost::json::object or
 /// value, or a map from std::string), its first 200 code points are recorded.
