@@ -69,6 +69,9 @@ function(vision_link name suffix)
       target_link_options(${target} PRIVATE -Wl,--no-undefined)
     endif()
     set_target_properties(${target} PROPERTIES LINK_DEPENDS ${map})
+    if(ARG_NEEDS)
+      set_target_properties(${target} PROPERTIES INSTALL_RPATH $ORIGIN)  # in whatever prefix
+    endif()
   endif()
 endfunction()
 

@@ -74,6 +74,8 @@ if [ "$(cached VISION_SHARED)" = ON ]; then
   [ "$soname" = libvision.so.0.1 ] || fail "$library has the SONAME $soname"
   foreign=$(nm -DC --defined-only "$library" | grep -v -E ' (guard variable for )?(vision|boost::asio::(detail|error))::| (typeinfo|typeinfo name|vtable|VTT) for vision::' || true)
   [ -z "$foreign" ] || fail "$library shows symbols that are not ours: $foreign"
+  missing=$(find "$scratch/prefix" -name libvision_chromium.so.0.1 -exec ldd {} + | grep 'not found' || true)
+  [ -z "$missing" ] || fail "the installed libvision_chromium does not find: $missing"
   as_packages
   by_cmake "by FetchContent" "-DVISION_SOURCE=$source" -DBUILD_SHARED_LIBS=ON -DCMAKE_BUILD_TYPE=Release \
     -DCMAKE_CXX_COMPILER_LAUNCHER=ccache "-DVISION_WARNINGS_AS_ERRORS=$(cached VISION_WARNINGS_AS_ERRORS)"
