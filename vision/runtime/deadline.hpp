@@ -61,17 +61,17 @@ boost::asio::awaitable<void> quiet_wait(Duration limit);
 
 template <class T>
 boost::asio::awaitable<Outcome<T>> guard(boost::asio::awaitable<T> operation) {
-  Outcome<T> outcome;
+  std::optional<Outcome<T>> outcome;  // no assignment: T may have none
   try {
-    outcome = Outcome<T>::of(co_await std::move(operation));
+    outcome.emplace(Outcome<T>::of(co_await std::move(operation)));
   } catch (...) {
-    outcome = Outcome<T>::failed(std::current_exception());
+    outcome.emplace(Outcome<T>::failed(std::current_exception()));
   }
   // A spawned coroutine that never suspended awaits once more inside Asio. Had a
   // cancellation come meanwhile, that would throw past every catch, out of the
   // event loop.
   co_await boost::asio::this_coro::throw_if_cancelled(false);
-  co_return outcome;
+  co_return std::move(*outcome);
 }
 
 // A leg of a group. Its operation starts once the whole group has: what the caller
