@@ -49,8 +49,8 @@ asio::awaitable<ActionResult> VisionClient::ask_body(Bytes image, ImgMeta img_me
                                                      const AskOptions options) {
   if (metrics.call_count >= _call_budget) throw BudgetExceeded(_call_budget);
   std::string model = _pick_model(flow_context, options.high_stakes(), _default_model);
-  const std::string user_text = _build_user_message(flow_context, options.prompt(), img_meta);
-  const MessagesRequest request(model, prefix_of(model), std::move(image), user_text);
+  const MessagesRequest request(model, prefix_of(model), std::move(image),
+                                _build_user_message(flow_context, options.prompt(), img_meta));
   const auto executor = co_await asio::this_coro::executor;
   Call call(std::move(model), img_meta, flow_context, runtime::time_source(executor));
   const auto limit = runtime::to_duration(options.timeout_s().value());

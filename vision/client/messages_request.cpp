@@ -11,6 +11,7 @@ namespace vision {
 MessagesRequest::MessagesRequest(std::string model, std::shared_ptr<const std::string> prefix, Bytes image,
                                  std::string_view user_text)
     : model_(std::move(model)), prefix_(std::move(prefix)), image_(std::move(image)) {
+  suffix_.reserve(user_text.size() + user_text.size() / 16 + 64);  // a line's end takes two characters
   suffix_ = "\"}}, {\"type\": \"text\", \"text\": ";
   text::append_json_string(suffix_, user_text);
   suffix_ += "}]}]}";

@@ -8,7 +8,9 @@
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <exception>
+#include <memory>
 #include <optional>
+#include <type_traits>
 #include <utility>
 #include <variant>
 
@@ -27,7 +29,13 @@ class Outcome {
   Outcome() = default;  // only so that Asio can hold one; never handed out
   ///@{
   /// An outcome of each kind. `error` must not be null.
-  static Outcome of(T value) { return Outcome(State(std::in_place_index<1>, std::move(value))); }
+  static Outcome of(T value) {
+    if constexpr (boxed) {
+      return Outcome(State(std::in_place_index<1>, std::make_unique<T>(std::move(value))));
+    } else {
+      return Outcome(State(std::in_place_index<1>, std::move(value)));
+    }
+  }
   static Outcome failed(std::exception_ptr error) { return Outcome(State(std::in_place_index<2>, std::move(error))); }
   static Outcome expired() { return Outcome(State(std::in_place_index<3>)); }
   ///@}
@@ -38,13 +46,22 @@ class Outcome {
   bool timed_out() const noexcept { return state_.index() == 3; }
   ///@}
   /// The value. Throws std::bad_variant_access when there is none.
-  T& value() { return std::get<1>(state_); }
+  T& value() {
+    if constexpr (boxed) {
+      return *std::get<1>(state_);
+    } else {
+      return std::get<1>(state_);
+    }
+  }
   /// Null unless the operation failed.
   std::exception_ptr error() const { return state_.index() == 2 ? std::get<2>(state_) : nullptr; }
 
  private:
+  // A large value would have a place in every coroutine that hands the outcome on.
+  static constexpr bool boxed = sizeof(T) > 64;
   struct Expired {};
-  using State = std::variant<std::monostate, T, std::exception_ptr, Expired>;
+  using State =
+      std::variant<std::monostate, std::conditional_t<boxed, std::unique_ptr<T>, T>, std::exception_ptr, Expired>;
   explicit Outcome(State state) : state_(std::move(state)) {}
   State state_;
 };

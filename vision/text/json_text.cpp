@@ -1,5 +1,6 @@
 #include "vision/text/json_text.hpp"
 
+#include <array>
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
 #include <cmath>
@@ -35,9 +36,11 @@ void append_escaped(std::string& out, char32_t c) {
   }
 }
 
-bool is_plain(char c) {
-  return c >= ' ' && c <= '~' && c != '"' && c != '\\';
-}
+constexpr auto plain = [] {
+  std::array<bool, 256> table{};
+  for (unsigned char c = ' '; c <= '~'; ++c) table[c] = c != '"' && c != '\\';
+  return table;
+}();
 
 void append_array(std::string& out, const boost::json::array& items) {
   out += '[';
@@ -56,7 +59,7 @@ void append_json_string(std::string& out, std::string_view text) {
   out += '"';
   while (!text.empty()) {
     std::size_t run = 0;
-    while (run < text.size() && is_plain(text[run])) ++run;
+    while (run < text.size() && plain[static_cast<unsigned char>(text[run])]) ++run;
     out.append(text, 0, run);
     text.remove_prefix(run);
     if (text.empty()) break;

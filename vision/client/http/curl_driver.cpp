@@ -1,5 +1,6 @@
 #include "vision/client/http/curl_driver.hpp"
 
+#include <boost/asio/post.hpp>
 #include <stdexcept>
 #include <utility>
 
@@ -100,9 +101,10 @@ int CurlDriver::on_socket(CURL*, curl_socket_t fd, int what, void* self, void*) 
 int CurlDriver::on_timer(CURLM*, long timeout_ms, void* self) noexcept {
   auto& driver = *static_cast<CurlDriver*>(self);
   const std::uint64_t generation = ++driver.timer_generation_;
-  if (timeout_ms < 0) {
-    driver.timer_->cancel();
-  } else {
+  driver.timer_->cancel();
+  if (timeout_ms == 0) {  // how libcurl asks to be called soon, at the start of every request
+    asio::post(driver.executor_, [&driver, generation] { driver.timer_expired(generation); });
+  } else if (timeout_ms > 0) {
     driver.timer_->expires_after(std::chrono::milliseconds(timeout_ms));
     driver.timer_->async_wait([&driver, generation](error_code) { driver.timer_expired(generation); });
   }
