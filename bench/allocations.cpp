@@ -1,5 +1,6 @@
-// Counts every allocation of the process by standing in front of the C library's
-// allocator. One thread's worth of accuracy is enough here: the programs that
+// Counts every allocation of the process, once told to, by standing in front of the
+// C library's allocator. Reading a block's size is a cache miss, which a program that
+// measures time cannot have. One thread's worth of accuracy is enough here: the programs that
 // link this have one.
 #include <malloc.h>
 
@@ -11,17 +12,22 @@
 namespace {
 
 vision::bench::Allocations counted{};
+bool counting = false;
+
+std::ptrdiff_t size_of(void* block) noexcept {
+  return static_cast<std::ptrdiff_t>(::malloc_usable_size(block));
+}
 
 void* note(void* block) noexcept {
-  if (!block) return block;
+  if (!block || !counting) return block;
   ++counted.calls;
-  counted.live_bytes += ::malloc_usable_size(block);
+  counted.live_bytes += size_of(block);
   counted.peak_bytes = std::max(counted.peak_bytes, counted.live_bytes);
   return block;
 }
 
 void forget(void* block) noexcept {
-  if (block) counted.live_bytes -= ::malloc_usable_size(block);
+  if (block && counting) counted.live_bytes -= size_of(block);
 }
 
 }  // namespace
@@ -33,6 +39,7 @@ Allocations allocations() noexcept {
 }
 
 void reset_peak_allocation() noexcept {
+  counting = true;
   counted.peak_bytes = counted.live_bytes;
 }
 

@@ -58,14 +58,15 @@ asio::awaitable<void> run(const bench::Arguments& arguments, boost::json::object
   (void)co_await raw->read();
 
   boost::json::array ours_s, raw_s;
-  std::size_t reply_bytes = 0, image_bytes = 0, peak_bytes = 0;
+  std::size_t reply_bytes = 0, image_bytes = 0;
+  std::ptrdiff_t peak_bytes = 0;
   for (long i = -1; i < rounds; ++i) {  // the first round only warms up
     const bench::Meter raw_meter;
     co_await raw->write(command);
     const std::string reply = co_await raw->read();
     const double raw_wall = raw_meter.wall_s();
     bench::reset_peak_allocation();
-    const std::size_t before = bench::allocations().live_bytes;
+    const std::ptrdiff_t before = bench::allocations().live_bytes;
     const bench::Meter meter;
     const Bytes image = co_await page->screenshot(ScreenshotOptions());
     if (i < 0) continue;

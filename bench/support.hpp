@@ -46,9 +46,10 @@ long open_descriptors();
 /// Counted by allocations.cpp in the programs that it is linked into, on every
 /// call of the allocator that any library makes.
 struct Allocations {
-  std::size_t calls, live_bytes, peak_bytes;
+  std::ptrdiff_t calls, live_bytes, peak_bytes;  // less than nothing when older blocks were freed
 };
 Allocations allocations() noexcept;
+/// Begins to count, or the peak anew.
 void reset_peak_allocation() noexcept;
 
 Bytes read_bytes(const std::string& path);
