@@ -1,6 +1,6 @@
 #pragma once
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/cancellation_signal.hpp>
@@ -9,13 +9,20 @@
 #include <string>
 
 #include "tests/http/scripted_server.hpp"
+#include "tests/support/environment.hpp"
 #include "vision/client/api_error.hpp"
 #include "vision/client/http/http_messages_client.hpp"
 #include "vision/text/errors.hpp"
 
 namespace vision::test {
 
-inline const std::string key = "sk-canary-0123456789";
+using Then = Reply::Then;
+using Read = Reply::Read;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+inline const std::string api_key = "sk-canary-0123456789";
+inline const std::string answer = R"({"content":[]})";  // what comes of `ok`
 
 inline MessagesRequest make_request(std::size_t image_bytes = 5) {
   std::string image(image_bytes, '\0');
@@ -30,21 +37,30 @@ class Call {
  public:
   void start(const asio::any_io_executor& executor, HttpMessagesClient& client, const MessagesRequest& request) {
     asio::co_spawn(executor, body(client, request),
-                   asio::bind_cancellation_slot(cancel.slot(), [this](std::exception_ptr error) {
+                   asio::bind_cancellation_slot(signal_.slot(), [this](std::exception_ptr error) {
                      if (error) ending = ending_of(error);
                      ended = true;
                    }));
   }
+  void cancel() { signal_.emit(asio::cancellation_type::terminal); }
+  /// Runs a loop until the request has ended.
+  const std::string& wait(asio::io_context& io) {
+    while (!ended) io.run_one();
+    return ending;
+  }
 
-  asio::cancellation_signal cancel;
   bool ended = false;
   std::string ending;
+  boost::json::value value;
   APIConnectionError::Reason reason = APIConnectionError::Reason::other;
+  std::weak_ptr<int> frame;  ///< of the coroutine that waits for the response
 
  private:
   asio::awaitable<void> body(HttpMessagesClient& client, MessagesRequest request) {
-    const boost::json::value answer = co_await client.create(request);
-    ending = boost::json::serialize(answer);
+    const auto alive = std::make_shared<int>();
+    frame = alive;
+    value = co_await client.create(request);
+    ending = boost::json::serialize(value);
   }
 
   std::string ending_of(const std::exception_ptr& error) {
@@ -55,21 +71,23 @@ class Call {
     } catch (...) {  // has none
     }
     const std::string text = text::full_exception_text(error);
-    EXPECT_EQ(text.find(key), text.npos) << text;
+    EXPECT_EQ(text.find(api_key), text.npos) << text;
     return text.starts_with("system_error: ") ? "cancelled" : text;
   }
+
+  asio::cancellation_signal signal_;
 };
 
 /// Runs one request to its end on a loop that servers share.
 inline std::string ask(asio::io_context& io, HttpMessagesClient& client,
-                       const MessagesRequest& request = make_request(), Call&& call = Call()) {
+                       const MessagesRequest& request = make_request()) {
+  Call call;
   call.start(io.get_executor(), client, request);
-  while (!call.ended) io.run_one();
-  return call.ending;
+  return call.wait(io);
 }
 
 inline HttpMessagesClient client_for(const ScriptedServer& server, HttpOptions options = HttpOptions()) {
-  return HttpMessagesClient(key, options.base_url(server.url()));
+  return HttpMessagesClient(api_key, options.base_url(server.url()));
 }
 
 }  // namespace vision::test

@@ -5,14 +5,12 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/ssl.hpp>
-#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
 #include <deque>
 #include <functional>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,16 +22,16 @@ namespace beast = boost::beast;
 using asio::ip::tcp;
 
 /// What the server does with one request: how much of it is read, which bytes
-/// go back, and what becomes of the connection: silence (drain), the last bytes
-/// without end, or one more each second (drip), until the client closes it.
+/// go back, and what becomes of the connection: silence (drain) or `more` again and
+/// again (flood), until the client closes it.
 struct Reply {
   enum class Read { all, head, none };
-  enum class Then { keep, close, reset, drain, flood, drip };
+  enum class Then { keep, close, reset, drain, flood };
 
   std::string bytes;
   Then then = Then::keep;
   Read read = Read::all;
-  std::string more = "x";  // of a flood or drip
+  std::string more = {};
 };
 
 inline std::string response(const std::string& status, const std::string& body, const std::string& headers = "") {
@@ -87,47 +85,42 @@ class ScriptedServer {
     Reply reply;
     do {
       on_stage("accepted");
-      beast::http::request_parser<beast::http::string_body> parser;
-      parser.body_limit(64u << 20);
-      if (script_.front().read != Reply::Read::none) {
-        co_await beast::http::async_read_header(stream, buffer, parser, asio::use_awaitable);
-        on_stage("head");
-        if (script_.front().read == Reply::Read::all) {
-          co_await beast::http::async_read(stream, buffer, parser, asio::use_awaitable);
-        }
-        requests.push_back(parser.release());
-      }
+      if (script_.front().read != Reply::Read::none) co_await read(stream, buffer);
       reply = script_.front();
       if (script_.size() > 1) script_.pop_front();
       on_stage("request");
       co_await asio::async_write(stream, asio::buffer(reply.bytes), asio::use_awaitable);
       on_stage("replied");
     } while (reply.then == Reply::Then::keep);
-    while (reply.then == Reply::Then::flood) {
-      flooded += co_await asio::async_write(stream, asio::buffer(reply.more), asio::use_awaitable);
-    }
-    if (reply.then == Reply::Then::drip) co_await drip(stream, reply.more);
     tcp::socket& socket = beast::get_lowest_layer(stream);
     if (reply.then == Reply::Then::reset) socket.set_option(asio::socket_base::linger(true, 0));
-    if (reply.then == Reply::Then::drain) co_await drain(socket);
+    if (reply.then >= Reply::Then::drain) co_await outlast(stream, reply);
     socket.close();
   }
 
   template <class Stream>
-  asio::awaitable<void> drip(Stream& stream, std::string byte) {
-    asio::steady_timer second(acceptor_.get_executor());
-    for (;;) {
-      co_await asio::async_write(stream, asio::buffer(byte), asio::use_awaitable);
-      second.expires_after(std::chrono::seconds(1));
-      co_await second.async_wait(asio::use_awaitable);
+  asio::awaitable<void> read(Stream& stream, beast::flat_buffer& buffer) {
+    beast::http::request_parser<beast::http::string_body> parser;
+    parser.body_limit(64u << 20);
+    co_await beast::http::async_read_header(stream, buffer, parser, asio::use_awaitable);
+    on_stage("head");
+    if (script_.front().read == Reply::Read::all) {
+      co_await beast::http::async_read(stream, buffer, parser, asio::use_awaitable);
     }
+    requests.push_back(parser.release());
   }
 
-  asio::awaitable<void> drain(tcp::socket& socket) {
+  template <class Stream>
+  asio::awaitable<void> outlast(Stream& stream, const Reply& reply) {
     std::string sink(1 << 16, '\0');
     boost::system::error_code error;
     while (!error) {
-      co_await socket.async_read_some(asio::buffer(sink), asio::redirect_error(asio::use_awaitable, error));
+      auto token = asio::redirect_error(asio::use_awaitable, error);
+      if (reply.then == Reply::Then::flood) {
+        flooded += co_await asio::async_write(stream, asio::buffer(reply.more), std::move(token));
+      } else {
+        co_await beast::get_lowest_layer(stream).async_read_some(asio::buffer(sink), std::move(token));
+      }
     }
     on_stage("closed");
   }
