@@ -47,10 +47,12 @@ int open_for_append(const std::string& path) {
 // this thread it leaves the error EFBIG, and is then taken from the queue.
 ssize_t write_once(int fd, std::string_view data) {
   sigset_t file_size_signal, pending, previous;
+  ::sigemptyset(&pending);
   ::sigemptyset(&file_size_signal);
   ::sigaddset(&file_size_signal, SIGXFSZ);
-  ::sigpending(&pending);
   ::pthread_sigmask(SIG_BLOCK, &file_size_signal, &previous);
+  // Only a host that holds it back itself can have one waiting, which stays its own.
+  if (::sigismember(&previous, SIGXFSZ) == 1) ::sigpending(&pending);
   ssize_t written = -1;
   do {
     written = ::write(fd, data.data(), data.size());
@@ -82,11 +84,11 @@ bool has_torn_tail(int fd, off_t size) {
 }
 
 // Whether what was just appended, `size` bytes of it, went on in a line that
-// another writer had left cut short.
-bool is_joined(int fd, std::size_t size) {
+// another writer had left cut short. Up to `seen` the file was looked at before.
+bool is_joined(int fd, std::size_t size, off_t seen) {
   const off_t start = ::lseek(fd, 0, SEEK_CUR) - static_cast<off_t>(size);
   char before = '\n';
-  return start > 0 && ::pread(fd, &before, 1, start - 1) == 1 && before != '\n';
+  return start > 0 && start != seen && ::pread(fd, &before, 1, start - 1) == 1 && before != '\n';
 }
 
 void append(int fd, const std::string& path, const std::string& line) {
@@ -123,7 +125,7 @@ void append_line(const std::string& path, std::string line) {
   const bool is_file = S_ISREG(info.st_mode);
   if (is_file && has_torn_tail(fd, info.st_size)) line.insert(line.begin(), '\n');
   append(fd, path, line);
-  if (is_file && line.front() != '\n' && is_joined(fd, line.size())) append(fd, path, "\n" + line);
+  if (is_file && line.front() != '\n' && is_joined(fd, line.size(), info.st_size)) append(fd, path, "\n" + line);
 }
 
 void write_file(const std::string& directory, const std::string& name, std::string_view content) {
