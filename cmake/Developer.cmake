@@ -12,6 +12,9 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
   # g++ 12's false alarms: in std::string's operator+, and about Asio's coroutine
   # frames where one of their operators new and delete is inlined and one is not.
   target_compile_options(vision_developer INTERFACE -Wno-restrict -Wno-mismatched-new-delete)
+else()
+  # libstdc++ 12's std::stable_sort is written with a function that it has deprecated.
+  target_compile_options(vision_developer INTERFACE -Wno-deprecated-declarations)
 endif()
 if(VISION_WARNINGS_AS_ERRORS)
   target_compile_options(vision_developer INTERFACE -Werror)
@@ -31,5 +34,5 @@ if(VISION_SANITIZE)
 endif()
 
 if(VISION_COVERAGE)
-  add_link_options(--coverage)  # vision_library() does the rest: only our own code is counted
+  add_link_options(-fprofile-instr-generate)  # vision_library() does the rest: only our own code is counted
 endif()

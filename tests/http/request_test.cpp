@@ -43,7 +43,7 @@ TEST(HttpClient, SendsRequestsByteForByteOnConnectionsThatItKeeps) {
   // No proxy hears of what is for this machine.
   const ScopedEnv proxy("http_proxy", "http://127.0.0.1:1"), none("no_proxy", ""), nor_this("NO_PROXY", "");
   HttpMessagesClient client("\t" + api_key + "\r\n");
-  for (const std::size_t size : {0, 1, 2, 3, 100'000, 2'000'000}) {
+  for (const std::size_t size : {0U, 1U, 2U, 3U, 100'000U, 2'000'000U}) {
     const MessagesRequest request = make_request(size);
     EXPECT_EQ(ask(io, client, request), answer);
     EXPECT_TRUE(server.requests.back().body() == request.body()) << size;

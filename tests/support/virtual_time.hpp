@@ -62,7 +62,7 @@ class VirtualTime : public runtime::TimeSource {
   template <class Token>
   asio::awaitable<void> async_sleep(Duration duration, Token token) {
     return asio::async_initiate<Token, void(boost::system::error_code)>(
-        [this](auto handler, Duration d) { start(std::move(handler), d); }, token, duration);
+        [this](auto handler, Duration d) { this->start(std::move(handler), d); }, token, duration);
   }
 
   template <class Handler>
@@ -149,7 +149,8 @@ class World {
   }
 
   void loop(const bool& ended) {
-    for (std::size_t turn = 0; !ended;) {
+    std::size_t turn = 0;
+    while (!ended) {
       io.restart();
       if (cancel_turn_ == turn) cancel.emit(asio::cancellation_type::terminal);
       if (io.poll_one() > 0) {

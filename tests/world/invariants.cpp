@@ -46,8 +46,8 @@ bool is_cancellation(const std::exception_ptr& error) {
 
 class Check {
  public:
-  Check(World& world, Mission& mission, Records records, bool has_hook)
-      : world_(world), m_(mission), records_(std::move(records)), has_hook_(has_hook) {
+  Check(World& world, Mission& mission, Records records)
+      : world_(world), m_(mission), records_(std::move(records)) {
     is_cancelled_ = m_.error && m_.cancelled_at && is_cancellation(m_.error) && !is_own_error();
   }
 
@@ -296,7 +296,6 @@ class Check {
   World& world_;
   Mission& m_;
   Records records_;
-  bool has_hook_;
   bool is_cancelled_ = false;
 };
 
@@ -366,7 +365,7 @@ void check(World& world, Host& host, const std::vector<std::string>& lines) {
   if (torn > world.cut_writes) world.violate("10. a line of the log does not parse");
   if (!world.descriptors.empty()) world.violate("10. a descriptor was left open");
   for (auto& mission : world.missions) {
-    Check(world, *mission, std::move(records[mission->id]), host.has_hook).run();
+    Check(world, *mission, std::move(records[mission->id])).run();
     records.erase(mission->id);
   }
   if (!records.empty()) world.violate("10. a record of no mission");

@@ -161,7 +161,6 @@ asio::awaitable<void> World::perform(Visit visit) {
       mission.hangs(visit.name);
       mission.patience += clean_up_time;
       co_await asio::this_coro::throw_if_cancelled(false);
-      boost::system::error_code ignored;
       try {
         co_await time->elapse(never);
       } catch (const boost::system::system_error&) {

@@ -138,7 +138,7 @@ class Campaign {
 
   void singles() {
     for (const Scenario& scenario : scenarios()) {
-      for (const std::uint64_t seed : {0, 1, 2, 3}) {
+      for (const std::uint64_t seed : {0U, 1U, 2U, 3U}) {
         const Report clean = take({&scenario, seed, {}});
         if (seed == 0) seams_ += clean.seams.size();
         for (std::size_t turn = 0; seed < 2 && turn < clean.turns; ++turn) take({&scenario, seed, {}, turn});
