@@ -1,63 +1,73 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <boost/json/parse.hpp>
 
 #include "tests/support/environment.hpp"
+#include "tests/support/log_capture.hpp"
 #include "tests/support/scripted.hpp"
+#include "vision/client/api_error.hpp"
 #include "vision/client/api_key.hpp"
-#include "vision/client/metrics.hpp"
 #include "vision/client/prompt.hpp"
 #include "vision/client/response.hpp"
 #include "vision/client/system_prompt.hpp"
-#include "vision/records/errors.hpp"
-#include "vision/text/utf8.hpp"
+#include "vision/client/vision_client.hpp"
 
 namespace vision {
 namespace {
 
+using test::proposal;
+using testing::HasSubstr;
+namespace asio = boost::asio;
+namespace json = boost::json;
+
 const ImgMeta meta(1280, 800, 2.0, 0.0);
 
-FlowContext context(const char* json) {
-  return boost::json::parse(json).as_object();
+FlowContext context_of(const char* text) {
+  return json::parse(text).as_object();
 }
 
 class Client : public testing::Test {
  protected:
-  void SetUp() override { test::TestRegistry::instance(); }
+  VisionClient& client() {
+    if (!client_) client_.emplace(model, options);
+    return *client_;
+  }
+  ActionResult ask(AskOptions ask_options = AskOptions()) {
+    return world.run(client().ask(Bytes(std::string("PNG")), meta, context, ask_options));
+  }
+
+  test::TestRegistry& registry = test::TestRegistry::instance();
+  test::World world;
+  test::LogCapture log;
+  test::ScriptedPage page;
+  std::shared_ptr<test::ScriptedModel> model = std::make_shared<test::ScriptedModel>();
+  VisionClientOptions options;
+  FlowContext context = {{"workflow_name", "check\nout"}, {"phase", 3}};
+
+ private:
+  std::optional<VisionClient> client_;
 };
 
 TEST_F(Client, PicksTheModel) {
-  const std::pair<const char*, bool> rows[] = {
-      {R"({})", false},
-      {R"({"phase": 0})", true},
-      {R"({"phase": 0.0})", true},
-      {R"({"phase": false})", true},
-      {R"({"phase": "0"})", false},
-      {R"({"phase": null})", false},
-      {R"({"phase": 1})", false},
-      {R"({"workflow_name": "phase0_login_verify"})", true},
-      {R"({"workflow_name": "captcha_detect"})", true},
-      {R"({"workflow_name": "Captcha_detect"})", false},
-      {R"({"attempts": 1})", false},
-      {R"({"attempts": 2})", true},
-      {R"({"attempts": 2.9})", true},
-      {R"({"attempts": 1.9})", false},
-      {R"({"attempts": " 2 "})", true},
-      {R"({"attempts": true})", false},
-      {R"({"attempts": ""})", false},
-      {R"({"attempts": []})", false},
-      {R"({"attempts": {}})", false},
-      {R"({"attempts": null})", false},
-      {R"({"attempts": -7})", false},
-      {R"({"attempts": 18446744073709551615})", true},
+  const std::pair<const char*, const char*> rows[] = {
+      {"default", R"([{}, {"phase": "0"}, {"phase": null}, {"phase": 1}, {"workflow_name": "Captcha_detect"},
+                      {"attempts": 1.9}, {"attempts": true}, {"attempts": ""}, {"attempts": []}, {"attempts": {}},
+                      {"attempts": null}, {"attempts": -7}])"},
+      {"heavy-model", R"([{"phase": 0}, {"phase": -0.0}, {"phase": false}, {"workflow_name": "phase0_login_verify"},
+                          {"workflow_name": "captcha_detect"}, {"attempts": 2}, {"attempts": 2.9},
+                          {"attempts": " 2 "}, {"attempts": 18446744073709551615}])"},
   };
-  for (const auto& [json, heavy] : rows) {
-    EXPECT_EQ(_pick_model(context(json), false, "default"), heavy ? "heavy-model" : "default") << json;
+  for (const auto& [expected, contexts] : rows) {
+    const json::value parsed = json::parse(contexts);
+    for (const auto& row : parsed.as_array()) {
+      EXPECT_EQ(_pick_model(row.as_object(), false, "default"), expected) << row;
+      EXPECT_EQ(_pick_model(row.as_object(), true, "default"), "heavy-model") << row;
+    }
   }
-  EXPECT_EQ(_pick_model({}, true, "default"), "heavy-model");
-  for (const char* json : {R"({"attempts": "x"})", R"({"attempts": "2.5"})", R"({"attempts": [2]})",
-                           R"({"attempts": " "})", R"({"attempts": 1e999})"}) {
-    EXPECT_THROW(_pick_model(context(json), false, "d"), ConversionError) << json;
+  for (const char* attempts : {R"("x")", R"("2.5")", "[2]", R"(" ")", "1e999"}) {
+    const auto unreadable = context_of((std::string(R"({"attempts": )") + attempts + "}").c_str());
+    EXPECT_THROW(_pick_model(unreadable, false, "d"), ConversionError) << attempts;
   }
 }
 
@@ -65,48 +75,40 @@ TEST_F(Client, UserMessage) {
   EXPECT_EQ(_build_user_message({}, std::nullopt, ImgMeta(1280, 800, 1.25, 0)),
             "# Workflow context\n\n# Viewport\n1280×800 CSS pixels (DPR 1.2)\n\n# Task\n"
             "Advance the workflow workflow. Current step: unknown. Goal: see workflow_name above.");
-  const auto all = context(R"({"success_signals": ["ü", {"a": 1.0}], "attempts": 0, "phase": false, "viewport": 1,
-                               "workflow_name": "check\nout", "platform": 2.0, "context_hint": "", "forbidden_actions": [],
-                               "last_action": {}, "current_step": null, "expected_outcome": "paid"})");
+  const auto all = context_of(R"({"success_signals": ["ü", {"a": 1.0}], "attempts": 0, "phase": false, "viewport": 1,
+      "workflow_name": "check\nout", "platform": 2.0, "context_hint": "", "forbidden_actions": [],
+      "last_action": {}, "current_step": null, "expected_outcome": "paid"})");
   EXPECT_EQ(_build_user_message(all, "", meta),
-            "# Workflow context\nworkflow_name: check\nout\nphase: False\nexpected_outcome: paid\nattempts: "
-            "0\nplatform: 2.0\n"
-            "success_signals: [\"\\u00fc\", {\"a\": 1.0}]\n\n# Viewport\n1280×800 CSS pixels (DPR 2.0)\n\n# Task\n"
-            "Advance the check\nout workflow. Current step: None. Goal: paid.");
-  EXPECT_TRUE(_build_user_message(all, "Do\nthis", meta).ends_with("# Task\nDo\nthis"));
+            "# Workflow context\nworkflow_name: check\nout\nphase: False\nexpected_outcome: paid\nattempts: 0\n"
+            "platform: 2.0\nsuccess_signals: [\"\\u00fc\", {\"a\": 1.0}]\n\n# Viewport\n1280×800 CSS pixels (DPR 2.0)\n"
+            "\n# Task\nAdvance the check\nout workflow. Current step: None. Goal: paid.");
 }
 
 TEST_F(Client, RequestBody) {
   const auto prefix = std::make_shared<const std::string>(request_prefix("m\"1"));
   const MessagesRequest request("m\"1", prefix, Bytes(std::string("\x00\xffPNG", 5)), "say \"hi\"\n—\xFF");
-  const auto body = boost::json::parse(request.body()).as_object();
+  json::object body = json::parse(request.body()).as_object();
   std::string members;
-  for (const auto& [key, ignored] : body) members += std::string(key) + " ";
+  for (const auto& member : body) members += std::string(member.key()) + " ";
   EXPECT_EQ(members, "model max_tokens thinking system tools tool_choice messages ");
-  EXPECT_EQ(body.at("model"), "m\"1");
-  EXPECT_EQ(body.at("max_tokens"), 512);
-  EXPECT_EQ(body.at("thinking"), boost::json::parse(R"({"type": "disabled"})"));
-  EXPECT_EQ(body.at("tool_choice"), boost::json::parse(R"({"type": "tool", "name": "propose_action"})"));
-  EXPECT_EQ(body.at("messages"), boost::json::parse(R"([{"role": "user", "content": [
+  const auto tools = body.at("tools").as_array();
+  body.erase("system");
+  body.erase("tools");
+  EXPECT_EQ(json::value(body), json::parse(R"({"model": "m\"1", "max_tokens": 512, "thinking": {"type": "disabled"},
+      "tool_choice": {"type": "tool", "name": "propose_action"}, "messages": [{"role": "user", "content": [
       {"type": "image", "source": {"type": "base64", "media_type": "image/png", "data": "AP9QTkc="}},
-      {"type": "text", "text": "say \"hi\"\n\u2014\ufffd"}]}])"));
-  EXPECT_EQ(body.at("tools").as_array().size(), 1u);
-  EXPECT_NE(request.body().find(R"("x_ratio": {"type": "number", "minimum": 0.0, "maximum": 1.0})"), std::string::npos);
-  EXPECT_NE(request.body().find(R"("duration_ms": {"type": "integer", "minimum": 0})"), std::string::npos);
-  EXPECT_NE(request.body().find(R"("required": ["action", "reason", "confidence", "next_expected_state"])"),
-            std::string::npos);
-}
-
-TEST_F(Client, SystemPromptIsComplete) {
-  std::string_view rest = detail::SYSTEM_PROMPT;
-  std::size_t code_points = 0;
-  for (; !rest.empty(); ++code_points) rest.remove_prefix(text::next_code_point(rest).size);
-  EXPECT_EQ(code_points, 1230u);
-  EXPECT_EQ(std::count(detail::SYSTEM_PROMPT.begin(), detail::SYSTEM_PROMPT.end(), '\n'), 10);
+      {"type": "text", "text": "say \"hi\"\n\u2014\ufffd"}]}]})"));
+  EXPECT_EQ(tools.size(), 1u);
+  EXPECT_THAT(request.body(), HasSubstr(R"("duration_ms": {"type": "integer", "minimum": 0})"));
+  EXPECT_THAT(request.body(), HasSubstr(R"("required": ["action", "reason", "confidence", "next_expected_state"])"));
+  const auto continues = [](char c) { return (c & 0xC0) == 0x80; };
+  const std::string_view system = detail::SYSTEM_PROMPT;
+  EXPECT_EQ(system.size() - static_cast<std::size_t>(std::count_if(system.begin(), system.end(), continues)), 1230u);
+  EXPECT_EQ(std::count(system.begin(), system.end(), '\n'), 10);
 }
 
 ActionResult parsed(const std::string& response, std::optional<ImgMeta> img_meta = meta) {
-  return _parse_response(boost::json::parse(response), "m", 12.5, img_meta);
+  return _parse_response(json::parse(response), "m", 12.5, img_meta);
 }
 
 TEST_F(Client, ParsesTheFirstToolCall) {
@@ -126,31 +128,28 @@ TEST_F(Client, ParsesTheFirstToolCall) {
       "text": "t", "key": "", "scroll_dy_ratio": -3, "duration_ms": "250"}},
       {"type": "tool_use", "name": "propose_action", "input": {"action": "wait"}}]})"),
       expected);
-  EXPECT_EQ(parsed(test::proposal("click", 1, R"(, "x_ratio": 1238)"), std::nullopt).x_ratio, 1.0);
-  EXPECT_FALSE(parsed(test::proposal("clik", 0.6)).low_confidence);
-  EXPECT_TRUE(parsed(test::proposal("declare_success", 0.59)).low_confidence);
-  EXPECT_EQ(parsed(test::proposal("clik", 1)).action, "clik");
+  EXPECT_EQ(parsed(proposal("click", 1, R"(, "x_ratio": 1238)"), std::nullopt).x_ratio, 1.0);
+  EXPECT_FALSE(parsed(proposal("clik", 0.6)).low_confidence);
+  EXPECT_TRUE(parsed(proposal("declare_success", 0.59)).low_confidence);
 }
 
 TEST_F(Client, ParsesAnswersWithoutAUsableCall) {
-  for (const char* response :
-       {R"({"usage": {"input_tokens": 3, "output_tokens": 4}, "content": []})",
-        R"({"usage": {"input_tokens": 3, "output_tokens": 4}, "content": null})",
-        R"({"usage": {"input_tokens": 3, "output_tokens": 4}, "content": [1, "x", {"type": "tool_use"}]})"}) {
-    EXPECT_EQ(parsed(response), _failure_result("model did not return propose_action tool call", "m", 12.5, 3, 4))
-        << response;
+  for (const std::string content : {"[]", "null", R"([1, "x", {"type": "tool_use"}])"}) {
+    EXPECT_EQ(parsed(R"({"usage": {"input_tokens": 3, "output_tokens": 4}, "content": )" + content + "}"),
+              _failure_result("model did not return propose_action tool call", "m", 12.5, 3, 4))
+        << content;
   }
   const ActionResult empty = parsed(test::tool_call("null"));
   EXPECT_EQ(empty.action + empty.reason, "declare_failure");
   EXPECT_TRUE(empty.low_confidence);
-  EXPECT_EQ(parsed(R"({"content": [{"type": "tool_use", "name": "propose_action", "input": {}}]})").input_tokens, 0);
-  for (const char* response :
-       {"{}", "[]", R"({"content": 5})", R"({"content": [{"type": "tool_use", "name": "propose_action"}]})"}) {
+  const std::string call = R"({"content": [{"type": "tool_use", "name": "propose_action")";
+  EXPECT_EQ(parsed(call + R"(, "input": {}}]})").input_tokens, 0);
+  for (const std::string& response : {std::string("{}"), std::string("[]"), std::string(R"({"content": 5})"),
+                                      call + "}]}", call + R"(, "input": 5}]})"}) {
     EXPECT_THROW(parsed(response), InvalidResponse) << response;
   }
-  for (const char* confidence : {"null", "[]", R"("high")", "{}"}) {
-    EXPECT_THROW(parsed(test::tool_call(std::string(R"({"confidence": )") + confidence + "}")), ConversionError)
-        << confidence;
+  for (const std::string confidence : {"null", "[]", R"("high")"}) {
+    EXPECT_THROW(parsed(test::tool_call(R"({"confidence": )" + confidence + "}")), ConversionError) << confidence;
   }
 }
 
@@ -163,60 +162,48 @@ ActionResult call_of(std::string model, std::int64_t in, std::int64_t out, doubl
   return result;
 }
 
-TEST_F(Client, MetricsLatenciesAndCost) {
+TEST_F(Client, Metrics) {
   VisionMetrics metrics;
   EXPECT_EQ(metrics.p95(), 0.0);
   EXPECT_EQ(metrics.estimated_cost_usd(), 0.0);
-  metrics.latencies_ms = {30.0, 10.0};
-  EXPECT_EQ(metrics.p95(), 10.0);
-  metrics.latencies_ms.clear();
-  for (int i = 20; i >= 1; --i) metrics.latencies_ms.push_back(i);
+  for (int i = 20; i >= 1; --i) metrics.record(call_of(i % 4 == 0 ? "heavy-model" : "light-model", 2000, 250, i));
   EXPECT_EQ(metrics.p95(), 19.0);
   EXPECT_EQ(metrics.latencies_ms.front(), 20.0);
+  EXPECT_DOUBLE_EQ(metrics.estimated_cost_usd(), 15 * 0.00975 + 5 * 0.01625);
   metrics.reset();
-  for (int i = 0; i < 2; ++i) metrics.record(call_of("light-model", 1500, 200));
-  EXPECT_DOUBLE_EQ(metrics.estimated_cost_usd(), 0.015);
-  metrics.reset();
-  for (const char* model : {"light-model", "light-model", "heavy-model", "light-model"})
-    metrics.record(call_of(model, 2000, 250));
-  EXPECT_DOUBLE_EQ(metrics.estimated_cost_usd(), 0.0455);
-  metrics.reset();
+  EXPECT_TRUE(metrics.latencies_ms.empty() && metrics.by_model.empty());
+  metrics.latencies_ms = {30.0, 10.0};
+  EXPECT_EQ(metrics.p95(), 10.0);
   metrics.record(call_of("unknown", 1000000, 1000000));
   EXPECT_DOUBLE_EQ(metrics.estimated_cost_usd(), 30.0);
   metrics.record(call_of("", INT64_MAX, INT64_MIN));
   EXPECT_EQ(metrics.total_input_tokens, INT64_MAX);
   EXPECT_EQ(metrics.by_model.size(), 1u);
-}
 
-TEST_F(Client, MetricsFailureReasons) {
-  VisionMetrics metrics;
-  for (const char* tail : {"one", "two"}) {
-    metrics.record(_failure_result(std::string(79, 'r') + "—" + tail, "m", 1.0));
+  const std::string key = std::string(79, 'r') + "—";
+  for (const std::string& reason : {key + "one", key + "two", std::string()}) {
+    metrics.record(_failure_result(reason, "m", 1.0));
   }
-  metrics.record(_failure_result("", "m", 1.0));
-  EXPECT_EQ(metrics.failures_by_reason[std::string(79, 'r') + "—"], 2);
+  EXPECT_EQ(metrics.failures_by_reason[key], 2);
   EXPECT_EQ(metrics.failures_by_reason[""], 1);
   EXPECT_EQ(metrics.failures_by_reason["never seen"], 0);
   EXPECT_EQ(metrics.failures_by_reason.size(), 2u);
-  const auto& held = metrics.latencies_ms;
-  metrics.reset();
-  EXPECT_TRUE(held.empty() && metrics.failures_by_reason.empty() && metrics.by_model.empty());
-  EXPECT_EQ(metrics.failures_by_reason[""], 0);
 }
 
 TEST_F(Client, ApiKeyResolution) {
-  auto& resolver = test::TestRegistry::instance().resolver;
+  auto& resolver = registry.resolver;
   {
     const test::ScopedEnv env("ANTHROPIC_API_KEY", "from-env");
-    EXPECT_EQ(detail::resolve_api_key("given"), "given");
-    EXPECT_EQ(detail::resolve_api_key(""), "from-env");
     resolver = [] { return std::string("from-registry"); };
+    EXPECT_EQ(detail::resolve_api_key("given"), "given");
     EXPECT_EQ(detail::resolve_api_key(""), "from-registry");
-    resolver = [] { return std::string(); };
-    EXPECT_EQ(detail::resolve_api_key(""), "from-env");
-    resolver = []() -> std::string { throw 42; };
-    EXPECT_EQ(detail::resolve_api_key(""), "from-env");
+    const std::function<std::string()> without[] = {nullptr, [] { return ""; }, []() -> std::string { throw 42; }};
+    for (const auto& none : without) {
+      resolver = none;
+      EXPECT_EQ(detail::resolve_api_key(""), "from-env");
+    }
   }
+  resolver = nullptr;
   const test::ScopedEnv env("ANTHROPIC_API_KEY", std::nullopt);
   try {
     detail::resolve_api_key("");
@@ -224,7 +211,84 @@ TEST_F(Client, ApiKeyResolution) {
   } catch (const std::runtime_error& e) {
     EXPECT_STREQ(e.what(), "VisionClient: no API key. Pass api_key= or set ANTHROPIC_API_KEY.");
   }
-  resolver = nullptr;
+}
+
+TEST_F(Client, TheProcessWideClient) {
+  reset_default_metrics();
+  const test::ScopedEnv key("ANTHROPIC_API_KEY", "a-key");
+  VisionClient& made = default_client();
+  EXPECT_EQ(&made, &default_client());
+  made.metrics.call_count = 50;
+  reset_default_metrics();
+  EXPECT_EQ(made.metrics.call_count, 0);
+}
+
+TEST_F(Client, AnAnswerIsHookedAndABrokenLogChangesNothing) {
+  const FlowContext* hooked_context = nullptr;
+  options.on_action([&](const ActionResult&, const FlowContext& seen) -> asio::awaitable<void> {
+    hooked_context = &seen;
+    throw 42;
+    co_return;
+  });
+  const std::string reason(81, 'r');
+  model->answer(test::tool_call(R"({"action": "click", "confidence": 0.85, "reason": ")" + reason + "\"}"), 1.25);
+  EXPECT_EQ(ask(AskOptions().prompt("Open the dialog")).latency_ms, 1250.0);
+  EXPECT_EQ(hooked_context, &context);
+  EXPECT_THAT(model->user_text(0), HasSubstr("# Task\nOpen the dialog"));
+  EXPECT_THAT(log.lines(),
+              testing::ElementsAre("warning: on_action hook raised: ",
+                                   "info: vision: action=click confidence=0.85 workflow=check\\nout phase=3 "
+                                   "model=light-model latency_ms=1250 tokens=1500/200 reason=" +
+                                       reason.substr(1)));
+  log.fail();
+  model->answer(proposal("wait", 1));
+  EXPECT_EQ(ask().action, "wait");
+}
+
+TEST_F(Client, TimeOutsKeepTheKindOfNumber) {
+  const std::tuple<Seconds, const char*, double> rows[] = {
+      {20.0, "20.0", 20}, {8, "8", 8}, {0.25, "0.25", 0.25}, {std::nan(""), "20.0", 20}, {0, "0", 0}};
+  for (const auto& [timeout, text, seconds] : rows) {
+    model->answer(proposal("click", 1), 1e9);
+    const ActionResult result = ask(AskOptions().timeout_s(timeout));
+    EXPECT_EQ(result.reason, "vision timeout after " + std::string(text) + "s");
+    EXPECT_EQ(result.latency_ms, seconds * 1000);
+  }
+  EXPECT_EQ(log.lines().at(1), "warning: vision: timeout after 8000ms (model=light-model, workflow=check\\nout)");
+  model->answer(test::tool_call(R"({"confidence": []})"));
+  EXPECT_EQ(ask().reason, "unexpected error: ConversionError: the model's confidence is no number: []");
+}
+
+TEST_F(Client, ScreenshotMetadata) {
+  const auto shot = [&] { return world.run(client().screenshot(page)).second; };
+  EXPECT_EQ(shot(), ImgMeta(1280, 800, 2.0, 1763319900.0));
+  page.viewport = json::object{{"width", 1280.7}, {"height", "720"}};
+  for (const json::value& unreadable : {json::value("x"), json::value()}) {
+    page.device_pixel_ratio = unreadable;
+    EXPECT_EQ(shot(), ImgMeta(1280, 720, 1.0, 1763319900.0));
+  }
+  page.viewport.reset();
+  EXPECT_EQ(shot(), ImgMeta(1280, 800, 1.0, 1763319900.0));
+  page.viewport = json::object{{"width", 5}};
+  EXPECT_THROW(shot(), std::out_of_range);
+  page.viewport = json::object{{"width", 5}, {"height", nullptr}};
+  EXPECT_THROW(shot(), ConversionError);
+}
+
+TEST_F(Client, ActShowsTheViewportToTheHookOnly) {
+  FlowContext seen;
+  options.on_action([&](const ActionResult&, const FlowContext& hooked) -> asio::awaitable<void> {
+    seen = hooked;
+    co_return;
+  });
+  model->fail(APIConnectionError("x")).answer(proposal("click", 1)).answer(proposal("click", 1));
+  EXPECT_EQ(world.run(client().act(page, context, AskOptions().transport_retry(false))).latency_ms, 2500)
+      << "act retries whatever the options say";
+  EXPECT_EQ(json::serialize(seen["viewport"]), R"({"w":1280,"h":800,"dpr":2E0})");
+  EXPECT_THAT(model->user_text(1), testing::Not(HasSubstr("viewport:")));
+  context["viewport"] = "mine";
+  world.run(client().act(page, context));
+  EXPECT_EQ(seen["viewport"], "mine");
 }
 
 }  // namespace
