@@ -4,9 +4,7 @@
 #include <thread>
 
 #include "tests/support/virtual_time.hpp"
-#include "vision/runtime/deadline.hpp"
 #include "vision/runtime/entry.hpp"
-#include "vision/runtime/one_shot.hpp"
 #include "vision/runtime/worker.hpp"
 
 namespace vision::runtime {
@@ -17,86 +15,32 @@ using test::World;
 namespace asio = boost::asio;
 using ct = asio::cancellation_type;
 
-enum class Ending { value, error, own_abort, hang };
-
-asio::awaitable<int> operation(Ending ending, Duration takes) {
-  co_await sleep_for(ending == Ending::hang ? Duration(24h) : takes);
-  if (ending == Ending::error) throw std::logic_error("broken");
-  if (ending == Ending::own_abort) throw boost::system::system_error(asio::error::operation_aborted);
-  co_return 7;
+asio::awaitable<Done> nine_seconds(World& world, std::vector<ct> sent_before) {
+  co_await asio::post(asio::use_awaitable);
+  for (const ct request : sent_before) world.cancel.emit(request);
+  auto waiting = done(sleep_for(9s));
+  auto outcome = co_await with_deadline(std::move(waiting), 50s);
+  co_return outcome.value();
 }
 
-// How a bounded operation ended, and when, as text.
-asio::awaitable<std::string> bounded(Ending ending, Duration takes, Duration limit) {
-  auto outcome = co_await with_deadline(operation(ending, takes), limit);
-  if (outcome.has_value()) co_return "value";
-  co_return outcome.timed_out() ? "time-out" : "error";
-}
-
-std::string run_cancelled(World& world, asio::awaitable<std::string> body, Duration when, std::vector<ct> types) {
-  for (std::size_t i = 0; i < types.size(); ++i) {
-    world.cancel_after(to_seconds(when + i * 1ms), types[i]);
-  }
-  try {
-    return world.run(std::move(body));
-  } catch (const boost::system::system_error& e) {
-    return e.code() == asio::error::operation_aborted ? "cancelled" : e.what();
-  }
-}
-
-TEST(Deadline, TellsTheEndingsApart) {
-  const std::tuple<Ending, Duration, const char*, double> rows[] = {
-      {Ending::value, 1s, "value", 1}, {Ending::value, 5s, "value", 5},     {Ending::value, 6s, "time-out", 5},
-      {Ending::error, 1s, "error", 1}, {Ending::own_abort, 1s, "error", 1}, {Ending::hang, 0s, "time-out", 5},
-      {Ending::value, 0s, "value", 0},
-  };
-  for (const auto& [ending, takes, expected, seconds] : rows) {
-    World world;
-    EXPECT_EQ(world.run(bounded(ending, takes, 5s)), expected);
-    EXPECT_EQ(world.seconds(), seconds);
-    EXPECT_EQ(world.time->pending(), 0u);
-  }
-}
-
-TEST(Deadline, TheCallersCancellationAlwaysPasses) {
-  for (const Ending ending : {Ending::value, Ending::error, Ending::own_abort, Ending::hang}) {
-    for (const Duration when : {Duration(0s), Duration(1s), Duration(3s)}) {
-      World world;
-      EXPECT_EQ(run_cancelled(world, bounded(ending, 3s, 5s), when, {ct::terminal}), "cancelled");
-      EXPECT_EQ(world.seconds(), to_seconds(when));
-      EXPECT_EQ(world.time->pending(), 0u);
-    }
-  }
-}
-
-asio::awaitable<std::string> entered(Duration takes) {
-  auto body = bounded(Ending::value, takes, 50s);
+asio::awaitable<Done> entered(World& world, std::vector<ct> sent_before) {
+  auto body = nine_seconds(world, std::move(sent_before));
   return entry(std::move(body));
 }
 
-asio::awaitable<std::string> host_that_allows_all(Duration takes) {
+asio::awaitable<Done> host_that_allows_all(World& world) {
   co_await asio::this_coro::reset_cancellation_state(asio::enable_total_cancellation());
-  co_return co_await entered(takes);
+  co_return co_await entered(world, {});
 }
 
 TEST(Entry, EveryKindOfRequestEndsItAndNoneIsForgotten) {
   World weak, erased, filtered;
-  EXPECT_EQ(run_cancelled(weak, host_that_allows_all(9s), 1s, {ct::total}), "cancelled");
+  weak.cancel_after(1, ct::total);
+  EXPECT_THROW(weak.run(host_that_allows_all(weak)), boost::system::system_error);
   EXPECT_EQ(weak.seconds(), 1);
-  EXPECT_EQ(run_cancelled(erased, entered(9s), 1s, {ct::terminal, ct::total}), "cancelled");
-  EXPECT_EQ(run_cancelled(filtered, entered(9s), 1s, {ct::total}), "value");  // the host lets no such request through
-}
-
-asio::awaitable<void> settle_a_broken_thing(std::string& text) {
-  auto outcome = co_await settle(operation(Ending::own_abort, 1s));
-  text = outcome.error() ? "error" : "no error";
-}
-
-TEST(Settle, AnAbortNobodyAskedForIsAnError) {
-  World world;
-  std::string text;
-  world.run(settle_a_broken_thing(text));
-  EXPECT_EQ(text, "error");
+  EXPECT_THROW(erased.run(entered(erased, {ct::terminal, ct::total})), boost::system::system_error);
+  EXPECT_EQ(erased.seconds(), 0);
+  EXPECT_NO_THROW(filtered.run(entered(filtered, {ct::total}))) << "the host lets no such request through";
 }
 
 asio::awaitable<void> run_job(std::function<void()> job) {
