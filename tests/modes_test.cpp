@@ -9,6 +9,7 @@
 #include "tests/support/scripted.hpp"
 #include "vision/text/json_text.hpp"
 #include "vision/vision.hpp"
+#include "vision/wirein/act_rails.hpp"
 
 namespace vision {
 namespace {
@@ -30,13 +31,6 @@ class Modes : public testing::Test {
     return made;
   }
 
-  /// The "vision" and "cua" members of the only record, as text.
-  std::string logged() const {
-    const auto lines = test::read_lines("logs/vision_shadow.jsonl");
-    if (lines.size() != 1) return std::to_string(lines.size()) + " records";
-    return lines[0].substr(lines[0].find("\"vision\": "));
-  }
-
   test::TestRegistry& registry = test::TestRegistry::instance();
   test::ScratchDirectory directory;
   test::ScopedEnv log_path{"KX_VISION_SHADOW_LOG", std::nullopt};
@@ -45,97 +39,146 @@ class Modes : public testing::Test {
   test::ScriptedPage page;
   std::shared_ptr<test::ScriptedModel> model = std::make_shared<test::ScriptedModel>();
   VisionClient client{model};
-  FlowContext context = {{"platform", "acme"}, {"context_hint", "the caller's"}};
+  FlowContext context = {{"phase", 2}, {"platform", "acme"}, {"last_action", "the caller's"}};
 };
 
-const std::string click_block =
-    R"("vision": {"action": "click", "reason": "because", "confidence": 0.7, "next_expected_state": "next", )"
-    R"("x_ratio": null, "y_ratio": null, "model": "light-model", "latency_ms": 500.0, "input_tokens": 1500, )"
-    R"("output_tokens": 200, "low_confidence": false})";
+TEST_F(Modes, ActLoopTellsTheModelOfItsMission) {
+  model->answer(proposal("click", 0.85, R"(, "x_ratio": 0.5, "y_ratio": 0.25)"))
+      .answer(proposal("type", 0.6, R"(, "text": "añ")"))
+      .answer(proposal("scroll", 1))
+      .answer(proposal("key", 1, R"(, "key": "Enter")"))
+      .answer(proposal("wait", 1, R"(, "duration_ms": 60000)"))
+      .answer(proposal("juggle", 1))
+      .answer(proposal("declare_success", 0.9));
+  ActLoopOptions mission(context, "site");
+  mission.vision(client).mission_prompt("Share it.");
+  EXPECT_EQ(world.run(act_loop(page, mission)).action, "declare_success");
+  EXPECT_THAT(page.actions, ElementsAre("click [6.4E2,2E2]", "type añ 20", "wheel [0E0,4E2]", "press Enter"));
+  EXPECT_EQ(world.seconds(), 7 * 0.5 + 1 + 1 + 0.5 + 1 + 10);
+
+  const std::string first = model->user_text(0);
+  EXPECT_THAT(first, HasSubstr("last_action: the caller's\n"));
+  EXPECT_THAT(first, HasSubstr("# Task\nMULTI-STEP MISSION — you are driving this mission ONE action per response;"));
+  EXPECT_THAT(first, HasSubstr("in `reason` verbatim. Never type status phrases into the page.\n--- MISSION BRIEF "
+                               "---\nShare it.\n--- END BRIEF ---\nIf the"));
+  EXPECT_TRUE(first.ends_with("captcha/human-verification), respond escalate_to_cua.")) << first;
+  EXPECT_THAT(model->user_text(1), HasSubstr("last_action: step 1/8: click(0.50,0.25) — because\n"));
+  EXPECT_THAT(model->user_text(6), HasSubstr("last_action: step 4/8: key — because | step 5/8: wait — because | "
+                                             "step 6/8: juggle — because\n"));
+  EXPECT_EQ(_act_mission_text(""), std::nullopt);
+}
+
+// What the model answers, and how the act loop says that it ended.
+struct Rail {
+  std::vector<std::string> answers;
+  std::function<void(ActLoopOptions&)> set;
+  std::string reason;
+};
+
+TEST_F(Modes, ActLoopSaysWhyItEnded) {
+  const auto plain = [](ActLoopOptions&) {};
+  const auto read_only = [](ActLoopOptions& o) { o.read_only(); };
+  const auto at = [](const std::string& x) { return proposal("click", 1, R"(, "y_ratio": 0.3, "x_ratio": )" + x); };
+  const std::string guess =
+      test::tool_call(R"({"action": "click", "confidence": 0.42, "reason": ")" + std::string(200, 'r') + "\"}");
+  const Rail rails[] = {
+      {{proposal("wait", 1), at("0.1")},
+       [](auto& o) { o.max_steps(2); },
+       "step cap (2) reached without a terminal action"},
+      {{proposal("declare_failure", 0.1)}, plain, "because"},
+      {{proposal("declare_success", 0.456)}, plain, "low-confidence success claim (0.46) — not trusted: because"},
+      {{guess}, read_only, "low-confidence click proposal (0.42) — not acted on: " + std::string(160, 'r')},
+      {{proposal("scroll", 1)}, read_only, "read-only hotspot — vision proposed scroll; deferring to CUA"},
+      {{at("0.501"), at("0.499"), at("0.50")}, plain, "repeated identical click 3x with no progress"},
+      {{at("0.0"), at("-0.0"), at("0")}, plain, "repeated identical click 3x with no progress"},
+      {{proposal("wait", 1)},
+       [](auto& o) { o.should_abort([n = 0]() mutable { return ++n == 2; }); },
+       "aborted by caller before step 2"},
+      {{proposal("declare_success", 1)}, [](auto& o) { o.should_abort([]() -> bool { throw 42; }); }, "because"},
+      {{at("0.5"), proposal("click", 1)},
+       plain,
+       "execute_action(click) failed at step 2: invalid_argument: click action requires x_ratio + y_ratio"},
+      {{},
+       [&](auto&) { client.metrics.call_count = 50; },
+       "vision budget exhausted: Vision call budget 50 exceeded — escalate to CUA"},
+  };
+  for (const auto& rail : rails) {
+    for (const auto& answer : rail.answers) model->answer(answer);
+    ActLoopOptions mission(context, "site");
+    mission.vision(client);
+    rail.set(mission);
+    EXPECT_EQ(world.run(act_loop(page, mission)).reason, rail.reason);
+    EXPECT_EQ(model->steps.size(), 0u) << rail.reason;
+  }
+}
+
+TEST_F(Modes, ExecuteAction) {
+  using Set = std::function<void(ActionResult&)>;
+  const Set nothing = [](auto&) {};
+  const auto place = [](double x, double y) { return [=](auto& r) { r.x_ratio = x, r.y_ratio = y; }; };
+  const auto scroll = [](double dy) { return [=](auto& r) { r.scroll_dy_ratio = dy; }; };
+  const auto wait = [](std::int64_t ms) { return [=](auto& r) { r.duration_ms = ms; }; };
+  const std::tuple<const char*, Set, const char*, double> rows[] = {
+      {"declare_success", nothing, "", 0},
+      {"juggle", nothing, "", 0},
+      {"click", place(0.0, 0.25), "click [0E0,2E2]", 0},
+      {"click", [](auto& r) { r.x_ratio = 0.5; }, "click action requires x_ratio + y_ratio", 0},
+      {"type", [](auto& r) { r.text = ""; }, "type  20", 0},
+      {"type", nothing, "type action requires text", 0},
+      {"scroll", scroll(0.0), "wheel [0E0,4E2]", 0},
+      {"scroll", scroll(-1.0), "wheel [0E0,-8E2]", 0},
+      {"key", [](auto& r) { r.key = "Control+a"; }, "press Control+a", 0},
+      {"key", nothing, "key action requires key", 0},
+      {"wait", nothing, "", 0.5},
+      {"wait", wait(0), "", 0.5},
+      {"wait", wait(20000), "", 20},
+      {"wait", wait(-5), "", 0},
+  };
+  for (const auto& [verb, set, expected, seconds] : rows) {
+    ActionResult result(verb, "", 1, "");
+    set(result);
+    const double before = world.seconds();
+    page.actions.clear();
+    std::string done;
+    try {
+      world.run(execute_action(page, result, ImgMeta(1280, 800, 2.0, 0.0)));
+      if (!page.actions.empty()) done = page.actions.front();
+    } catch (const std::invalid_argument& e) {
+      done = e.what();
+    }
+    EXPECT_EQ(done, expected) << verb;
+    EXPECT_EQ(world.seconds() - before, seconds) << verb;
+  }
+}
 
 template <class T>
-auto agent(T value, double seconds = 1.2349) {
-  return [value = std::make_shared<T>(std::move(value)), seconds]() -> asio::awaitable<T> {
-    co_await pause(seconds);
+auto agent(T value) {
+  return [value = std::make_shared<T>(std::move(value))]() -> asio::awaitable<T> {
+    co_await pause(1.2349);
     co_return std::move(*value);
   };
 }
 
-TEST_F(Modes, ShadowPairsTheProposalWithTheAgentsOutcome) {
-  model->answer(proposal("click", 0.7));
-  const boost::json::object panel = {{"text", std::string(300, 'p')}, {"other", 1}};
-  EXPECT_EQ(world.run(shadow_observe_then_cua(page, agent(panel), options())), panel);
-  EXPECT_EQ(logged(), click_block + R"(, "cua": {"latency_ms": 1234, "text_head": ")" + std::string(200, 'p') + "\"}}");
-  EXPECT_THAT(test::read_file("logs/vision_shadow.jsonl"),
-              HasSubstr(R"("run_id": "r", "hotspot_id": "site", "phase": null, "agent": "acme", "vision")"));
-  EXPECT_TRUE(page.actions.empty());
-}
-
 TEST_F(Modes, ShadowTakesAnyResult) {
-  for (int i = 0; i < 6; ++i) model->answer(proposal("click", 0.7));
-  EXPECT_EQ(*world.run(shadow_observe_then_cua(page, agent(std::make_unique<int>(7)), options())), 7);
-  EXPECT_EQ(world.run(shadow_observe_then_cua(page, agent(std::string("plain")), options())), "plain");
-  world.run(shadow_observe_then_cua(page, agent(boost::json::value({{"text", false}})), options()));
-  world.run(shadow_observe_then_cua(page, agent(std::map<std::string, int>{{"text", 5}}), options()));
-  world.run(shadow_observe_then_cua(page, agent(std::map<std::string, std::any>{{"text", 5}}), options()));
-  bool ran = false;
-  world.run(shadow_observe_then_cua(
-      page,
-      [&, owned = std::make_unique<int>(1)]() -> asio::awaitable<void> {
-        ran = true;
-        co_return;
-      },
-      options()));
-  EXPECT_TRUE(ran);
+  const auto shadow = [&](auto agent_fn) {
+    model->answer(proposal("click", 0.7));
+    return world.run(shadow_observe_then_cua(page, std::move(agent_fn), options()));
+  };
+  EXPECT_EQ(*shadow(agent(std::make_unique<int>(7))), 7);
+  EXPECT_EQ(shadow(agent(std::string("plain"))), "plain");
+  const boost::json::object panel = {{"text", std::string(300, 'p')}, {"other", 1}};
+  EXPECT_EQ(shadow(agent(panel)), panel);
+  shadow(agent(boost::json::value({{"text", false}})));
+  shadow(agent(std::map<std::string, int>{{"text", 5}}));
+  shadow(agent(std::map<std::string, std::any>{{"text", 5}}));
+  shadow([]() -> asio::awaitable<void> { return pause(1.2349); });
   std::vector<std::string> heads;
   for (const auto& line : test::read_lines("logs/vision_shadow.jsonl")) {
-    heads.push_back(std::string(boost::json::parse(line).at("cua").at("text_head").as_string()));
+    const auto cua = boost::json::parse(line).at("cua");
+    EXPECT_EQ(cua.at("latency_ms"), 1234);
+    heads.push_back(std::string(cua.at("text_head").as_string()));
   }
-  EXPECT_THAT(heads, ElementsAre("", "", "", "5", "", ""));
-}
-
-TEST_F(Modes, VisionsFailuresStayInTheRecord) {
-  struct Row {
-    const char* name;
-    std::function<void()> set;
-    const char* block;
-  };
-  const Row rows[] = {
-      {"the call times out", [&] { model->answer("", 1e9); },
-       R"({"timeout": true, "elapsed_ms": 20000, "reason": "vision timeout after 20.0s"})"},
-      {"no tool call", [&] { model->answer(R"({"content": []})"); },
-       R"({"error": "model did not return propose_action tool call", "elapsed_ms": 500})"},
-      {"the page is closed",
-       [&] { page.before = [](std::string) -> asio::awaitable<void> { throw std::logic_error("closed"); }; },
-       R"({"error": "logic_error: closed", "elapsed_ms": 0})"},
-      {"the page hangs", [&] { page.before = [](std::string) { return pause(1e9); }; },
-       R"({"timeout": true, "elapsed_ms": 28000})"},
-      {"the budget is spent", [&] { client.metrics.call_count = 50; },
-       R"({"error": "BudgetExceeded: Vision call budget 50 exceeded \u2014 escalate to CUA", "elapsed_ms": 0})"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    row.set();
-    EXPECT_EQ(world.run(shadow_observe_then_cua(page, agent(7), options())), 7);
-    EXPECT_THAT(logged(), testing::StartsWith(std::string("\"vision\": ") + row.block));
-    std::filesystem::remove_all("logs");
-    if (client.metrics.call_count < 50) row.set();
-    const auto record = world.run(observe_only(page, options()));
-    EXPECT_EQ(text::to_json(record.at("vision")), row.block);
-    EXPECT_EQ(text::to_json(record) + "\n", test::read_file("logs/vision_shadow.jsonl"));
-    std::filesystem::remove_all("logs");
-    page.before = nullptr;
-  }
-}
-
-TEST_F(Modes, ObserverRecord) {
-  model->answer(proposal("click", 0.7));
-  const boost::json::object truth = {{"label", "Save"}, {"true_x_ratio", 0.5}, {"true_y_ratio", nullptr}};
-  world.run(observe_only(page, options().dom_ground_truth(truth)));
-  EXPECT_EQ(logged(),
-            click_block + R"(, "dom_ground_truth": {"label": "Save", "true_x_ratio": 0.5, "true_y_ratio": null}})");
-  EXPECT_THAT(test::read_file("logs/vision_shadow.jsonl"),
-              HasSubstr(R"("agent": "acme", "source": "dom_success", "vision")"));
+  EXPECT_THAT(heads, ElementsAre("", "", std::string(200, 'p'), "", "5", "", ""));
 }
 
 TEST_F(Modes, ObserverInTheBackground) {
@@ -157,10 +200,8 @@ TEST_F(Modes, ObserverInTheBackground) {
   EXPECT_EQ(record["vision"].at("action"), "click");
   EXPECT_THAT(text::to_json(of_a_gone_page["vision"]), HasSubstr("the page was destroyed before its screenshot"));
   EXPECT_THAT(log.lines().at(0), HasSubstr("warning: vision: observation failed: VisionClient: no API key."));
-  {
-    asio::io_context destroyed_meanwhile;
-    observe_in_background(destroyed_meanwhile.get_executor(), std::make_shared<test::ScriptedPage>(), options());
-  }
+  asio::io_context destroyed_meanwhile;
+  observe_in_background(destroyed_meanwhile.get_executor(), std::make_shared<test::ScriptedPage>(), options());
 }
 
 TEST_F(Modes, WithoutAClientTheHostsCallablesAreNotRun) {
