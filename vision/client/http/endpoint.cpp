@@ -87,7 +87,8 @@ Endpoint::Endpoint(std::string_view api_key, const HttpOptions& options)
   const BaseUrl base = base_url_of(options);
   const Url parsed = parse(base);
   const std::string host = part(parsed, CURLUPART_HOST);
-  if (part(parsed, CURLUPART_SCHEME) == "http") {
+  is_tls = part(parsed, CURLUPART_SCHEME) == "https";
+  if (!is_tls) {
     direct = text::is_loopback(host);
     if (!direct && !options.allow_plain_http()) {
       refuse(base,

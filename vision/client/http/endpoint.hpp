@@ -26,8 +26,9 @@ struct Endpoint {
   SecretKey key;
   std::string url;        ///< of the messages resource
   std::string authority;  ///< host, and port when one is given: the name in error texts
-  bool direct = false;    ///< no proxy
-  std::string ca_file;    ///< empty: the system's
+  bool is_tls = true;
+  bool direct = false;  ///< no proxy
+  std::string ca_file;  ///< empty: the system's
   std::chrono::milliseconds connect_timeout;
   std::size_t max_response_bytes;
   std::unique_ptr<curl_slist, FreeHeaders> headers;  ///< holds a copy of the key, wiped at the end
