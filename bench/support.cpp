@@ -84,12 +84,14 @@ long open_descriptors() {
 }
 
 Bytes read_bytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  std::string content(in ? static_cast<std::size_t>(in.tellg()) : 0, '\0');  // at once: growing leaves memory behind
+  in.seekg(0);
+  if (!in.read(content.data(), std::ssize(content))) {
     std::cerr << "cannot read " << path << "\n";
     std::exit(2);
   }
-  return Bytes(std::string(std::istreambuf_iterator<char>(in), {}));
+  return Bytes(std::move(content));
 }
 
 void print(const boost::json::object& result) {
