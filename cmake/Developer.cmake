@@ -34,5 +34,7 @@ if(VISION_SANITIZE)
 endif()
 
 if(VISION_COVERAGE)
-  add_link_options(-fprofile-instr-generate)  # vision_library() does the rest: only our own code is counted
+  # The tests too: they are what instantiates the templates of the public headers.
+  add_compile_options(-fprofile-instr-generate -fcoverage-mapping)
+  add_link_options(-fprofile-instr-generate)
 endif()
