@@ -40,9 +40,11 @@ std::string wait_for_port(const std::filesystem::path& profile) {
 asio::awaitable<void> run(const bench::Arguments& arguments, boost::json::object& out) {
   const long rounds = std::stol(arguments.at(0));
   const double ratio = static_cast<double>(arguments.number("ratio", 1));
+  const bool is_fast = arguments.number("fast", 0) != 0;
   const std::string port = wait_for_port(arguments.text("profile"));
   auto browser = co_await chromium::connect("http://127.0.0.1:" + port);
   auto page = co_await browser->new_page(chromium::PageOptions().device_pixel_ratio(ratio));
+  page->optimize_for_speed(is_fast);
   (void)co_await page->evaluate(draw);
   chromium::Endpoint endpoint;
   endpoint.scheme = "ws";
@@ -50,7 +52,9 @@ asio::awaitable<void> run(const bench::Arguments& arguments, boost::json::object
   endpoint.port = port;
   endpoint.path = "/devtools/page/" + page->target_id();
   const auto raw = co_await chromium::WebSocketTransport::connect(endpoint);
-  const std::string command = R"({"id":1,"method":"Page.captureScreenshot","params":{"format":"png"}})";
+  const std::string command =
+      R"({"id":1,"method":"Page.captureScreenshot","params":{"format":"png","optimizeForSpeed":)" +
+      std::string(is_fast ? "true}}" : "false}}");
   // The ratio holds for the session that set it.
   co_await raw->write(R"({"id":1,"method":"Emulation.setDeviceMetricsOverride","params":{"width":1280,"height":800,)"
                       R"("mobile":false,"deviceScaleFactor":)" +

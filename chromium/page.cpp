@@ -85,7 +85,7 @@ asio::awaitable<json::object> ChromiumPage::full_page_clip() {
 asio::awaitable<Bytes> ChromiumPage::screenshot(ScreenshotOptions options) {
   co_await session_->call("Page.bringToFront");
   if (owner_ == Owner::someone_else) co_await measure();
-  json::object params = fields("format", "png");
+  json::object params = fields("format", "png", "optimizeForSpeed", optimize_for_speed_);
   if (options.full_page()) {
     params["clip"] = co_await full_page_clip();
     params["captureBeyondViewport"] = true;

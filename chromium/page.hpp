@@ -44,6 +44,11 @@ class ChromiumPage : public BrowserPage {
   /// picture in CSS pixels.
   boost::asio::awaitable<Bytes> screenshot(ScreenshotOptions options) override;
 
+  /// Whether the browser is to encode later screenshots fast rather than small:
+  /// the same picture in less time and more bytes, which the model's service is
+  /// then sent; docs/performance.md has both measured. Default false.
+  void optimize_for_speed(bool value) noexcept { optimize_for_speed_ = value; }
+
   /// Throws EvaluationError when the script throws or its promise is rejected.
   /// undefined, functions, symbols, NaN, infinities, windows and cyclic objects
   /// become null; a bigint becomes an integer when it fits 64 bits, else null.
@@ -88,6 +93,7 @@ class ChromiumPage : public BrowserPage {
   const std::unique_ptr<Keyboard> keyboard_;
   std::optional<boost::json::object> viewport_;
   LoadWaiter* loading_ = nullptr;
+  bool optimize_for_speed_ = false;
 };
 
 }  // namespace vision::chromium
