@@ -36,5 +36,6 @@ endif()
 if(VISION_COVERAGE)
   # The tests too: they are what instantiates the templates of the public headers.
   add_compile_options(-fprofile-instr-generate -fcoverage-mapping)
-  add_link_options(-fprofile-instr-generate)
+  # One file per program, to which each of its runs adds.
+  add_link_options(-fprofile-instr-generate=${PROJECT_BINARY_DIR}/profiles/%m.profraw)
 endif()
