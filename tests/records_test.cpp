@@ -1,21 +1,97 @@
 #include <gtest/gtest.h>
 
+#include <boost/json/object.hpp>
 #include <cmath>
 #include <limits>
 
 #include "tests/support/environment.hpp"
 #include "tests/support/scripted.hpp"
-#include "vision/records/action_result.hpp"
 #include "vision/records/coercion.hpp"
 #include "vision/records/errors.hpp"
 #include "vision/settings/settings.hpp"
+#include "vision/text/errors.hpp"
+#include "vision/text/json_text.hpp"
+#include "vision/text/numbers.hpp"
+#include "vision/text/utf8.hpp"
 
 namespace vision {
 namespace {
 
+using namespace text;
 using boost::json::value;
 using limits = std::numeric_limits<std::int64_t>;
 const value list = boost::json::array{1}, map = boost::json::object{{"a", 1}}, not_a_number = std::nan("");
+
+TEST(Numbers, Forms) {
+  const std::pair<double, const char*> rows[] = {
+      {0.0, "0.0"},        {-0.0, "-0.0"},
+      {0.85, "0.85"},      {1e-4, "0.0001"},
+      {1e-5, "1e-05"},     {1e15, "1000000000000000.0"},
+      {1e16, "1e+16"},     {123456789012345680.0, "1.2345678901234568e+17"},
+      {5e-324, "5e-324"},  {INFINITY, "inf"},
+      {-INFINITY, "-inf"}, {std::nan(""), "nan"},
+  };
+  for (const auto& [number, expected] : rows) EXPECT_EQ(shortest(number), expected);
+  EXPECT_EQ(fixed(1.25, 1), "1.2") << "the exact value, ties to even";
+  EXPECT_EQ(fixed(0.456, 2), "0.46");
+  EXPECT_EQ(fixed(1e300, 0).size(), 301u);
+}
+
+TEST(Numbers, Read) {
+  const std::pair<const char*, double> reals[] = {
+      {"0.25", 0.25}, {" 7.5\n", 7.5},     {"+.5", 0.5},          {"5.", 5},         {"-2E-1", -0.2},
+      {"1e-999", 0},  {"1e999", INFINITY}, {"-1e999", -INFINITY}, {"INF", INFINITY}, {"-Infinity", -INFINITY},
+  };
+  for (const auto& [text, number] : reals) EXPECT_EQ(parse_real(text), number) << text;
+  EXPECT_TRUE(std::isnan(*parse_real("NaN")));
+  for (const char* bad : {"", " ", "abc", "0x10", "1,5", "1e", "1 2", "--1", "+-1", "nan(1)", "1_000", "1f"}) {
+    EXPECT_FALSE(parse_real(bad)) << bad;
+  }
+  EXPECT_EQ(parse_integer(" -007 "), -7);
+  EXPECT_EQ(parse_integer("99999999999999999999"), limits::max());
+  EXPECT_EQ(parse_integer("-99999999999999999999"), limits::min());
+  for (const char* bad : {"", "2.5", "1e3", "two", "0x1", "- 1", "1 2"}) EXPECT_FALSE(parse_integer(bad)) << bad;
+}
+
+TEST(Utf8, CutsAtCodePointsAndSurvivesAnyBytes) {
+  EXPECT_EQ(first_code_points("añ—😀x", 4), "añ—😀");
+  EXPECT_EQ(first_code_points("añ", 9), "añ");
+  const std::string broken = "a\xC3(\xF0\x9F\x98z\xED\xA0\x80\xFF";  // cut, cut, surrogate, never valid
+  EXPECT_EQ(first_code_points(broken, 4), "a\xC3(\xF0\x9F\x98");
+  EXPECT_EQ(one_line(broken), "a\uFFFD(\uFFFDz\uFFFD\uFFFD\uFFFD\uFFFD");
+  EXPECT_EQ(one_line("a\nb\r\t\x1b[0m\x7f\u0085\u2028ü"), "a\\nb\\r\\t\\u001b[0m\\u007f\\u0085\\u2028ü");
+}
+
+TEST(Json, ExactText) {
+  boost::json::object members;
+  members["z"] = {1, -2, 3u, 2.0, 1e-5, true, nullptr};
+  members["a"] = "q\"\\\n\t\b\f\x01\x7f é — 😀 \xFF";
+  members["n"] = {std::nan(""), INFINITY};
+  members["e"] = boost::json::object{};
+  EXPECT_EQ(to_json(members),
+            R"({"z": [1, -2, 3, 2.0, 1e-05, true, null], )"
+            R"("a": "q\"\\\n\t\b\f\u0001\u007f \u00e9 \u2014 \ud83d\ude00 \ufffd", "n": [null, null], "e": {}})");
+}
+
+template <class T>
+struct Wrapped : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+struct NoMessage : std::exception {
+  const char* what() const noexcept override { return nullptr; }
+};
+
+TEST(Errors, KindAndMessage) {
+  const auto text_of = [](auto thrown) { return exception_text(std::make_exception_ptr(thrown)); };
+  EXPECT_EQ(text_of(std::out_of_range("no")), "out_of_range: no");
+  EXPECT_EQ(text_of(Wrapped<std::string>("x")), "Wrapped: x");
+  EXPECT_EQ(text_of(std::string("bare text")), "string: bare text");
+  EXPECT_EQ(text_of(42), "int: ");
+  EXPECT_EQ(text_of(NoMessage()), "NoMessage: ");
+  EXPECT_EQ(text_of(std::runtime_error(std::string(300, 'x'))), "runtime_error: " + std::string(200, 'x'));
+  EXPECT_EQ(unqualified_type_name("boost::wrapexcept<my::Error<int> >"), "Error");
+}
 
 TEST(Settings, TimeoutFromTheEnvironment) {
   const std::pair<const char*, double> rows[] = {{nullptr, 20}, {"abc", 20}, {"0", 20},  {"-5", 20},
@@ -25,15 +101,13 @@ TEST(Settings, TimeoutFromTheEnvironment) {
 }
 
 TEST(Settings, TierSwitchIsReadAtEveryCall) {
-  const std::pair<const char*, const char*> rows[] = {{"", "off"},        {" Shadow ", "shadow"}, {"ACT", "tier2"},
-                                                      {"TIER3", "tier3"}, {"\ttier2\n", "tier2"}, {"tier1", "off"},
-                                                      {"on", "off"},      {"true", "off"}};
+  const std::pair<std::optional<std::string>, const char*> rows[] = {
+      {std::nullopt, "off"},  {"", "off"},      {" Shadow ", "shadow"}, {"ACT", "tier2"}, {"TIER3", "tier3"},
+      {"\ttier2\n", "tier2"}, {"tier1", "off"}, {"true", "off"}};
   for (const auto& [text, mode] : rows) {
     const test::ScopedEnv env("KX_VISION_TIER", text);
-    EXPECT_EQ(is_vision_enabled(), mode) << text;
+    EXPECT_EQ(is_vision_enabled(), mode) << text.value_or("unset");
   }
-  const test::ScopedEnv env("KX_VISION_TIER", std::nullopt);
-  EXPECT_EQ(is_vision_enabled(), "off");
 }
 
 TEST(Settings, RegistryIsCopiedOnceAndFixed) {
@@ -46,10 +120,13 @@ TEST(Settings, RegistryIsCopiedOnceAndFixed) {
 
 TEST(Coercion, NormRatio) {
   const std::tuple<value, std::optional<std::int64_t>, std::optional<double>> rows[] = {
-      {1238, 1280, 0.9671875},  {2000, 1280, 1.0},  {1.5, 1280, 1.0},         {1.6, 1280, 0.00125},
-      {900, std::nullopt, 1.0}, {900, 0, 1.0},      {900, -1, 1.0},           {-0.2, 1280, 0.0},
-      {"0.25", 1280, 0.25},     {"640", 1280, 0.5}, {true, 1280, 1.0},        {list, 1280, {}},
-      {"x", 1280, {}},          {"inf", 1280, {}},  {not_a_number, 1280, {}}, {18446744073709551615u, 1280, 1.0},
+      {1238, 1280, 0.9671875},  {2000, 1280, 1.0},
+      {1.5, 1280, 1.0},         {1.6, 1280, 0.00125},
+      {900, std::nullopt, 1.0}, {900, 0, 1.0},
+      {-0.2, 1280, 0.0},        {"0.25", 1280, 0.25},
+      {"640", 1280, 0.5},       {true, 1280, 1.0},
+      {list, 1280, {}},         {"inf", 1280, {}},
+      {not_a_number, 1280, {}}, {18446744073709551615u, 1280, 1.0},
   };
   for (const auto& [v, dim, expected] : rows) EXPECT_EQ(_norm_ratio(&v, dim), expected) << v;
   EXPECT_EQ(_norm_ratio(nullptr, 1280), std::nullopt);
@@ -60,9 +137,8 @@ TEST(Coercion, IntegersAndTexts) {
       {1500, 1500, "1500"},
       {-2.9, -2, "-2.9"},
       {true, 1, "True"},
-      {" 250 ", 250, " 250 "},
+      {" 250\n", 250, " 250\n"},
       {"2.5", {}, "2.5"},
-      {"1e3", {}, "1e3"},
       {"", {}, {}},
       {list, {}, "[1]"},
       {map, {}, "{\"a\": 1}"},
@@ -76,6 +152,7 @@ TEST(Coercion, IntegersAndTexts) {
     EXPECT_EQ(_opt_int(&v), integer) << v;
     EXPECT_EQ(_opt_str(&v), text) << v;
   }
+  EXPECT_EQ(plain_text(nullptr), "None");
   const value infinite = INFINITY;
   EXPECT_THROW(_opt_int(&infinite), ConversionError);
 }
