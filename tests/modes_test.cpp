@@ -7,6 +7,7 @@
 #include "tests/support/environment.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/scripted.hpp"
+#include "vision/client/response.hpp"
 #include "vision/text/json_text.hpp"
 #include "vision/vision.hpp"
 #include "vision/wirein/act_rails.hpp"
@@ -68,20 +69,13 @@ TEST_F(Modes, ActLoopTellsTheModelOfItsMission) {
   EXPECT_EQ(_act_mission_text(""), std::nullopt);
 }
 
-// What the model answers, and how the act loop says that it ended.
-struct Rail {
-  std::vector<std::string> answers;
-  std::function<void(ActLoopOptions&)> set;
-  std::string reason;
-};
-
 TEST_F(Modes, ActLoopSaysWhyItEnded) {
   const auto plain = [](ActLoopOptions&) {};
   const auto read_only = [](ActLoopOptions& o) { o.read_only(); };
   const auto at = [](const std::string& x) { return proposal("click", 1, R"(, "y_ratio": 0.3, "x_ratio": )" + x); };
   const std::string guess =
       test::tool_call(R"({"action": "click", "confidence": 0.42, "reason": ")" + std::string(200, 'r') + "\"}");
-  const Rail rails[] = {
+  const std::tuple<std::vector<std::string>, std::function<void(ActLoopOptions&)>, std::string> rails[] = {
       {{proposal("wait", 1), at("0.1")},
        [](auto& o) { o.max_steps(2); },
        "step cap (2) reached without a terminal action"},
@@ -102,58 +96,50 @@ TEST_F(Modes, ActLoopSaysWhyItEnded) {
        [&](auto&) { client.metrics.call_count = 50; },
        "vision budget exhausted: Vision call budget 50 exceeded — escalate to CUA"},
   };
-  for (const auto& rail : rails) {
-    for (const auto& answer : rail.answers) model->answer(answer);
+  for (const auto& [answers, set, reason] : rails) {
+    for (const auto& answer : answers) model->answer(answer);
     ActLoopOptions mission(context, "site");
     mission.vision(client);
-    rail.set(mission);
-    EXPECT_EQ(world.run(act_loop(page, mission)).reason, rail.reason);
-    EXPECT_EQ(model->steps.size(), 0u) << rail.reason;
+    set(mission);
+    EXPECT_EQ(world.run(act_loop(page, mission)).reason, reason);
+    EXPECT_EQ(model->steps.size(), 0u) << reason;
   }
 }
 
 TEST_F(Modes, ExecuteAction) {
-  using Set = std::function<void(ActionResult&)>;
-  const Set nothing = [](auto&) {};
-  const auto place = [](double x, double y) { return [=](auto& r) { r.x_ratio = x, r.y_ratio = y; }; };
-  const auto scroll = [](double dy) { return [=](auto& r) { r.scroll_dy_ratio = dy; }; };
-  const auto wait = [](std::int64_t ms) { return [=](auto& r) { r.duration_ms = ms; }; };
-  const std::tuple<const char*, Set, const char*, double> rows[] = {
-      {"declare_success", nothing, "", 0},
-      {"juggle", nothing, "", 0},
-      {"click", place(0.0, 0.25), "click [0E0,2E2]", 0},
-      {"click", [](auto& r) { r.x_ratio = 0.5; }, "click action requires x_ratio + y_ratio", 0},
-      {"type", [](auto& r) { r.text = ""; }, "type  20", 0},
-      {"type", nothing, "type action requires text", 0},
-      {"scroll", scroll(0.0), "wheel [0E0,4E2]", 0},
-      {"scroll", scroll(-1.0), "wheel [0E0,-8E2]", 0},
-      {"key", [](auto& r) { r.key = "Control+a"; }, "press Control+a", 0},
-      {"key", nothing, "key action requires key", 0},
-      {"wait", nothing, "", 0.5},
-      {"wait", wait(0), "", 0.5},
-      {"wait", wait(20000), "", 20},
-      {"wait", wait(-5), "", 0},
+  const std::tuple<const char*, const char*, const char*, double> rows[] = {
+      {"declare_success", "", "", 0},
+      {"juggle", "", "", 0},
+      {"click", R"(, "x_ratio": 0, "y_ratio": 0.25)", "click [0E0,2E2]", 0},
+      {"click", R"(, "x_ratio": 0.5)", "click action requires x_ratio + y_ratio", 0},
+      {"type", R"(, "text": "ü")", "type ü 20", 0},
+      {"type", "", "type action requires text", 0},
+      {"scroll", R"(, "scroll_dy_ratio": 0)", "wheel [0E0,4E2]", 0},
+      {"scroll", R"(, "scroll_dy_ratio": -1)", "wheel [0E0,-8E2]", 0},
+      {"key", R"(, "key": "Control+a")", "press Control+a", 0},
+      {"key", "", "key action requires key", 0},
+      {"wait", "", "", 0.5},
+      {"wait", R"(, "duration_ms": 0)", "", 0.5},
+      {"wait", R"(, "duration_ms": 20000)", "", 20},
+      {"wait", R"(, "duration_ms": -5)", "", 0},
   };
-  for (const auto& [verb, set, expected, seconds] : rows) {
-    ActionResult result(verb, "", 1, "");
-    set(result);
+  for (const auto& [verb, members, expected, seconds] : rows) {
+    const auto result = _parse_response(boost::json::parse(proposal(verb, 1, members)), "m", 0, {});
     const double before = world.seconds();
-    page.actions.clear();
-    std::string done;
+    page.actions = {""};
     try {
       world.run(execute_action(page, result, ImgMeta(1280, 800, 2.0, 0.0)));
-      if (!page.actions.empty()) done = page.actions.front();
     } catch (const std::invalid_argument& e) {
-      done = e.what();
+      page.actions.push_back(e.what());
     }
-    EXPECT_EQ(done, expected) << verb;
+    EXPECT_EQ(page.actions.back(), expected) << verb;
     EXPECT_EQ(world.seconds() - before, seconds) << verb;
   }
 }
 
 template <class T>
 auto agent(T value) {
-  return [value = std::make_shared<T>(std::move(value))]() -> asio::awaitable<T> {
+  return [value = std::make_unique<T>(std::move(value))]() -> asio::awaitable<T> {
     co_await pause(1.2349);
     co_return std::move(*value);
   };
@@ -207,9 +193,9 @@ TEST_F(Modes, ObserverInTheBackground) {
 TEST_F(Modes, WithoutAClientTheHostsCallablesAreNotRun) {
   const test::ScopedEnv no_key("ANTHROPIC_API_KEY", std::nullopt);
   int runs = 0;
-  const auto count = [&]() -> asio::awaitable<void> {
+  const auto count = [&] {
     ++runs;
-    co_return;
+    return pause(0);
   };
   EXPECT_THROW(world.run(shadow_observe_then_cua(page, count, ObserverOptions(context, "s"))), std::runtime_error);
   EXPECT_THROW(world.run(with_vision_fallback(page, count, FallbackOptions(context))), std::runtime_error);
@@ -220,21 +206,17 @@ TEST_F(Modes, WithoutAClientTheHostsCallablesAreNotRun) {
 
 // The recommended way to call: named callables moved in, inside one coroutine.
 TEST_F(Modes, MoveOnlyCallablesInsideACoroutine) {
-  model->answer(proposal("click", 1)).answer(proposal("escalate_to_cua", 1));
+  model->answer(proposal("escalate_to_cua", 1));
   const auto host = [&]() -> asio::awaitable<void> {
-    auto agent_fn = [owned = std::make_unique<std::string>("a long enough text to need the heap")]()
-        -> asio::awaitable<std::string> { co_return *owned; };
-    auto shadow_options = options();
-    EXPECT_EQ((co_await shadow_observe_then_cua(page, std::move(agent_fn), std::move(shadow_options))).size(), 35u);
     auto step = [owned = std::make_unique<int>(1)]() -> asio::awaitable<int> { throw *owned; };
-    auto fallback = [owned = std::make_unique<int>(2)](BrowserPage&, const FlowContext&,
-                                                       const std::string&) -> asio::awaitable<int> {
+    auto fallback = [owned = std::make_unique<std::string>("a long enough text to need the heap")](
+                        BrowserPage&, const FlowContext&, const std::string&) -> asio::awaitable<std::string> {
       co_return *owned;
     };
     auto rescue_options = FallbackOptions(context).vision(client);
     const auto result =
         co_await with_vision_fallback(page, std::move(step), std::move(rescue_options), std::move(fallback));
-    EXPECT_EQ(std::get<2>(result), 2);
+    EXPECT_EQ(std::get<2>(result).size(), 35u);
   };
   world.run(host());
 }

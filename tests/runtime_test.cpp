@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <latch>
-#include <thread>
 
 #include "tests/support/virtual_time.hpp"
 #include "vision/runtime/entry.hpp"
@@ -45,15 +44,6 @@ TEST(Entry, EveryKindOfRequestEndsItAndNoneIsForgotten) {
 
 asio::awaitable<void> run_job(std::function<void()> job) {
   co_await run_on_worker(std::move(job));
-}
-
-TEST(Worker, RunsElsewhereAndBringsTheErrorBack) {
-  World world;
-  std::thread::id ran_on;
-  world.run(run_job([&] { ran_on = std::this_thread::get_id(); }));
-  EXPECT_NE(ran_on, std::thread::id());
-  EXPECT_NE(ran_on, std::this_thread::get_id());
-  EXPECT_THROW(world.run(run_job([] { throw std::out_of_range("full"); })), std::out_of_range);
 }
 
 TEST(Worker, CanBeLeftByCancellationAndByItsContext) {
