@@ -157,11 +157,5 @@ TEST(Coercion, IntegersAndTexts) {
   EXPECT_THROW(_opt_int(&infinite), ConversionError);
 }
 
-TEST(Records, Base64) {
-  const std::pair<std::string, std::string> rows[] = {{"", ""},        {"f", "Zg=="},          {"fo", "Zm8="},
-                                                      {"foo", "Zm9v"}, {"foobar", "Zm9vYmFy"}, {"\xfb\xff", "+/8="}};
-  for (const auto& [data, text] : rows) EXPECT_EQ(_b64(data), text);
-}
-
 }  // namespace
 }  // namespace vision

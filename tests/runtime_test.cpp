@@ -69,6 +69,28 @@ TEST(Worker, CanBeLeftByCancellationAndByItsContext) {
   finished.wait();  // both jobs ran to their end with nobody to tell
 }
 
+TEST(Worker, TakesNoMoreJobsThanTheBound) {
+  asio::io_context io;
+  std::latch entered(1), leave(1);
+  const auto block = [&] {
+    entered.count_down();
+    leave.wait();
+  };
+  std::size_t done = 0, refused = 0;
+  const auto count = [&](std::exception_ptr error) { ++(error ? refused : done); };
+  asio::co_spawn(io, run_job(block), count);
+  io.poll();
+  entered.wait();
+  for (std::size_t i = 0; i < max_waiting_jobs + 5; ++i) asio::co_spawn(io, run_job([] {}), count);
+  io.restart();
+  while (refused < 6) io.run_one();
+  EXPECT_EQ(done, 0u);
+  leave.count_down();
+  io.run();
+  EXPECT_EQ(done, max_waiting_jobs);
+  EXPECT_EQ(refused, 6u);
+}
+
 TEST(Time, DurationsATimerCanTake) {
   EXPECT_EQ(to_duration(0.5), 500ms);
   for (const double none : {0.0, -1.0, std::nan("")}) EXPECT_EQ(to_duration(none), 0s);

@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 
 #include <fstream>
-#include <latch>
 
 #include "tests/support/environment.hpp"
 #include "tests/support/log_capture.hpp"
@@ -80,7 +79,6 @@ const Surrounding surroundings[] = {
     {"a file as directory", "file/log", [] { std::ofstream("file") << "x"; }},
     {"a FIFO without a reader", "fifo", [] { ::mkfifo("fifo", 0600); }},
     {"a symbolic link", "link", [] { fs::create_symlink("log", "link"); }, 0},
-    {"a link to itself", "link", [] { fs::create_symlink("link", "link"); }},
     {"a name of 256 bytes", std::string(256, 'n'), nothing},
     {"no permission", "log", [] { become_nobody(fs::perms(0500), fs::perms(0400)); }, all, shots},
     {"no permission to read", "log", [] { become_nobody(fs::perms(0777), fs::perms(0222)); }, 0},
@@ -145,40 +143,6 @@ TEST(Surroundings, NoneChangesAMissionAndLossesAreCounted) {
     const bool is_swept = std::string_view(surrounding.name) == "a log that is deleted";
     EXPECT_EQ(records_below("."), is_swept ? all - 1 : all - surrounding.records_lost);
   }
-}
-
-TEST(Fixtures, NoMoreWaitThanTheBoundAndNoneIsThereInPart) {
-  const test::ScratchDirectory here;
-  const test::ScopedEnv on("KX_VISION_FIXTURE_AUTO", "1");
-  asio::io_context io;
-  std::latch entered(1), leave(1);
-  Action block = [&] {
-    entered.count_down();
-    leave.wait();
-  };
-  asio::co_spawn(io, runtime::run_on_worker(std::move(block)), [](std::exception_ptr) {});
-  io.poll();
-  entered.wait();
-  constexpr std::size_t room = runtime::max_waiting_jobs - 1, too_many = 6;
-  std::size_t stored = 0, refused = 0;
-  for (std::size_t i = 0; i < room + too_many; ++i) {
-    asio::co_spawn(io, _harvest_fixture(Bytes(std::string("PNG")), "site", std::to_string(i)),
-                   [&](std::exception_ptr, const std::optional<std::string>& path) { ++(path ? stored : refused); });
-  }
-  const auto before = fixture_losses();
-  io.restart();
-  while (refused < too_many) io.run_one();
-  EXPECT_EQ(stored, 0u);
-  leave.count_down();
-  io.run();
-  EXPECT_EQ(stored, room);
-  EXPECT_EQ(fixture_losses() - before, too_many);
-  std::size_t files = 0;
-  for (const auto& entry : fs::directory_iterator("tests/fixtures/vision/auto/site")) {
-    files += entry.path().extension() == ".png" && entry.status().permissions() == fs::perms(0600);
-  }
-  EXPECT_EQ(files, room);
-  EXPECT_EQ(fs::status("tests/fixtures/vision/auto/site").permissions(), fs::perms(0700));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <boost/algorithm/string/replace.hpp>
 #include <boost/json/parse.hpp>
 #include <fstream>
@@ -82,11 +81,6 @@ const std::string hostile_text = [] {
   return out + '\0';
 }();
 
-void expect_harmless(const std::string& line) {
-  EXPECT_EQ(std::count_if(line.begin(), line.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }), 0) << line;
-  for (const char* mark : {"\u0085", "\u009b", "\u2028", "\u2029"}) EXPECT_EQ(line.find(mark), line.npos) << line;
-}
-
 asio::awaitable<void> throw_hostile_error() {
   throw std::runtime_error(hostile_bytes);
   co_return;
@@ -120,7 +114,7 @@ TEST_F(Telemetry, HostileTextStaysInItsLine) {
     world.run(client.ask(Bytes(std::string("PNG")), ImgMeta(1, 1, 1, 0), options.flow_context()));
     model->steps.clear();
     const auto records = test::read_lines("logs/vision_shadow.jsonl");
-    expect_harmless(records.back());
+    EXPECT_EQ(text::one_line(records.back()), records.back());
     const auto record = boost::json::parse(records.back());
     for (const char* member : {"run_id", "hotspot_id", "phase", "agent"}) EXPECT_EQ(record.at(member), text) << member;
     EXPECT_EQ(record.at("dom_ground_truth").at(hostile_text), text);
@@ -136,7 +130,7 @@ TEST_F(Telemetry, HostileTextStaysInItsLine) {
   for (std::string line : log.lines()) {
     // The stack below an unexpected error is all that takes lines of its own.
     if (line.starts_with("error: ")) boost::algorithm::replace_all(line, "\n    ", " ");
-    expect_harmless(line);
+    EXPECT_EQ(text::one_line(line), line);
   }
 }
 
@@ -154,13 +148,12 @@ TEST_F(Telemetry, FixtureNames) {
   EXPECT_EQ(harvest("h", std::nullopt), folder + "run_1763319900.png");
   EXPECT_EQ(harvest("h", ""), folder + "run_1763319900.png");
   EXPECT_EQ(test::read_file(folder + "run_1763319900.png"), "PNG");
+  EXPECT_EQ(fs::status(folder + "run_1763319900.png").permissions(), fs::perms(0600));
+  EXPECT_EQ(fs::status(folder).permissions(), fs::perms(0700));
   EXPECT_TRUE(log.lines().empty());
-  EXPECT_EQ(harvest("", "r"), std::nullopt);
-  for (const std::string& bad : {std::string("."), std::string(".."), std::string("/etc"), std::string("a\0b", 3)}) {
-    EXPECT_EQ(harvest(bad, "r"), std::nullopt) << bad;
-    EXPECT_EQ(harvest("h", bad), std::nullopt) << bad;
-  }
-  EXPECT_EQ(log.lines().size(), 9u);
+  for (const char* bad : {"", ".", "..", "/etc"}) EXPECT_EQ(harvest(bad, "r"), std::nullopt) << bad;
+  EXPECT_EQ(harvest("h", std::string("a\0b", 3)), std::nullopt);
+  EXPECT_EQ(log.lines().size(), 5u);
   EXPECT_EQ(std::distance(fs::recursive_directory_iterator("."), fs::recursive_directory_iterator()), 7);
 }
 
