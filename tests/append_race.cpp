@@ -13,10 +13,10 @@
 #include <array>
 #include <atomic>
 #include <boost/json/parse.hpp>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <map>
 #include <random>
 #include <string>
@@ -102,30 +102,26 @@ void race(std::size_t writers, std::size_t victims, std::int64_t records, std::s
 }
 
 bool report(const char* what, const Sum& sum) {
-  std::printf("%s: %lld writers killed, %lld records finished, %lld of them spoiled, %lld lines cut\n", what,
-              static_cast<long long>(sum.kills), static_cast<long long>(sum.records),
-              static_cast<long long>(sum.spoiled), static_cast<long long>(sum.torn));
+  std::cout << what << ": " << sum.kills << " writers killed, " << sum.records << " records finished, " << sum.spoiled
+            << " of them spoiled, " << sum.torn << " lines cut\n";
   return sum.spoiled == 0 && sum.failed == 0 && sum.torn <= sum.kills;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::vector<std::string> arguments(argv + 1, argv + argc);
-  if (arguments.size() != 3) {
-    std::fprintf(stderr, "usage: append_race PROCESSES RECORDS ROUNDS\n");
+  if (argc != 4) {
+    std::cerr << "usage: append_race PROCESSES RECORDS ROUNDS\n";
     return 2;
   }
   ::setenv("KX_VISION_SHADOW_LOG", log_name, 1);
   constexpr std::int64_t endless = 1'000'000'000;
-  Sum together, small, large;
-  race(std::min<std::size_t>(std::stoul(arguments[0]), max_writers), 0, std::stoll(arguments[1]), 0, together);
-  for (int round = std::stoi(arguments[2]); round > 0; --round) {
-    race(4, 2, endless, 600, small);
-    race(4, 2, endless, 60'000, large);
+  Sum together, killed;
+  race(std::min<std::size_t>(std::stoul(argv[1]), max_writers), 0, std::stoll(argv[2]), 0, together);
+  for (int round = std::stoi(argv[3]); round > 0; --round) {
+    for (const std::size_t size : {600, 60'000}) race(4, 2, endless, size, killed);
   }
   std::filesystem::remove(log_name);
-  const bool results[] = {report("records of 100 to 850 bytes", together), report("records of 600 bytes", small),
-                          report("records of 60,000 bytes", large)};
-  return results[0] && results[1] && results[2] ? 0 : 1;
+  const bool good = report("together", together);
+  return report("killed at random", killed) && good ? 0 : 1;
 }

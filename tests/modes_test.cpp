@@ -10,7 +10,6 @@
 #include "vision/client/response.hpp"
 #include "vision/text/json_text.hpp"
 #include "vision/vision.hpp"
-#include "vision/wirein/act_rails.hpp"
 
 namespace vision {
 namespace {
@@ -58,7 +57,6 @@ TEST_F(Modes, ActLoopTellsTheModelOfItsMission) {
   EXPECT_EQ(world.seconds(), 7 * 0.5 + 1 + 1 + 0.5 + 1 + 10);
 
   const std::string first = model->user_text(0);
-  EXPECT_THAT(first, HasSubstr("last_action: the caller's\n"));
   EXPECT_THAT(first, HasSubstr("# Task\nMULTI-STEP MISSION — you are driving this mission ONE action per response;"));
   EXPECT_THAT(first, HasSubstr("in `reason` verbatim. Never type status phrases into the page.\n--- MISSION BRIEF "
                                "---\nShare it.\n--- END BRIEF ---\nIf the"));
@@ -66,7 +64,6 @@ TEST_F(Modes, ActLoopTellsTheModelOfItsMission) {
   EXPECT_THAT(model->user_text(1), HasSubstr("last_action: step 1/8: click(0.50,0.25) — because\n"));
   EXPECT_THAT(model->user_text(6), HasSubstr("last_action: step 4/8: key — because | step 5/8: wait — because | "
                                              "step 6/8: juggle — because\n"));
-  EXPECT_EQ(_act_mission_text(""), std::nullopt);
 }
 
 TEST_F(Modes, ActLoopSaysWhyItEnded) {
@@ -75,26 +72,21 @@ TEST_F(Modes, ActLoopSaysWhyItEnded) {
   const auto at = [](const std::string& x) { return proposal("click", 1, R"(, "y_ratio": 0.3, "x_ratio": )" + x); };
   const std::string guess =
       test::tool_call(R"({"action": "click", "confidence": 0.42, "reason": ")" + std::string(200, 'r') + "\"}");
+  const auto two_steps = [](ActLoopOptions& o) { o.max_steps(2); };
+  const auto abort = [](ActLoopOptions& o) { o.should_abort([n = 0]() mutable { return ++n == 2; }); };
+  const auto spent = [&](ActLoopOptions&) { client.metrics.call_count = 50; };
   const std::tuple<std::vector<std::string>, std::function<void(ActLoopOptions&)>, std::string> rails[] = {
-      {{proposal("wait", 1), at("0.1")},
-       [](auto& o) { o.max_steps(2); },
-       "step cap (2) reached without a terminal action"},
-      {{proposal("declare_failure", 0.1)}, plain, "because"},
+      {{proposal("wait", 1), at("0.1")}, two_steps, "step cap (2) reached without a terminal action"},
       {{proposal("declare_success", 0.456)}, plain, "low-confidence success claim (0.46) — not trusted: because"},
       {{guess}, read_only, "low-confidence click proposal (0.42) — not acted on: " + std::string(160, 'r')},
       {{proposal("scroll", 1)}, read_only, "read-only hotspot — vision proposed scroll; deferring to CUA"},
       {{at("0.501"), at("0.499"), at("0.50")}, plain, "repeated identical click 3x with no progress"},
       {{at("0.0"), at("-0.0"), at("0")}, plain, "repeated identical click 3x with no progress"},
-      {{proposal("wait", 1)},
-       [](auto& o) { o.should_abort([n = 0]() mutable { return ++n == 2; }); },
-       "aborted by caller before step 2"},
-      {{proposal("declare_success", 1)}, [](auto& o) { o.should_abort([]() -> bool { throw 42; }); }, "because"},
-      {{at("0.5"), proposal("click", 1)},
+      {{proposal("wait", 1)}, abort, "aborted by caller before step 2"},
+      {{proposal("click", 1)},
        plain,
-       "execute_action(click) failed at step 2: invalid_argument: click action requires x_ratio + y_ratio"},
-      {{},
-       [&](auto&) { client.metrics.call_count = 50; },
-       "vision budget exhausted: Vision call budget 50 exceeded — escalate to CUA"},
+       "execute_action(click) failed at step 1: invalid_argument: click action requires x_ratio + y_ratio"},
+      {{}, spent, "vision budget exhausted: Vision call budget 50 exceeded — escalate to CUA"},
   };
   for (const auto& [answers, set, reason] : rails) {
     for (const auto& answer : answers) model->answer(answer);
@@ -109,7 +101,6 @@ TEST_F(Modes, ActLoopSaysWhyItEnded) {
 TEST_F(Modes, ExecuteAction) {
   const std::tuple<const char*, const char*, const char*, double> rows[] = {
       {"declare_success", "", "", 0},
-      {"juggle", "", "", 0},
       {"click", R"(, "x_ratio": 0, "y_ratio": 0.25)", "click [0E0,2E2]", 0},
       {"click", R"(, "x_ratio": 0.5)", "click action requires x_ratio + y_ratio", 0},
       {"type", R"(, "text": "ü")", "type ü 20", 0},
@@ -119,7 +110,6 @@ TEST_F(Modes, ExecuteAction) {
       {"key", R"(, "key": "Control+a")", "press Control+a", 0},
       {"key", "", "key action requires key", 0},
       {"wait", "", "", 0.5},
-      {"wait", R"(, "duration_ms": 0)", "", 0.5},
       {"wait", R"(, "duration_ms": 20000)", "", 20},
       {"wait", R"(, "duration_ms": -5)", "", 0},
   };
