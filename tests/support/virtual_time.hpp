@@ -13,6 +13,8 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <tuple>
+#include <utility>
 
 #include "vision/runtime/time.hpp"
 #include "vision/runtime/worker.hpp"
@@ -30,25 +32,38 @@ class VirtualTime : public runtime::TimeSource {
   Duration steady_now() const override { return now_; }
   Duration wall_now() const override { return wall_start + now_; }
 
-  asio::awaitable<void> sleep(Duration duration) override { co_await async_sleep(duration, asio::use_awaitable); }
+  asio::awaitable<void> sleep(Duration duration) override { return sleep_ranked(duration, 0); }
+  /// The same; of the timers of one instant those of lower rank fire first.
+  asio::awaitable<void> sleep_ranked(Duration duration, int rank) {
+    co_await async_sleep(duration, rank, asio::use_awaitable);
+  }
+  /// The same, deaf to cancellation.
+  asio::awaitable<void> sleep_deaf(Duration duration) {
+    co_await async_sleep(duration, 0, asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
+  }
 
   asio::awaitable<void> wait(Duration duration) override {
     boost::system::error_code cancelled;
-    co_await async_sleep(duration, asio::redirect_error(asio::use_awaitable, cancelled));
+    co_await async_sleep(duration, 0, asio::redirect_error(asio::use_awaitable, cancelled));
+  }
+
+  /// Runs `action` then, within advance().
+  void at(Duration from_now, int rank, std::function<void()> action) {
+    timers_.emplace(key(from_now, rank), [action = std::move(action)](auto) { action(); });
   }
 
   /// Jumps to the earliest timer and lets it fire; false when there is none.
   bool advance() {
     if (timers_.empty()) return false;
     const Key next = timers_.begin()->first;
-    now_ = std::max(now_, next.first);
+    now_ = std::max(now_, std::get<0>(next));
     finish(next, {});
     return true;
   }
 
   /// How long until the earliest timer; a hundred years when there is none.
   Duration until_next() const {
-    return timers_.empty() ? runtime::to_duration(1e300) : timers_.begin()->first.first - now_;
+    return timers_.empty() ? runtime::to_duration(1e300) : std::get<0>(timers_.begin()->first) - now_;
   }
 
   std::size_t pending() const { return timers_.size(); }
@@ -57,19 +72,23 @@ class VirtualTime : public runtime::TimeSource {
 
  private:
   using Complete = std::function<void(boost::system::error_code)>;
-  using Key = std::pair<Duration, std::uint64_t>;  // when, and in which order set
+  using Key = std::tuple<Duration, int, std::uint64_t>;  // when, rank, and in which order set
+
+  // What waits goes with the event loop, not with the last who holds the clock.
+  void shutdown() noexcept override { std::exchange(timers_, {}); }
+
+  Key key(Duration from_now, int rank) { return {now_ + std::max(from_now, Duration::zero()), rank, ++last_id_}; }
 
   template <class Token>
-  asio::awaitable<void> async_sleep(Duration duration, Token token) {
+  asio::awaitable<void> async_sleep(Duration duration, int rank, Token token) {
     return asio::async_initiate<Token, void(boost::system::error_code)>(
-        [this](auto handler, Duration d) { this->start(std::move(handler), d); }, token, duration);
+        [this](auto handler, const Key& when) { this->start(std::move(handler), when); }, token, key(duration, rank));
   }
 
   template <class Handler>
-  void start(Handler handler, Duration d) {
+  void start(Handler handler, const Key& key) {
     auto slot = asio::get_associated_cancellation_slot(handler);
     auto shared = std::make_shared<Handler>(std::move(handler));
-    const Key key(now_ + std::max(d, Duration::zero()), ++last_id_);
     timers_.emplace(key, [this, shared](auto error) {
       asio::post(io_, [shared, error] {
         Handler moved = std::move(*shared);

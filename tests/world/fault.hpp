@@ -1,10 +1,9 @@
 #pragma once
 
-#include <cstdint>
 #include <map>
-#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vision::world {
 
@@ -24,31 +23,40 @@ enum class Fault {
   call_throws_odd,
   hang,           ///< until it is cancelled; a file operation for an hour
   stubborn,       ///< hangs; when cancelled, resets that, cleans up a while and gives its value
-  cancel_before,  ///< the caller cancels inside the call
+  cancel_before,  ///< the caller cancels inside the call, or before a turn of the event loop
   cancel_during,
   cancel_first,    ///< in the turn of completion, before it
   cancel_last,     ///< in the turn of completion, after it
   deadline_first,  ///< completes in the turn in which a time limit ends, before it
   deadline_last,   ///< the same, after it
   late,            ///< completes one tick after a time limit, deaf to cancellation
-  fails,           ///< a file operation
+  fails,           ///< a file operation, or a job of the worker's
   cut,             ///< a write that takes half
+  loop_ends,       ///< the event loop is destroyed after this turn with all that waits on it
 };
 
-enum class SeamKind { operation, call, file, worker_file, write, worker_write, timer };
+enum class SeamKind : char {
+  operation = 'o',
+  call = 'c',
+  timer = 't',
+  file = 'f',
+  write = 'w',
+  worker_file = 'F',
+  worker_write = 'W',
+  turn = 'T',  ///< of the event loop: no seam, but a place for faults too
+};
 
 /// The faults that a seam of a kind is given.
-std::span<const Fault> faults_of(SeamKind kind);
+const std::vector<Fault>& faults_of(SeamKind kind);
 
-std::string_view name_of(Fault fault);
-/// Throws std::invalid_argument for a name that is none.
-Fault fault_named(std::string_view name);
+std::string name_of(Fault fault);
 
-/// Faults by the number of the seam that they hit.
-using Plan = std::map<int, Fault>;
+/// Faults by what they hit, "seam12" or "turn5", counted from 0.
+using Plan = std::map<std::string, Fault>;
 
-/// "seam12:hang,seam20:cut", and "none" for no fault.
+/// "seam12:hang,turn20:loop_ends", and "none" for no fault.
 std::string to_text(const Plan& plan);
+/// Throws std::invalid_argument for a text that is none.
 Plan plan_from(std::string_view text);
 
 }  // namespace vision::world

@@ -1,11 +1,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdarg>
-#include <functional>
 
 #include "tests/world/world.hpp"
 
@@ -14,29 +11,34 @@
 namespace vision::world {
 namespace {
 
-Fault pass(SeamKind on_loop, SeamKind on_worker, const char* name) {
+// What a fault does elsewhere than in the call itself.
+void disturb(World& world, Fault fault) {
+  const bool fails = fault == Fault::fails || fault == Fault::cut;
+  if (world.on_worker()) {
+    if (fault == Fault::cancel_before) world.cancel_soon(world.any_mission());
+    if (fault == Fault::hang) return world.worker_stands(std::chrono::hours(1));
+    if (fault == Fault::cancel_before || fault == Fault::loop_ends) world.worker_stands(Duration::zero());
+  } else {
+    world.in_append = true;
+    if (fault == Fault::cancel_before) world.cancel(world.any_mission());
+    world.in_append = false;
+    if (fails) ++world.faulty_appends;
+  }
+  if (fault == Fault::cut) ++world.cut_writes;
+  constexpr int errors[] = {EIO, ENOSPC, EACCES};
+  if (fails) errno = errors[world.report.seams.size() % std::size(errors)];
+}
+
+Fault pass(const char* name, SeamKind on_loop = SeamKind::file, SeamKind on_worker = SeamKind::worker_file) {
   World* const world = World::current();
   if (!world) return Fault::none;
-  const bool worker = world->on_worker();
-  const Fault fault = world->pass(worker ? on_worker : on_loop, name);
-  if (fault == Fault::hang) world->worker_hangs(std::chrono::hours(1));
-  if (fault == Fault::cancel_before && worker) world->cancel_from_worker();
-  if (fault == Fault::cancel_before && !worker) {
-    world->in_append = true;
-    world->cancel(world->any_mission());
-    world->in_append = false;
-  }
-  if (fault == Fault::fails || fault == Fault::cut) {
-    constexpr int errors[] = {EIO, ENOSPC, EACCES};
-    errno = errors[world->seams.size() % std::size(errors)];
-    if (!worker) ++world->faulty_appends;
-    if (fault == Fault::cut) ++world->cut_writes;
-  }
+  const Fault fault = world->pass(world->on_worker() ? on_worker : on_loop, name);
+  disturb(*world, fault);
   return fault;
 }
 
 bool fails(const char* name) {
-  return pass(SeamKind::file, SeamKind::worker_file, name) == Fault::fails;
+  return pass(name) == Fault::fails;
 }
 
 int opened(int fd) {
@@ -70,23 +72,19 @@ int __wrap_open(const char* path, int flags, ...) {
   va_end(rest);
   return fails("open") ? -1 : opened(__real_open(path, flags, mode));
 }
-
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
-  const Fault fault = is_ours(fd) ? pass(SeamKind::write, SeamKind::worker_write, "write") : Fault::none;
+  const Fault fault = is_ours(fd) ? pass("write", SeamKind::write, SeamKind::worker_write) : Fault::none;
   return fault == Fault::fails ? -1 : __real_write(fd, data, fault == Fault::cut ? size / 2 : size);
 }
-
 ssize_t __wrap_pread(int fd, void* data, size_t size, off_t offset) {
   return is_ours(fd) && fails("pread") ? -1 : __real_pread(fd, data, size, offset);
 }
-
 int __wrap_close(int fd) {
   const bool failed = is_ours(fd) && fails("close");
   if (World::current()) World::current()->descriptors.erase(fd);
   const int result = __real_close(fd);  // the descriptor is gone also when it fails
   return failed ? -1 : result;
 }
-
 int __wrap_fstat(int fd, struct stat* info) {
   return is_ours(fd) && fails("fstat") ? -1 : __real_fstat(fd, info);
 }
@@ -100,9 +98,9 @@ int __wrap_rename(const char* from, const char* to) {
   return fails("rename") ? -1 : __real_rename(from, to);
 }
 int __wrap_unlink(const char* path) {
-  const bool failed = fails("unlink");
-  if (failed) ++World::current()->faulty_removals;
-  return failed ? -1 : __real_unlink(path);
+  if (!fails("unlink")) return __real_unlink(path);
+  ++World::current()->faulty_removals;
+  return -1;
 }
 
 }  // extern "C"
@@ -114,29 +112,24 @@ asio::awaitable<void> wrap_run_on_worker(std::function<void()> job) asm(
 
 namespace {
 
+struct Turn {
+  explicit Turn(World& w) : world(w) { world.job_begins(); }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+  ~Turn() { world.job_ends(); }
+  World& world;
+};
+
 asio::awaitable<void> run_in_turn(std::function<void()> job) {
-  World* const world = World::current();
-  struct Waiter {
-    Waiter() : job(std::make_shared<Job>()) {}
-    Waiter(const Waiter&) = delete;
-    Waiter& operator=(const Waiter&) = delete;
-    ~Waiter() { job->is_awaited = false; }
-    std::shared_ptr<Job> job;
-  };
-  const Waiter waiter;
-  std::function<void()> in_turn = [world, token = waiter.job, inner = std::move(job)] {
-    struct Turn {
-      Turn(World& w, Job& j) : world(w), job(j) { world.job_begins(job); }
-      Turn(const Turn&) = delete;
-      Turn& operator=(const Turn&) = delete;
-      ~Turn() { world.job_ends(job); }
-      World& world;
-      Job& job;
-    };
-    const Turn turn(*world, *token);
+  World& world = *World::current();
+  const Counted waiting(world.in_flight);
+  const auto waiter = std::make_shared<int>();
+  std::function<void()> in_turn = [&world, inner = std::move(job)] {
+    const Turn turn(world);
     inner();
+    if (fails("worker done")) throw std::runtime_error("the job failed");
   };
-  world->hand_over(waiter.job);
+  world.hand_over(waiter);
   co_await real_run_on_worker(std::move(in_turn));
 }
 

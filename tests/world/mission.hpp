@@ -1,13 +1,12 @@
 #pragma once
 
-#include <boost/json/object.hpp>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "tests/world/scenario.hpp"
 #include "tests/world/world.hpp"
-#include "vision/records/action_result.hpp"
+#include "vision/client/messages_client.hpp"
+#include "vision/client/vision_client.hpp"
+#include "vision/page/browser_page.hpp"
 #include "vision/wirein/cua_origin.hpp"
 
 namespace vision::world {
@@ -16,6 +15,19 @@ namespace vision::world {
 struct HostError : std::runtime_error, CuaOriginMark {
   using std::runtime_error::runtime_error;
 };
+
+/// The error that a party throws for a seam, null when the fault is none, and the
+/// reason of a call that it ends.
+struct PlannedError {
+  std::exception_ptr error;
+  std::string reason;
+};
+PlannedError planned_error(Fault fault);
+
+/// A text longer than any cut, with characters of two bytes across every cut.
+std::string long_text();
+/// The first `count` code points of a text.
+std::string head(std::string_view text, std::size_t count);
 
 /// One ask call as its model sees it: one request, or two when the first met a
 /// transport error. What the ledger has to hold follows from it alone.
@@ -35,31 +47,59 @@ struct Call {
   double latency_ms() const { return runtime::to_seconds(end - start) * 1000.0; }
 };
 
+/// A mission's page. Each operation is a visit.
+class Page : public BrowserPage, private Mouse, private Keyboard {
+ public:
+  Page(World& world, Mission& mission) : world_(world), mission_(mission) {}
+
+  asio::awaitable<Bytes> screenshot(ScreenshotOptions) override;
+  asio::awaitable<boost::json::value> evaluate(std::string) override;
+  std::optional<boost::json::object> viewport_size() override;
+  Mouse& mouse() override;
+  Keyboard& keyboard() override;
+
+ private:
+  asio::awaitable<void> click(double, double) override { return world_.seam(mission_, "click"); }
+  asio::awaitable<void> wheel(double, double) override { return world_.seam(mission_, "scroll"); }
+  asio::awaitable<void> type(std::string, std::chrono::milliseconds) override { return world_.seam(mission_, "type"); }
+  asio::awaitable<void> press(std::string) override { return world_.seam(mission_, "key"); }
+
+  World& world_;
+  Mission& mission_;
+};
+
 /// One call of one mode, and all that the parties saw of it.
 struct Mission {
-  Mission(std::string name, const Scenario& what);
+  Mission(World& in, std::string name, const Scenario& what);
 
   // Told by the world about every visit.
-  void visit_begins(World& world, const Visit& visit);
-  void visit_ended(World& world, const Visit& visit);
+  void visit_begins(const Visit& visit);
+  void visit_ended(const Visit& visit);
   void hangs(std::string_view name);
-  std::exception_ptr thrown(std::exception_ptr what);
+  std::exception_ptr thrown(Fault fault);
+  bool threw(const std::exception_ptr& error) const;
 
   /// How long the screenshot and the ask of one step may take; absent for modes
   /// without such a limit.
   std::optional<Duration> unit_limit() const;
   bool in_unit(std::string_view name) const;
-  /// What the answer allows the mission to do to the page; empty for nothing.
+  /// What the answer allows the mission to do to the page.
   void answered(const Answer& answer);
+  /// Writes down a breach of a promise.
+  void expect(bool holds, std::string_view text) {
+    if (!holds) breaches.emplace_back(text);
+  }
 
-  std::string id;
+  World& world;
+  const std::string id;
   const Scenario& scenario;
   boost::json::object context;  ///< the caller's
   std::string context_text;     ///< as it was
+  Page page;
   asio::cancellation_signal signal;
 
   // How it ended.
-  bool has_ended = false, was_stalled = false, has_started = false;
+  bool has_started = false, has_ended = false, was_stalled = false;
   std::exception_ptr error;
   std::optional<ActionResult> result;
   std::optional<boost::json::object> value;  ///< a record, an agent's value or a scripted step's
@@ -74,9 +114,10 @@ struct Mission {
   // What the parties saw.
   std::vector<Call> calls;
   std::vector<std::exception_ptr> errors;  ///< thrown by the parties, in order
-  int probes = 0, screenshots = 0, actions = 0, agent_runs = 0, step_runs = 0;
+  std::map<std::string_view, int> visits;  ///< how often each seam was begun
+  int actions = 0;                         ///< on the page
   bool was_aborted = false, has_unbounded_hang = false;
-  Duration unit_start{0}, agent_started{0}, agent_ended{0}, last_action_end{0};
+  Duration unit_start{0}, agent_ended{0}, last_action_end{0};
   Duration patience{0};   ///< what its parties take to end after a cancellation
   std::string permit;     ///< the page action that the last answer allows
   std::string last_verb;  ///< of the page action last carried out
@@ -85,13 +126,39 @@ struct Mission {
   std::vector<std::string> breaches;
 };
 
-/// The first `count` code points of a text.
-std::string head(std::string_view text, std::size_t count);
+/// The host of a world's missions: one client, shared, with the scripted model
+/// behind it. Reckons what the ledger has to hold.
+class Host : private MessagesClient {
+ public:
+  Host(World& world, std::int64_t budget, bool hook);
 
-/// A text of the model's with characters of two bytes across every cut.
-std::string long_reason();
+  const bool has_hook;
+  VisionClient client;
+
+ private:
+  asio::awaitable<boost::json::value> create(const MessagesRequest& request) override;
+  Call& call_of(Mission& mission, const MessagesRequest& request);
+  asio::awaitable<boost::json::value> respond(Visit visit, std::size_t place);
+  boost::json::value answer(Mission& mission, Call& call);
+  void give_up(Mission& mission, Call& call, Fault fault);
+  asio::awaitable<void> hook(const ActionResult& result, const FlowContext& context);
+
+  World& world_;
+  const std::int64_t budget_;
+};
 
 /// Starts the mission; `has_ended` tells when it has ended.
-void start(World& world, Mission& mission, class Host& host);
+void start(Mission& mission, VisionClient& client);
+
+/// Checks what must hold after every run, whatever was done to it. `lines` are the
+/// lines of the shadow log. Breaches go into the world's report, each with the
+/// number of the promise:
+///
+///   1. the ledger                6. the caller's context
+///   2. the act loop's records    7. no unbidden page action
+///   3. shadow mode               8. time bounds
+///   4. the observer's record     9. errors and cancellation
+///   5. the wrapper's runs       10. nothing left behind
+void check(World& world, Host& host, const std::vector<std::string>& lines);
 
 }  // namespace vision::world

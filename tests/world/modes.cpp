@@ -1,7 +1,7 @@
 #include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/co_spawn.hpp>
 
-#include "tests/world/host.hpp"
+#include "tests/world/mission.hpp"
 #include "vision/wirein/act_loop.hpp"
 #include "vision/wirein/fallback.hpp"
 #include "vision/wirein/observer.hpp"
@@ -11,116 +11,114 @@
 namespace vision::world {
 namespace {
 
+using boost::json::object;
+
 // A host's callable: a visit whose value is told by its number.
 class Step {
  public:
-  Step(World& world, Mission& mission, std::string_view name, int& runs)
-      : world_(world), mission_(mission), name_(name), runs_(runs) {}
+  Step(Mission& mission, std::string_view name) : mission_(mission), name_(name) {}
 
-  asio::awaitable<boost::json::object> operator()() {
-    ++runs_;
-    if (name_ == "agent") mission_.agent_started = world_.now();
-    Visit visit = world_.visit(mission_, name_);
+  asio::awaitable<object> operator()() {
+    Visit visit = mission_.world.visit(mission_, name_);
     if (name_ == "agent") visit.latency = runtime::to_duration(mission_.scenario.agent_seconds);
-    return finish(visit, runs_);
+    mission_.world.enter(visit);
+    return finish(visit, mission_.visits[name_]);
   }
 
   // The wrapper's agent.
-  asio::awaitable<boost::json::object> operator()(BrowserPage&, const FlowContext& context, const std::string& reason) {
-    const std::string hint = "playwright failed: ";
-    std::string expected = hint;
-    try {
-      std::rethrow_exception(mission_.errors.at(0));
-    } catch (const HostError& e) {
-      expected += "HostError: " + head(e.what(), 200);
-    } catch (...) {
-    }
-    if (!std::string_view(context.at("context_hint").as_string()).starts_with(expected)) {
-      mission_.breaches.push_back("5. the agent is not told of the failure");
-    }
-    if (mission_.calls.empty() || reason != expected_reason()) {
-      mission_.breaches.push_back("5. the agent is told another reason: " + reason);
-    }
+  asio::awaitable<object> operator()(BrowserPage&, const FlowContext& context, const std::string& reason) {
+    const std::string_view hint = context.at("context_hint").as_string();
+    mission_.expect(hint.starts_with(expected_hint()), "5. the agent is not told of the failure");
+    const bool is_told = !mission_.calls.empty() && reason == expected_reason();
+    mission_.expect(is_told, "5. the agent is told another reason");
     return (*this)();
   }
 
  private:
-  std::string expected_reason() const {
-    const Call& call = mission_.calls.back();
-    return call.reason.empty() ? long_reason() : call.reason;
+  std::string expected_hint() const {
+    const std::string hint = "playwright failed: ";
+    try {
+      std::rethrow_exception(mission_.errors.at(0));
+    } catch (const HostError& e) {
+      return hint + "HostError: " + head(e.what(), 200);
+    } catch (...) {
+      return hint;
+    }
   }
 
-  asio::awaitable<boost::json::object> finish(Visit visit, int run) {
-    co_await world_.perform(visit);
-    const bool is_step = name_ == "step";
-    if (is_step && run <= mission_.scenario.failing_runs)
-      std::rethrow_exception(mission_.thrown(error_of(Fault::page_error)));
-    boost::json::object value;
-    value["text"] = long_reason();
+  std::string expected_reason() const {
+    const Call& call = mission_.calls.back();
+    return call.reason.empty() ? long_text() : call.reason;
+  }
+
+  asio::awaitable<object> finish(Visit visit, int run) {
+    co_await mission_.world.perform(visit);
+    const bool fails = name_ == "step" && run <= mission_.scenario.failing_runs;
+    if (fails) std::rethrow_exception(mission_.thrown(Fault::page_error));
+    object value;
+    value["text"] = long_text();
     value["run"] = run;
     value["of"] = name_;
     co_return value;
   }
 
-  World& world_;
   Mission& mission_;
   std::string_view name_;
-  int& runs_;
 };
 
 class Probe {
  public:
-  Probe(World& world, Mission& mission) : world_(world), mission_(mission) {}
+  explicit Probe(Mission& mission) : mission_(mission) {}
   bool operator()() const {
-    if (!mission_.permit.empty())
-      mission_.breaches.push_back("7. a proposed " + mission_.permit + " was not carried out");
-    ++mission_.probes;
-    world_.call(mission_, "should_abort");
-    mission_.was_aborted = mission_.probes == mission_.scenario.abort_at;
-    return mission_.was_aborted;
+    mission_.expect(mission_.permit.empty(), "7. a proposed action was not carried out");
+    mission_.world.call(mission_, "should_abort");
+    return mission_.was_aborted = mission_.visits["should_abort"] == mission_.scenario.abort_at;
   }
 
  private:
-  World& world_;
   Mission& mission_;
 };
 
-ObserverOptions observer_options(Mission& mission, VisionClient& client) {
+ObserverOptions observer_options(const Mission& mission, VisionClient& client) {
   ObserverOptions options(mission.context, mission.id);
   options.vision(client).run_id("run");
   return options;
 }
 
-asio::awaitable<void> run_act_loop(World& world, Mission& mission, VisionClient& client, Page& page) {
+asio::awaitable<void> run_act_loop(Mission& mission, VisionClient& client) {
   ActLoopOptions options(mission.context, mission.id);
   options.vision(client).run_id("run").max_steps(mission.scenario.max_steps).read_only(mission.scenario.read_only);
-  options.should_abort(Probe(world, mission));
-  mission.result = co_await act_loop(page, std::move(options));
+  options.should_abort(Probe(mission));
+  mission.result = co_await act_loop(mission.page, std::move(options));
 }
 
-asio::awaitable<void> run_shadow(World& world, Mission& mission, VisionClient& client, Page& page) {
-  Step agent(world, mission, "agent", mission.agent_runs);
+asio::awaitable<void> run_shadow(Mission& mission, VisionClient& client) {
+  Step agent(mission, "agent");
   auto options = observer_options(mission, client);
-  mission.value = co_await shadow_observe_then_cua(page, std::move(agent), std::move(options));
+  mission.value = co_await shadow_observe_then_cua(mission.page, std::move(agent), std::move(options));
 }
 
-asio::awaitable<void> run_observer(Mission& mission, VisionClient& client, Page& page) {
+asio::awaitable<void> run_observer(Mission& mission, VisionClient& client) {
   auto options = observer_options(mission, client);
   options.dom_ground_truth({{"label", "Speichern: ä"}});
-  mission.value = co_await observe_only(page, std::move(options));
+  mission.value = co_await observe_only(mission.page, std::move(options));
 }
 
-asio::awaitable<void> run_wrapper(World& world, Mission& mission, VisionClient& client, Page& page) {
-  Step step(world, mission, "step", mission.step_runs);
+asio::awaitable<void> run_wrapper(Mission& mission, VisionClient& client) {
+  Step step(mission, "step");
   FallbackOptions options(mission.context);
   options.vision(client);
-  std::function<asio::awaitable<boost::json::object>(BrowserPage&, const FlowContext&, const std::string&)> agent;
-  if (mission.scenario.has_agent) agent = Step(world, mission, "fallback", mission.agent_runs);
-  auto result = co_await with_vision_fallback(page, std::move(step), std::move(options), std::move(agent));
+  std::function<asio::awaitable<object>(BrowserPage&, const FlowContext&, const std::string&)> agent;
+  if (mission.scenario.has_agent) agent = Step(mission, "fallback");
+  auto result = co_await with_vision_fallback(mission.page, std::move(step), std::move(options), std::move(agent));
   mission.way = static_cast<int>(result.index());
   if (mission.way == 0) mission.value = std::get<0>(result);
   if (mission.way == 1) mission.result = std::get<1>(result);
   if (mission.way == 2) mission.value = std::get<2>(result);
+}
+
+asio::awaitable<void> run_act(Mission& mission, VisionClient& client) {
+  mission.result = co_await client.act(mission.page, mission.context);
 }
 
 asio::awaitable<void> run_ask(Mission& mission, VisionClient& client) {
@@ -129,36 +127,24 @@ asio::awaitable<void> run_ask(Mission& mission, VisionClient& client) {
   mission.result = co_await client.ask(std::move(image), ImgMeta(1280, 800, 2.0, 0.0), mission.context, options);
 }
 
-asio::awaitable<void> run_act(Mission& mission, VisionClient& client, Page& page) {
-  mission.result = co_await client.act(page, mission.context);
-}
-
-asio::awaitable<void> operation_of(World& world, Mission& mission, VisionClient& client, Page& page) {
-  switch (mission.scenario.mode) {
-    case Mode::act_loop: return run_act_loop(world, mission, client, page);
-    case Mode::shadow: return run_shadow(world, mission, client, page);
-    case Mode::observer: return run_observer(mission, client, page);
-    case Mode::wrapper: return run_wrapper(world, mission, client, page);
-    case Mode::act: return run_act(mission, client, page);
-    case Mode::ask: return run_ask(mission, client);
-  }
-  throw std::logic_error("no such mode");
+asio::awaitable<void> lead(Mission& mission, VisionClient& client) {
+  constexpr decltype(&run_act) operations[] = {run_act_loop, run_shadow, run_observer, run_wrapper, run_act, run_ask};
+  const Counted guard(mission.world.in_flight);
+  co_await operations[static_cast<std::size_t>(mission.scenario.mode)](mission, client);
 }
 
 }  // namespace
 
-void start(World& world, Mission& mission, Host& host) {
-  Page& page = *host.pages.emplace_back(std::make_unique<Page>(world, mission));
+void start(Mission& mission, VisionClient& client) {
   mission.has_started = true;
-  mission.started = world.now();
-  const auto on_end = [&](std::exception_ptr error) {
+  mission.started = mission.world.now();
+  const auto on_end = [&mission](std::exception_ptr error) {
     mission.has_ended = true;
-    mission.ended = world.now();
+    mission.ended = mission.world.now();
     mission.error = error;
-    world.trace("end of " + mission.id + (error ? " by an error" : ""));
+    mission.world.trace("end of " + mission.id + (error ? " by an error" : ""));
   };
-  asio::co_spawn(world.io, operation_of(world, mission, *host.client, page),
-                 asio::bind_cancellation_slot(mission.signal.slot(), on_end));
+  asio::co_spawn(*mission.world.io, lead(mission, client), asio::bind_cancellation_slot(mission.signal.slot(), on_end));
 }
 
 }  // namespace vision::world

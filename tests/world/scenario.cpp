@@ -15,53 +15,54 @@ std::vector<Scenario> make() {
   using enum Mode;
   return {
       {act_loop, "every_action", {click, type, scroll, key, long_wait, unknown, success}},
-      {act_loop, "click_with_fixtures", {click, success}, true},
-      {act_loop, "without_hook", {click, failure}, false, false},
+      {act_loop, "click_with_fixtures", {click, success}, {.fixtures = true}},
+      {act_loop, "without_hook", {click, failure}, {.hook = false}},
       {act_loop, "repeats", {click, click, click}},
       {act_loop, "broken_repeats", {click, click, elsewhere, click, escalate}},
-      {act_loop, "step_cap", {click, elsewhere, success}, false, true, 50, 2},
-      {act_loop, "no_steps", {}, false, true, 50, 0},
-      {act_loop, "spent_budget", {click, elsewhere}, false, true, 1},
-      {act_loop, "read_only", {scroll}, false, true, 50, 8, true},
-      {act_loop, "read_only_success", {success}, false, true, 50, 8, true},
-      {act_loop, "abort", {key, click}, false, true, 50, 8, false, 2},
+      {act_loop, "step_cap", {click, elsewhere, success}, {.max_steps = 2}},
+      {act_loop, "no_steps", {}, {.max_steps = 0}},
+      {act_loop, "spent_budget", {click, elsewhere}, {.budget = 1}},
+      {act_loop, "read_only", {scroll}, {.read_only = true}},
+      {act_loop, "read_only_success", {success}, {.read_only = true}},
+      {act_loop, "abort", {key, click}, {.abort_at = 2}},
       {act_loop, "guess", {guess}},
       {act_loop, "guessed_success", {guessed_success}},
       {act_loop, "no_tool_call", {no_tool}},
       {act_loop, "broken_answer", {broken}},
       {act_loop, "unusable_action", {elsewhere, pointless}},
-      {shadow, "proposal", {click}, true},
-      {shadow, "slow_agent", {click}, false, true, 50, 8, false, 0, 40.0},
-      {shadow, "verdict", {failure}, false, false},
+      {shadow, "proposal", {click}, {.fixtures = true}},
+      {shadow, "slow_agent", {click}, {.agent_seconds = 40}},
+      {shadow, "verdict", {failure}, {.hook = false}},
       {shadow, "no_tool_call", {no_tool}},
-      {shadow, "spent_budget", {}, false, true, 0},
-      {observer, "proposal", {click}, true},
-      {observer, "verdict", {failure}, false, false},
+      {shadow, "spent_budget", {}, {.budget = 0}},
+      {observer, "proposal", {click}, {.fixtures = true}},
+      {observer, "verdict", {failure}, {.hook = false}},
       {observer, "broken_answer", {broken}},
-      {observer, "spent_budget", {}, false, true, 0},
-      {wrapper, "no_failure", {}, false, true, 50, 8, false, 0, 0, 0},
+      {observer, "spent_budget", {}, {.budget = 0}},
+      {wrapper, "no_failure", {}, {.failing_runs = 0}},
       {wrapper, "click", {click}},
-      {wrapper, "click_in_vain", {click}, false, false, 50, 8, false, 0, 0, 2},
+      {wrapper, "click_in_vain", {click}, {.hook = false, .failing_runs = 2}},
       {wrapper, "guessed_success", {guessed_success}},
       {wrapper, "escalation", {escalate}},
-      {wrapper, "escalation_without_agent", {escalate}, false, true, 50, 8, false, 0, 0, 1, false},
+      {wrapper, "escalation_without_agent", {escalate}, {.has_agent = false}},
       {wrapper, "guess", {guess}},
       {wrapper, "unusable_action", {pointless}},
-      {wrapper, "spent_budget", {}, false, true, 0},
+      {wrapper, "spent_budget", {}, {.budget = 0}},
       {act, "click", {click}},
-      {act, "spent_budget", {}, false, true, 0},
+      {act, "spent_budget", {}, {.budget = 0}},
       {ask, "click", {click}},
-      {ask, "without_retry", {success}, false, false, 50, 8, false, 0, 0, 0, true, false},
+      {ask, "without_retry", {success}, {.hook = false, .transport_retry = false}},
       {ask, "no_tool_call", {no_tool}},
-      {ask, "unreadable_context", {}, false, true, 50, 8, false, 0, 0, 0, true, true, true},
+      {ask, "unreadable_context", {}, {.unreadable_context = true}},
   };
 }
 
 }  // namespace
 
-std::string_view name_of(Mode mode) {
-  constexpr std::string_view names[] = {"act_loop", "shadow", "observer", "wrapper", "act", "ask"};
-  return names[static_cast<std::size_t>(mode)];
+Scenario::Scenario(Mode m, std::string_view n, std::vector<Answer> a, Details details)
+    : Details(details), mode(m), answers(std::move(a)) {
+  constexpr std::string_view modes[] = {"act_loop/", "shadow/", "observer/", "wrapper/", "act/", "ask/"};
+  name = std::string(modes[static_cast<std::size_t>(mode)]) + std::string(n);
 }
 
 const std::vector<Scenario>& scenarios() {

@@ -9,8 +9,6 @@ namespace vision::world {
 
 enum class Mode { act_loop, shadow, observer, wrapper, act, ask };
 
-std::string_view name_of(Mode mode);
-
 /// What the model answers to one call. Besides the verbs: "no_tool" (an answer
 /// without a tool call) and "broken" (no answer at all).
 struct Answer {
@@ -22,11 +20,8 @@ struct Answer {
   bool operator==(const Answer&) const = default;
 };
 
-/// One use of one mode by a host.
-struct Scenario {
-  Mode mode;
-  std::string name;
-  std::vector<Answer> answers = {};
+/// What a scenario may have differently.
+struct Details {
   bool fixtures = false;  ///< screenshots are stored
   bool hook = true;       ///< the client has an on_action hook
   std::int64_t budget = 50;
@@ -38,11 +33,18 @@ struct Scenario {
   bool has_agent = true;        ///< wrapper
   bool transport_retry = true;  ///< ask
   bool unreadable_context = false;
-
-  std::string full_name() const { return std::string(name_of(mode)) + "/" + name; }
 };
 
-/// All scenarios, each reached by every mode's enumeration.
+/// One use of one mode by a host.
+struct Scenario : Details {
+  Scenario(Mode m, std::string_view n, std::vector<Answer> a, Details details = {});
+
+  Mode mode;
+  std::string name;  ///< "act_loop/repeats"
+  std::vector<Answer> answers;
+};
+
+/// Together they reach every branch of each mode.
 const std::vector<Scenario>& scenarios();
 
 }  // namespace vision::world

@@ -2,81 +2,27 @@
 
 #include <algorithm>
 #include <boost/asio/this_coro.hpp>
-#include <condition_variable>
 #include <iostream>
-#include <mutex>
-#include <thread>
 
 #include "tests/world/mission.hpp"
-#include "vision/client/api_error.hpp"
 
 namespace vision::world {
 namespace {
 
+using std::chrono::milliseconds;
+
 World* running = nullptr;
 
-struct InFlight {
-  InFlight(World& w, const Visit& v) : world(w), visit(v) { ++world.in_flight; }
-  InFlight(const InFlight&) = delete;
-  InFlight& operator=(const InFlight&) = delete;
-  ~InFlight() {
-    --world.in_flight;
-    visit.mission->visit_ended(world, visit);
-  }
-  World& world;
+struct InFlight : Counted {
+  InFlight(World& world, const Visit& v) : Counted(world.in_flight), visit(v) {}
+  ~InFlight() { visit.mission.visit_ended(visit); }
   const Visit& visit;
 };
 
-template <class E>
-std::exception_ptr made(E error) {
-  return std::make_exception_ptr(std::move(error));
-}
-
 }  // namespace
 
-std::exception_ptr error_of(Fault fault) {
-  // Longer than any cut, with characters of two bytes across every cut.
-  std::string text = "x";
-  for (int i = 0; i < 300; ++i) text += "é";
-  switch (fault) {
-    case Fault::connection_error: return made(APIConnectionError(text));
-    case Fault::rate_limit: return made(RateLimitError(text, {429, "rate_limit_error", "r"}));
-    case Fault::server_error: return made(InternalServerError(text, {529, "overloaded_error", "r"}));
-    case Fault::bad_request: return made(BadRequestError(text, {400, "", "r"}));
-    case Fault::page_error: return made(HostError(text));
-    case Fault::odd_error:
-    case Fault::call_throws_odd: return made(42);
-    case Fault::own_abort: return made(boost::system::system_error(asio::error::operation_aborted));
-    default: return made(std::logic_error(text));
-  }
-}
-
-struct World::Baton {
-  enum class Turn { loop, worker };
-  enum class Request { none, cancel, hang, ended };
-
-  // Gives the turn to the other side and waits until it comes back.
-  void pass(Turn to, Turn mine) {
-    std::unique_lock lock(mutex);
-    turn = to;
-    changed.notify_all();
-    changed.wait(lock, [&] { return turn == mine; });
-  }
-
-  std::mutex mutex;
-  std::condition_variable changed;
-  Turn turn = Turn::loop;
-  Request request = Request::none;
-  Duration hangs_for{0};
-  const std::thread::id loop_thread = std::this_thread::get_id();
-  std::shared_ptr<Job> job;
-  bool is_hung = false, can_go_on = false, cancels_at_end = false;
-};
-
-World::World(Conditions given)
-    : time(std::make_shared<Time>(*this)), conditions(std::move(given)), rng_(conditions.seed) {
-  runtime::install_time_source(io, time);
-  baton_ = std::make_unique<Baton>();
+World::World(const Run& run) : spec(run), time(std::make_shared<Time>(*this, *io)), rng_(run.seed) {
+  runtime::install_time_source(*io, time);
   running = this;
 }
 
@@ -88,36 +34,34 @@ World* World::current() {
   return running;
 }
 
-bool World::on_worker() const {
-  return std::this_thread::get_id() != baton_->loop_thread;
-}
-
-void World::trace(std::string_view event) {
-  const auto mix = [this](std::uint64_t value) { hash = (hash ^ value) * 1099511628211u; };
+void World::trace(const std::string& event) {
+  const auto mix = [this](std::uint64_t value) { report.hash = (report.hash ^ value) * 1099511628211u; };
   for (const char c : event) mix(static_cast<unsigned char>(c));
   mix(static_cast<std::uint64_t>(now().count()));
-  if (conditions.prints_trace) std::cout << "  " << runtime::to_seconds(now()) << " s  " << event << "\n";
+  if (spec.prints_trace) std::cout << "  " << runtime::to_seconds(now()) << " s  " << event << "\n";
+}
+
+Fault World::planned(const char* place, std::size_t number) const {
+  if (spec.plan.empty()) return Fault::none;
+  const auto found = spec.plan.find(place + std::to_string(number));
+  return found == spec.plan.end() ? Fault::none : found->second;
 }
 
 Fault World::pass(SeamKind kind, std::string_view name) {
-  const auto faults = faults_of(kind);
-  Fault fault = Fault::none;
-  if (conditions.faults_per_mille != 0 && random(1000) < conditions.faults_per_mille) {
-    fault = faults[random(faults.size())];
-  }
-  if (const auto planned = conditions.plan.find(static_cast<int>(seams.size())); planned != conditions.plan.end()) {
-    fault = planned->second;
-  }
-  trace("seam" + std::to_string(seams.size()) + " " + std::string(name) +
-        (fault == Fault::none ? "" : ":" + std::string(name_of(fault))));
-  seams.push_back(kind);
+  constexpr unsigned faults_per_mille = 20;
+  Fault fault = planned("seam", report.seams.size());
+  if (!spec.scenario && random(1000) < faults_per_mille) fault = faults_of(kind)[random(faults_of(kind).size())];
+  const std::string seam = "seam" + std::to_string(report.seams.size()) + " " + std::string(name);
+  trace(fault == Fault::none ? seam : seam + ":" + name_of(fault));
+  report.seams.push_back(kind);
+  if (fault == Fault::loop_ends) ends_loop_ = true;
+  if (gone_at && !on_worker()) expect(false, "10. " + std::string(name) + " was begun after the end of the event loop");
   return fault;
 }
 
 Duration World::latency() {
-  using std::chrono::milliseconds;
-  if (conditions.seed == 0) return milliseconds(100);
-  if (conditions.seed == 1) return Duration::zero();
+  if (spec.seed == 0) return milliseconds(100);
+  if (spec.seed == 1) return Duration::zero();
   switch (random(12)) {
     case 0: return Duration::zero();
     case 1: return milliseconds(random(5000));
@@ -126,66 +70,64 @@ Duration World::latency() {
   }
 }
 
+void World::call(Mission& mission, std::string_view name) {
+  const Visit visit{mission, name, pass(SeamKind::call, name), Duration::zero(), now()};
+  ++mission.visits[name];
+  enter(visit);
+  if (visit.fault == Fault::cancel_before) mission.was_cancelled_in_call = name == "mouse" || name == "keyboard";
+}
+
 Visit World::visit(Mission& mission, std::string_view name) {
-  Visit visit{&mission, name, pass(SeamKind::operation, name), latency(), now()};
-  mission.visit_begins(*this, visit);
-  if (visit.fault == Fault::cancel_before) cancel(mission);
-  if (visit.fault == Fault::call_throws || visit.fault == Fault::call_throws_odd) {
-    mission.visit_ended(*this, visit);
-    std::rethrow_exception(mission.thrown(error_of(visit.fault)));
-  }
+  const Fault fault = pass(SeamKind::operation, name);
+  const Visit visit{mission, name, fault, latency(), now()};
+  mission.visit_begins(visit);
   return visit;
 }
 
-void World::call(Mission& mission, std::string_view name) {
-  const Fault fault = pass(SeamKind::call, name);
-  if (fault == Fault::cancel_before) {
-    cancel(mission);
-    mission.was_cancelled_in_call = name == "mouse" || name == "keyboard";
-  }
-  if (fault == Fault::call_throws || fault == Fault::call_throws_odd) {
-    std::rethrow_exception(mission.thrown(error_of(fault)));
-  }
+void World::enter(const Visit& visit) {
+  if (visit.fault == Fault::cancel_before) cancel(visit.mission);
+  if (visit.fault != Fault::call_throws && visit.fault != Fault::call_throws_odd) return;
+  visit.mission.visit_ended(visit);
+  std::rethrow_exception(visit.mission.thrown(visit.fault));
+}
+
+asio::awaitable<void> World::seam(Mission& mission, std::string_view name) {
+  const Visit begun = visit(mission, name);
+  enter(begun);
+  return perform(begun);
 }
 
 asio::awaitable<void> World::perform(Visit visit) {
-  const InFlight in_flight_guard(*this, visit);
-  Mission& mission = *visit.mission;
-  const Time::Action cancel_it = [this, &mission] { cancel_soon(mission); };
+  const InFlight guard(*this, visit);
+  const auto alive = std::make_shared<int>();
+  cancel_around(visit.fault, visit.mission, visit.latency, 0, alive);
   switch (visit.fault) {
     case Fault::hang:
-      mission.hangs(visit.name);
-      co_await time->elapse(never);
+      visit.mission.hangs(visit.name);
+      co_await time->sleep_ranked(never, 0);
       break;
-    case Fault::stubborn: {
-      mission.hangs(visit.name);
-      mission.patience += clean_up_time;
+    case Fault::stubborn:
+      visit.mission.hangs(visit.name);
+      visit.mission.patience += clean_up_time;
       co_await asio::this_coro::throw_if_cancelled(false);
       try {
-        co_await time->elapse(never);
+        co_await time->sleep_ranked(never, 0);
       } catch (const boost::system::system_error&) {
         trace("stubborn " + std::string(visit.name));
       }
       co_await asio::this_coro::reset_cancellation_state(asio::enable_total_cancellation());
       co_await asio::this_coro::throw_if_cancelled(true);
-      co_await time->elapse(clean_up_time);
+      co_await time->sleep_ranked(clean_up_time, 0);
       break;
-    }
-    case Fault::cancel_during:
-      time->at(visit.latency / 2, cancel_it);
-      co_await time->elapse(visit.latency);
-      break;
-    case Fault::cancel_first: co_await time->elapse(visit.latency, cancel_it); break;
-    case Fault::cancel_last: co_await time->elapse(visit.latency, nullptr, cancel_it); break;
-    case Fault::late: mission.patience += tick; [[fallthrough]];
+    case Fault::late: visit.mission.patience += tick; [[fallthrough]];
     case Fault::deadline_first:
-    case Fault::deadline_last: co_await time->elapse_limit(visit.fault); break;
+    case Fault::deadline_last: co_await time->until_limit(visit); break;
     default:
-      if (visit.latency != Duration::zero()) co_await time->elapse(visit.latency);
+      // Most of what takes no time does not suspend either.
+      if (visit.latency != Duration::zero() || visit.fault >= Fault::cancel_during)
+        co_await time->sleep_ranked(visit.latency, 0);
   }
-  if (visit.fault >= Fault::connection_error && visit.fault <= Fault::own_abort) {
-    std::rethrow_exception(mission.thrown(error_of(visit.fault)));
-  }
+  if (planned_error(visit.fault).error) std::rethrow_exception(visit.mission.thrown(visit.fault));
 }
 
 void World::cancel(Mission& mission) {
@@ -197,15 +139,27 @@ void World::cancel(Mission& mission) {
 }
 
 void World::cancel_soon(Mission& mission) {
-  asio::post(io, [this, &mission] { cancel(mission); });
+  if (io) asio::post(*io, [this, &mission] { cancel(mission); });
+}
+
+void World::cancel_around(Fault fault, Mission& mission, Duration duration, int rank,
+                          const std::shared_ptr<void>& alive) {
+  if (fault < Fault::cancel_during || fault > Fault::cancel_last) return;
+  const auto when = fault == Fault::cancel_during ? std::min<Duration>(duration / 2, milliseconds(50)) : duration;
+  const int place = fault == Fault::cancel_last ? rank + 1 : rank - 1;
+  time->at(when, place, [this, &mission, weak = std::weak_ptr<void>(alive)] {
+    if (!weak.expired()) cancel_soon(mission);
+  });
 }
 
 Mission& World::any_mission() {
   return *missions[missions.size() == 1 ? 0 : random(missions.size())];
 }
 
-void World::violate(std::string text) {
-  violations.push_back(std::move(text));
+Mission& World::mission_named(std::string_view id) {
+  for (auto& mission : missions)
+    if (mission->id == id) return *mission;
+  throw std::logic_error("no mission is named " + std::string(id));
 }
 
 bool World::all_ended() const {
@@ -215,107 +169,89 @@ bool World::all_ended() const {
 void World::run() {
   bool was_checked = false;
   for (;;) {
-    io.restart();
-    try {
-      if (conditions.cancel_turn == turns) cancel_soon(any_mission());
-      if (io.poll_one() > 0) {
-        ++turns;
-        continue;
-      }
-    } catch (...) {
-      violate("9. an error came out of the event loop");
-      continue;
-    }
-    if (std::exchange(baton_->can_go_on, false)) {
-      run_worker();
-      continue;
-    }
-    if (!baton_->is_hung && run_job()) continue;
+    if (ends_loop_ || planned("turn", report.turns) == Fault::loop_ends) break;
+    if (step()) continue;
     if (all_ended() && !std::exchange(was_checked, true)) {
-      if (time->pending() != 0) violate("10. a timer was left running");
-      if (in_flight != 0) violate("10. an operation was left running");
+      expect(!time->has_limits(), "10. a timer was left running");
+      expect(in_flight == 0, "10. an operation was left running");
     }
     if (time->advance()) continue;
-    if (all_ended()) break;
-    if (time->release_parked()) continue;
+    if (all_ended()) {
+      io->restart();
+      io->poll();
+      expect(io->stopped(), "10. the event loop still has work");
+      break;
+    }
     bool cancelled = false;
     for (auto& mission : missions) {
       if (mission->has_ended || mission->cancelled_at) continue;
       mission->was_stalled = cancelled = true;
       cancel_soon(*mission);
     }
-    if (!cancelled) {
-      violate("9. a cancellation was ignored: the mission never ends");
-      break;
-    }
+    if (cancelled) continue;
+    expect(false, "9. a cancellation was ignored: the mission never ends");
+    break;
   }
-  io.restart();
-  io.poll();
-  if (!io.stopped()) violate("10. the event loop still has work");
+  end_loop();
+}
+
+// One handler of the event loop, or what the worker does until it needs the loop.
+bool World::step() {
+  io->restart();
+  if (planned("turn", report.turns) == Fault::cancel_before) cancel_soon(any_mission());
+  try {
+    if (io->poll_one() > 0) {
+      ++report.turns;
+      return true;
+    }
+  } catch (...) {
+    expect(false, "9. an error came out of the event loop");
+    return true;
+  }
+  if (!std::exchange(can_go_on_, false)) return !stands_for_ && run_job();
+  run_worker();
+  return true;
+}
+
+// With whatever still waits on it.
+void World::end_loop() {
+  trace("the event loop ends");
+  gone_at = now();
+  io.reset();
+  while (stands_for_ || run_job()) {
+    if (stands_for_) run_worker();
+  }
+  expect(!time->has_limits(), "10. a timer outlived the event loop");
+  expect(in_flight == 0, "10. an operation outlived the event loop");
 }
 
 bool World::run_job() {
-  while (!jobs_.empty()) {
-    baton_->job = jobs_.front().lock();
-    jobs_.pop_front();
-    if (baton_->job) return run_worker();
+  if (jobs_.empty()) return false;
+  run_worker();
+  return true;
+}
+
+// Until the worker has done its job or stands in the middle of it. What it tells
+// the loop then is waited for, so that it comes in its turn and no other.
+void World::run_worker() {
+  stands_for_.reset();
+  to_worker_.release();
+  to_loop_.acquire();
+  if (stands_for_) {
+    if (io) time->at(*stands_for_, 0, [this] { can_go_on_ = true; });
+    return;
   }
-  return false;
+  const bool is_awaited = !jobs_.front().expired();
+  jobs_.pop_front();
+  if (!is_awaited || !io) return;
+  io->restart();
+  io->run_one();
 }
 
-// What the worker tells the loop through the library is waited for, so that it
-// comes in its turn and no other.
-bool World::run_worker() {
-  using enum Baton::Turn;
-  for (;;) {
-    baton_->request = Baton::Request::none;
-    baton_->is_hung = false;
-    baton_->pass(worker, loop);
-    if (baton_->request == Baton::Request::cancel) {
-      cancel_soon(any_mission());
-      io.restart();
-      io.poll();
-      continue;
-    }
-    if (baton_->request == Baton::Request::hang) {
-      baton_->is_hung = true;
-      time->at(baton_->hangs_for, [this] { baton_->can_go_on = true; });
-      return true;
-    }
-    const auto job = std::exchange(baton_->job, nullptr);
-    if (job->is_awaited) {
-      io.restart();
-      io.run_one();
-    }
-    if (std::exchange(baton_->cancels_at_end, false)) cancel_soon(any_mission());
-    return true;
-  }
-}
-
-void World::job_begins(Job&) {
-  std::unique_lock lock(baton_->mutex);
-  baton_->changed.wait(lock, [&] { return baton_->turn == Baton::Turn::worker; });
-}
-
-void World::job_ends(Job&) {
-  const Fault fault = pass(SeamKind::worker_file, "worker done");
-  if (fault == Fault::hang) worker_hangs(std::chrono::hours(1));
-  baton_->cancels_at_end = fault == Fault::cancel_before;
-  const std::lock_guard lock(baton_->mutex);
-  baton_->request = Baton::Request::ended;
-  baton_->turn = Baton::Turn::loop;
-  baton_->changed.notify_all();
-}
-
-void World::worker_hangs(Duration duration) {
-  baton_->request = Baton::Request::hang;
-  baton_->hangs_for = duration;
-  baton_->pass(Baton::Turn::loop, Baton::Turn::worker);
-}
-
-void World::cancel_from_worker() {
-  baton_->request = Baton::Request::cancel;
-  baton_->pass(Baton::Turn::loop, Baton::Turn::worker);
+void World::worker_stands(Duration duration) {
+  stands_for_ = duration;
+  to_loop_.release();
+  to_worker_.acquire();
 }
 
 }  // namespace vision::world

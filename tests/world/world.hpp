@@ -1,24 +1,16 @@
 #pragma once
 
-#include <boost/asio/associated_cancellation_slot.hpp>
-#include <boost/asio/async_result.hpp>
-#include <boost/asio/awaitable.hpp>
-#include <boost/asio/cancellation_signal.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
-#include <boost/asio/use_awaitable.hpp>
 #include <deque>
-#include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <random>
+#include <semaphore>
 #include <set>
-#include <string>
-#include <vector>
+#include <thread>
 
+#include "tests/support/virtual_time.hpp"
 #include "tests/world/fault.hpp"
-#include "vision/runtime/time.hpp"
+#include "tests/world/scenario.hpp"
 
 /// @file
 /// A world in which nothing happens by chance: one event loop in virtual time, on
@@ -31,84 +23,72 @@ using runtime::Duration;
 
 constexpr Duration tick{1}, never = std::chrono::hours(24 * 365 * 50), clean_up_time = std::chrono::milliseconds(100);
 
+class World;
 struct Mission;
 
-/// What a run is made of, besides its scenarios.
-struct Conditions {
-  std::uint64_t seed = 0;  ///< latencies and scheduling; 0 for latencies of 100 ms, 1 for none
-  Plan plan;
-  std::optional<std::size_t> cancel_turn;  ///< the caller cancels after so many handlers of the event loop
-  unsigned faults_per_mille = 0;           ///< of seams that a seeded fault hits
+/// The same run gives the same trace.
+struct Run {
+  std::string replay_line() const;
+
+  const Scenario* scenario = nullptr;  ///< null for a world of several missions and seeded faults
+  std::uint64_t seed = 0;              ///< of latencies and scheduling; 0 for latencies of 100 ms, 1 for none
+  Plan plan = {};
   bool prints_trace = false;
+};
+
+/// What became of a run.
+struct Report {
+  std::size_t turns = 0;        ///< handlers that the event loop ran
+  std::vector<SeamKind> seams;  ///< in the order in which they were passed
+  std::uint64_t hash = 1469598103934665603u;
+  std::vector<std::string> violations;  ///< breaches of a promise, "number. text"
 };
 
 /// One visit of the library to a party.
 struct Visit {
-  Mission* mission = nullptr;
+  Mission& mission;
   std::string_view name;
-  Fault fault = Fault::none;
-  Duration latency{0}, start{0};
+  Fault fault;
+  Duration latency, start;
 };
 
-/// The fault that a party throws for a seam: made once, so that it can be found again.
-std::exception_ptr error_of(Fault fault);
-
-class World;
-
-/// The virtual clock. Timers of one instant fire in one turn, in the order in which
-/// they were set; what is parked completes in the turn of a time limit.
-class Time : public runtime::TimeSource {
+/// The virtual clock. The library's timers are seams; of what ends in one instant
+/// they come last, but for what is to come after them.
+class Time : public test::VirtualTime {
  public:
-  explicit Time(World& world) : world_(world) {}
+  Time(World& world, asio::io_context& io) : VirtualTime(io), world_(world) {}
 
-  Duration steady_now() const override { return now_; }
-  Duration wall_now() const override { return std::chrono::seconds(1763319900) + now_; }
-  /// The library's timers, which are seams.
   asio::awaitable<void> sleep(Duration duration) override;
+  asio::awaitable<void> wait(Duration duration) override { return TimeSource::wait(duration); }
 
-  /// A party's: `before` and `after` run in the turn of completion.
-  using Action = std::function<void()>;
-  asio::awaitable<void> elapse(Duration duration, Action before = nullptr, Action after = nullptr);
-  /// Until the next of the library's timers fires: in its turn, or a tick later and
-  /// then deaf to cancellation.
-  asio::awaitable<void> elapse_limit(Fault how);
-  void at(Duration from_now, Action action);
-
+  /// Until the next of the library's timers fires, as `visit`'s fault says; for the
+  /// visit's latency when none is running.
+  asio::awaitable<void> until_limit(const Visit& visit);
   /// Jumps to the next instant. False when nothing is due, ever.
   bool advance();
-  /// Ends what waits for a time limit that never comes; false when nothing does.
-  bool release_parked();
-  /// The library's timers that have not fired.
-  std::size_t pending() const { return limits_.size(); }
+  /// Whether a timer of the library's is running.
+  bool has_limits() const { return !limits_.empty(); }
 
  private:
-  using Complete = std::function<void(boost::system::error_code)>;
-  using Key = std::pair<Duration, std::uint64_t>;
-  struct Timer {
-    Complete complete;
-    Action before, after;
-    Fault parked = Fault::none;
-  };
-  asio::awaitable<void> start(Duration duration, std::shared_ptr<Timer> timer);
-  asio::awaitable<void> limit(Duration duration, std::shared_ptr<Timer> timer);
-  void finish(Key key, boost::system::error_code error);
-  void finish_parked(Fault how, Duration extra);
-
   World& world_;
-  Duration now_{0};
-  std::map<Key, std::shared_ptr<Timer>> timers_;
   std::multiset<Duration> limits_;
-  std::uint64_t last_id_ = 0;
 };
 
-/// A job that was handed to the library's worker thread.
-struct Job {
-  bool is_awaited = true;
+/// Counts what lives.
+class Counted {
+ public:
+  explicit Counted(int& count) : count_(count) { ++count_; }
+  ~Counted() { --count_; }
+  Counted(const Counted&) = delete;
+  Counted& operator=(const Counted&) = delete;
+
+ private:
+  int& count_;
 };
 
 class World {
  public:
-  explicit World(Conditions conditions);
+  explicit World(const Run& run);
   ~World();
   World(const World&) = delete;
   World& operator=(const World&) = delete;
@@ -117,62 +97,82 @@ class World {
 
   /// Numbers a seam and gives its fault. On the worker thread too.
   Fault pass(SeamKind kind, std::string_view name);
-  /// A seam of a party: cancels or throws what the fault says at once.
-  Visit visit(Mission& mission, std::string_view name);
-  /// A seam of a party that gives its value at once.
+  /// A seam of a party that gives its value at once, if it does not throw.
   void call(Mission& mission, std::string_view name);
-  /// The suspending part of a visit.
+  /// A seam of a party that suspends: begins it, ...
+  Visit visit(Mission& mission, std::string_view name);
+  /// ... throws what is thrown before there is an awaitable, ...
+  void enter(const Visit& visit);
+  /// ... does the rest.
   asio::awaitable<void> perform(Visit visit);
+  /// All of it.
+  asio::awaitable<void> seam(Mission& mission, std::string_view name);
+  template <class T>
+  asio::awaitable<T> seam(Mission& mission, std::string_view name, T value) {
+    return with_value(seam(mission, name), std::move(value));
+  }
 
-  /// The caller cancels: within a handler of the event loop, or in one of its own.
+  /// The caller cancels: within a handler of the event loop, in a handler of its own,
+  /// or around the end of `duration`, as `fault` says, if `alive` is still then.
   void cancel(Mission& mission);
   void cancel_soon(Mission& mission);
+  void cancel_around(Fault fault, Mission& mission, Duration duration, int rank, const std::shared_ptr<void>& alive);
   /// The mission that a seam without an owner is said to belong to.
   Mission& any_mission();
+  Mission& mission_named(std::string_view id);
 
-  /// Runs everything to its end; says what did not end.
+  /// Runs everything to its end, or destroys the event loop on the way; says what did
+  /// not end.
   void run();
 
-  /// A breach of a promise, "number. text".
-  void violate(std::string text);
-
+  void expect(bool holds, std::string_view text) {
+    if (!holds) report.violations.emplace_back(text);
+  }
   Duration now() const { return time->steady_now(); }
   Duration latency();
   std::uint64_t random(std::uint64_t bound) { return rng_() % bound; }
-  void trace(std::string_view event);
+  void trace(const std::string& event);
 
-  asio::io_context io;
+  const Run spec;
+  Report report;
+  std::optional<asio::io_context> io{std::in_place};
   std::shared_ptr<Time> time;
-  Conditions conditions;
   std::vector<std::unique_ptr<Mission>> missions;
-  std::vector<SeamKind> seams;  ///< in the order in which they were passed
-  std::vector<std::string> violations;
-  std::uint64_t hash = 1469598103934665603u;
-  std::size_t turns = 0;   ///< handlers that the event loop ran
-  int in_flight = 0;       ///< visits that have not ended
-  int faulty_appends = 0;  ///< file operations of the log that were given a fault
+  std::optional<Duration> gone_at;  ///< when the event loop was destroyed
+  int in_flight = 0;                ///< operations that have not ended
+  int faulty_appends = 0;           ///< file operations of the log that were given a fault
   int cut_writes = 0;
   int faulty_removals = 0;    ///< fixtures whose removal failed
   std::set<int> descriptors;  ///< that the library holds open
   bool in_append = false;     ///< a record is being written; after the last one nothing is awaited
 
   // The worker thread, which runs only while the event loop stands still.
-  void hand_over(std::weak_ptr<Job> job) { jobs_.push_back(std::move(job)); }
-  void job_begins(Job& job);
-  void job_ends(Job& job);
-  void worker_hangs(Duration duration);
-  void cancel_from_worker();
-  bool on_worker() const;
+  bool on_worker() const { return std::this_thread::get_id() != loop_thread_; }
+  void hand_over(std::weak_ptr<void> waiter) { jobs_.push_back(std::move(waiter)); }
+  void job_begins() { to_worker_.acquire(); }
+  void job_ends() { to_loop_.release(); }
+  void worker_stands(Duration duration);
 
  private:
+  template <class T>
+  static asio::awaitable<T> with_value(asio::awaitable<void> operation, T value) {
+    co_await std::move(operation);
+    co_return value;
+  }
+  Fault planned(const char* place, std::size_t number) const;
+  bool step();
   bool run_job();
-  bool run_worker();
+  void run_worker();
+  void end_loop();
   bool all_ended() const;
 
   std::mt19937_64 rng_;
-  std::deque<std::weak_ptr<Job>> jobs_;
-  struct Baton;
-  std::unique_ptr<Baton> baton_;
+  bool ends_loop_ = false;
+  std::deque<std::weak_ptr<void>> jobs_;  // of each, who waits for it
+  std::binary_semaphore to_worker_{0}, to_loop_{0};
+  const std::thread::id loop_thread_ = std::this_thread::get_id();
+  std::optional<Duration> stands_for_;  // the worker, in the middle of its job
+  bool can_go_on_ = false;
 };
 
 }  // namespace vision::world

@@ -38,7 +38,7 @@ class TimeService : public asio::execution_context::service {
   std::shared_ptr<TimeSource> source;
 
  private:
-  void shutdown() override {}
+  void shutdown() override { source->shutdown(); }
 };
 
 asio::execution_context::id TimeService::id;

@@ -35,6 +35,10 @@ class TimeSource {
   /// The same, but cancellation ends it without an error: what time limits wait
   /// on, which nearly always end early. By default `sleep` with its error dropped.
   virtual boost::asio::awaitable<void> wait(Duration duration);
+  /// The context is being destroyed: drops whatever waits without calling it, as the
+  /// context does with its own handlers. A source that keeps no handlers has nothing
+  /// to do, which is the default.
+  virtual void shutdown() noexcept {}
 };
 
 /// Makes `source` the time of `context`. Call it before anything on the context
