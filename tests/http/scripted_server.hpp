@@ -59,6 +59,8 @@ class ScriptedServer {
   int connections = 0;
   std::size_t flooded = 0;  ///< bytes
   std::vector<Request> requests;
+  /// When set, gives each reply in place of the script, and no request is kept.
+  std::function<asio::awaitable<Reply>()> choose;
   /// Told "accepted", "head", "request", "replied" and "closed" (by the client).
   std::function<void(std::string)> on_stage = [](const std::string&) {};
 
@@ -86,8 +88,13 @@ class ScriptedServer {
     do {
       on_stage("accepted");
       if (script_.front().read != Reply::Read::none) co_await read(stream, buffer);
-      reply = script_.front();
-      if (script_.size() > 1) script_.pop_front();
+      if (choose) {
+        requests.clear();
+        reply = co_await choose();
+      } else {
+        reply = script_.front();
+        if (script_.size() > 1) script_.pop_front();
+      }
       on_stage("request");
       co_await asio::async_write(stream, asio::buffer(reply.bytes), asio::use_awaitable);
       on_stage("replied");

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <atomic>
+#include <boost/asio/io_context.hpp>
+
+#include "vision/runtime/time.hpp"
+
+namespace vision::soak {
+
+namespace asio = boost::asio;
+
+/// The system's time, so many times as fast, and a count of the waits under way.
+class FastTime : public runtime::TimeSource {
+ public:
+  explicit FastTime(int speed) : speed_(speed) {}
+
+  runtime::Duration steady_now() const override { return real_.steady_now() * speed_; }
+  runtime::Duration wall_now() const override { return real_.wall_now(); }
+
+  asio::awaitable<void> sleep(runtime::Duration duration) override {
+    const Waiting waiting(pending_);
+    co_await real_.sleep(duration / speed_);
+  }
+  asio::awaitable<void> wait(runtime::Duration duration) override {
+    const Waiting waiting(pending_);
+    co_await real_.wait(duration / speed_);
+  }
+
+  /// From any thread.
+  int pending() const { return pending_; }
+
+ private:
+  class Waiting {
+   public:
+    explicit Waiting(std::atomic<int>& count) : count_(count) { ++count_; }
+    ~Waiting() { --count_; }
+    Waiting(const Waiting&) = delete;
+    Waiting& operator=(const Waiting&) = delete;
+
+   private:
+    std::atomic<int>& count_;
+  };
+
+  const int speed_;
+  asio::io_context untouched_;  // a context without a time source of its own has the system's
+  runtime::TimeSource& real_ = runtime::time_source(untouched_.get_executor());
+  std::atomic<int> pending_ = 0;
+};
+
+}  // namespace vision::soak
