@@ -1,74 +1,43 @@
 // Whatever kind of value a model sends, a field is in its range or absent.
-#include <cmath>
-#include <limits>
-
-#include "fuzz/input.hpp"
-#include "fuzz/property.hpp"
 #include "vision/records/coercion.hpp"
+#include "fuzz/input.hpp"
 #include "vision/records/errors.hpp"
 #include "vision/text/numbers.hpp"
-#include "vision/text/utf8.hpp"
 
-namespace {
-
-using vision::fuzz::require;
-using Limits = std::numeric_limits<std::int64_t>;
-
-void check_integer(const boost::json::value& value) {
-  std::optional<std::int64_t> whole;
+namespace vision::fuzz {
+void check(Input input) {
+  const auto side = input.number<std::int64_t>();
+  const boost::json::value value = input.value();
+  const auto ratio = _norm_ratio(&value, side != 0 ? std::optional(side) : std::nullopt);
+  const auto number = _opt_float(&value);
+  require(!ratio || (*ratio >= 0 && *ratio <= 1), "a ratio is within the viewport");
+  require(ratio.has_value() == (number && std::isfinite(*number)), "every finite number has a ratio");
   try {
-    whole = vision::_opt_int(&value);
-  } catch (const vision::ConversionError&) {
+    const auto whole = _opt_int(&value);
+    const auto* integer = value.if_int64();
+    const auto* real = value.if_double();
+    require(!integer || whole == *integer, "an integer stays as it is");
+    const bool fits = real && std::abs(*real) < 9e18;
+    require(!fits || static_cast<double>(whole.value()) == std::trunc(*real), "a real is truncated");
+    require(!whole || value.is_primitive(), "no list and no map has an integer");
+  } catch (const ConversionError&) {
     require(value.is_double() && std::isinf(value.get_double()), "only an infinity is refused");
-    return;
   }
-  if (const auto* integer = value.if_int64()) require(whole == *integer, "an integer stays as it is");
-  if (const auto* real = value.if_double(); real && std::abs(*real) < 9e18) {
-    require(whole && std::trunc(*real) == static_cast<double>(*whole), "a real is truncated");
-  }
-  require(!whole || !(value.is_array() || value.is_object() || value.is_null()),
-          "only numbers and texts have integers");
-}
+  const auto text = _opt_str(&value);
+  require(!text || !text->empty(), "no text is empty");
+  const auto* given = value.if_string();
+  if (!given) return;
+  require(text.value_or("") == std::string_view(*given), "a text stays as it is");
 
-void check_integer_text(std::string_view text) {
-  const auto whole = vision::text::parse_integer(text);
-  const auto real = vision::text::parse_real(text);
-  if (!whole) return;
-  require(real.has_value(), "what is an integer is a real");
-  const bool in_range = *whole != Limits::min() && *whole != Limits::max();
-  require(!in_range || static_cast<double>(*whole) == *real, "an integer and its real agree");
-  require(in_range || (*whole < 0 ? *real <= -9.2e18 : *real >= 9.2e18), "what is out of range becomes the limit");
-}
-
-void check_real_text(std::string_view text) {
-  const auto real = vision::text::parse_real(text);
-  if (!real) return;
-  const std::string trimmed(vision::text::trim(text));
+  const std::string trimmed(text::trim(*given));
+  const auto whole = text::parse_integer(*given);
+  require(!whole || *whole == std::strtoll(trimmed.c_str(), nullptr, 10), "the C library reads the same integer");
+  require(!whole || number, "what is an integer is a real");
+  if (!number) return;
   char* end = nullptr;
   const double expected = std::strtod(trimmed.c_str(), &end);
   require(end == trimmed.c_str() + trimmed.size(), "the C library reads all of it too");
-  require(std::isnan(*real) ? std::isnan(expected) : *real == expected, "the C library reads the same real");
+  require(std::isnan(*number) ? std::isnan(expected) : *number == expected, "the C library reads the same real");
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  vision::fuzz::Input input(data, size);
-  const auto dimension = input.number<std::int64_t>();
-  const boost::json::value value = input.value();
-  for (const auto& dim : {std::optional(dimension), std::optional<std::int64_t>()}) {
-    const auto ratio = vision::_norm_ratio(&value, dim);
-    require(!ratio || (*ratio >= 0 && *ratio <= 1), "a ratio is within the viewport");
-    const auto real = vision::_opt_float(&value);
-    require(ratio.has_value() == (real && std::isfinite(*real)), "every finite number has a ratio");
-  }
-  check_integer(value);
-  const auto text = vision::_opt_str(&value);
-  require(!text || !text->empty(), "no text is empty");
-  if (const auto* given = value.if_string()) {
-    require(text.value_or("") == std::string_view(*given), "a text stays as it is");
-    check_integer_text(*given);
-    check_real_text(*given);
-  }
-  return 0;
-}
+}  // namespace vision::fuzz

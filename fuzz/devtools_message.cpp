@@ -1,49 +1,59 @@
 // A message from the browser is a JSON value with well-formed texts, or an error
-// after which its waiter can still be found.
-#include <boost/json/parse.hpp>
+// after which its waiter can still be found. A browser's URL is taken apart into
+// what a request can be made of, or refused with one harmless line.
+#include <boost/json/serialize.hpp>
 
+#include "chromium/endpoint.hpp"
 #include "chromium/errors.hpp"
 #include "chromium/message.hpp"
 #include "fuzz/input.hpp"
-#include "fuzz/property.hpp"
-#include "fuzz/reference_utf8.hpp"
 
-namespace json = boost::json;
-using vision::fuzz::require;
+namespace vision::fuzz {
+using namespace chromium;
 
 namespace {
 
-// Of a lone surrogate, which scripts can make, nothing may be left.
-void require_well_formed(const json::value& value) {
-  if (const auto* text = value.if_string()) require(vision::fuzz::well_formed(*text) == *text, "texts are well-formed");
-  if (const auto* list = value.if_array()) {
-    for (const auto& item : *list) require_well_formed(item);
-  }
-  if (const auto* map = value.if_object()) {
-    for (const auto& entry : *map) require_well_formed(entry.value());
-  }
+void check_url(std::string_view text) try {
+  const auto can_be_sent = [](std::string_view part) {
+    return !part.empty() && std::all_of(part.begin(), part.end(), [](char c) { return c > ' ' && c <= '~'; });
+  };
+  const auto endpoint = parse_endpoint(std::string(text));
+  require(endpoint.scheme == "http" || endpoint.scheme == "ws", "one of two schemes");
+  require(can_be_sent(endpoint.authority()) && can_be_sent(endpoint.path), "nothing can end a header");
+  require(endpoint.path.starts_with('/'), "a path is absolute");
+  const int port = std::stoi(endpoint.port);
+  require(port > 0 && port < 65536, "a port is one");
+  const auto again = parse_endpoint(endpoint.scheme + "://" + endpoint.authority() + endpoint.path);
+  require(again.host == endpoint.host && again.port == endpoint.port && again.path == endpoint.path,
+          "its own words mean the same");
+  const bool is_plain = endpoint.host.find_first_of("@/?#") == std::string::npos;
+  require(is_plain || !is_loopback(endpoint.host), "no other host");
+} catch (const std::invalid_argument& e) {
+  require(vision::text::one_line(e.what()) == e.what(), "an error is one harmless line");
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string_view text = vision::fuzz::Input(data, size).rest();
+void check(Input text) {
+  check_url(text);
   boost::system::error_code error;
-  json::parse_options options;
+  boost::json::parse_options options;
   options.max_depth = 256;
-  const json::value strict = json::parse(text, error, {}, options);
-  const auto id = vision::chromium::leading_id(text);
+  const boost::json::value strict = boost::json::parse(text, error, {}, options);
   try {
-    const json::value message = vision::chromium::parse_message(text);
+    const boost::json::value message = parse_message(text);
     require(error || message == strict, "a strict reader's value");
-    require_well_formed(message);
-    const auto* object = message.if_object();
+    // Of a lone surrogate, which scripts can make, nothing may be left.
+    const std::string texts = boost::json::serialize(message);
+    require(well_formed(texts) == texts, "texts are well-formed");
+    const auto id = leading_id(text);
     const bool one_id = text.find("\"id\"") == text.rfind("\"id\"") && text.find("\\u") == text.npos;
-    const auto* told = object && one_id ? object->if_contains("id") : nullptr;
+    const auto* told = message.is_object() && one_id ? message.get_object().if_contains("id") : nullptr;
     if (told && told->is_int64() && id)
       require(*id == static_cast<std::uint64_t>(told->get_int64()), "the id is found");
-  } catch (const vision::chromium::BrowserError&) {
+  } catch (const BrowserError&) {
     require(error.failed(), "what a strict reader accepts is accepted");
   }
-  return 0;
 }
+
+}  // namespace vision::fuzz

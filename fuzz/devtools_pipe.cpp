@@ -1,0 +1,74 @@
+// However a browser's bytes are cut on their way, the messages are what stands
+// between the NULs; and whatever they say, everything that waits for them ends,
+// and nothing but the driver's own errors comes of it.
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/local/connect_pair.hpp>
+#include <boost/asio/write.hpp>
+
+#include "chromium/connection.hpp"
+#include "chromium/errors.hpp"
+#include "chromium/pipe_transport.hpp"
+#include "chromium/remote_value.hpp"
+#include "fuzz/input.hpp"
+
+namespace vision::fuzz {
+namespace asio = boost::asio;
+using namespace chromium;
+
+namespace {
+
+// Keeps the messages that came over the pipe, each with the NUL after it.
+struct Recorder : PipeTransport {
+  using PipeTransport::PipeTransport;
+  asio::awaitable<std::string> read() override {
+    std::string message = co_await PipeTransport::read();
+    received += message + '\0';
+    co_return message;
+  }
+  std::string received;
+};
+
+asio::awaitable<void> evaluate(std::shared_ptr<Session> session) {
+  try {
+    boost::json::object result = co_await session->call("Runtime.evaluate");
+    if (const auto* picture = result.if_contains("data"); picture && picture->is_string()) {
+      require(decode_base64(picture->get_string()).size() <= picture->get_string().size(), "a picture has a size");
+    }
+    evaluated_value(std::move(result));
+  } catch (const BrowserError&) {
+  }
+}
+
+}  // namespace
+
+void check(Input input) {
+  asio::io_context context;
+  asio::local::stream_protocol::socket browser(context), ours(context);
+  asio::local::connect_pair(browser, ours);
+  auto transport = std::make_unique<Recorder>(std::move(ours));
+  const std::string& received = transport->received;
+  const auto connection = Connection::open(context.get_executor(), std::move(transport), std::chrono::hours(1));
+  int ended = 0;
+  for (const char* id : {"", "P", "P"}) {
+    const auto session = connection->session(id);
+    session->on_event([](std::string_view, const boost::json::object&) {});
+    asio::co_spawn(context, evaluate(session), [&](std::exception_ptr error) {
+      require(!error, "only the driver's own errors come of it");
+      ++ended;
+    });
+  }
+  context.poll();
+  const std::size_t size = 1 + input.number<std::uint8_t>();
+  const std::string_view sent = input;
+  while (!input.empty()) {
+    asio::write(browser, asio::buffer(input.take(size)));
+    context.poll();
+  }
+  browser.close();
+  context.run();
+  require(received == sent.substr(0, sent.rfind('\0') + 1), "every message, whole and in order");
+  require(ended == 3 && connection->ended(), "every command ends, and the browser's end is noticed");
+}
+
+}  // namespace vision::fuzz
