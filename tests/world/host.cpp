@@ -71,7 +71,9 @@ asio::awaitable<boost::json::value> Host::create(const MessagesRequest& request)
 Call& Host::call_of(Mission& mission, const MessagesRequest& request) {
   const Duration now = world_.now();
   const bool is_retry = !mission.calls.empty() && mission.calls.back().fate == Fate::retrying;
-  mission.expect(is_retry || client.metrics.call_count < budget_, "1. a request beyond the budget");
+  // Between a call's gate and its request others may end.
+  const bool is_allowed = is_retry || client.metrics.call_count < budget_ || now == last_end_;
+  mission.expect(is_allowed, "1. a request beyond the budget");
   Call& call = is_retry ? mission.calls.back() : mission.calls.emplace_back();
   if (is_retry) {
     mission.expect(now == call.end + std::chrono::milliseconds(1500), "8. the pause before a retry");
@@ -97,7 +99,7 @@ asio::awaitable<boost::json::value> Host::respond(Visit visit, std::size_t place
 }
 
 boost::json::value Host::answer(Mission& mission, Call& call) {
-  call.end = world_.now();
+  call.end = last_end_ = world_.now();
   call.reason.clear();
   const auto limit = mission.unit_limit();
   const Duration in_unit = call.end - mission.unit_start;
@@ -123,7 +125,7 @@ boost::json::value Host::answer(Mission& mission, Call& call) {
 void Host::give_up(Mission& mission, Call& call, Fault fault) {
   const Mode mode = mission.scenario.mode;
   const auto limit = mission.unit_limit();
-  call.end = world_.now();
+  call.end = last_end_ = world_.now();
   const bool unit_ends = limit && call.end - mission.unit_start >= *limit;
   if (mission.cancelled_at) {
     call.fate = Fate::dropped;

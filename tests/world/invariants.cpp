@@ -13,7 +13,12 @@ namespace json = boost::json;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using Fate = Call::Fate;
-using Records = std::vector<json::object>;
+
+struct Record : json::object {
+  Record(json::object parsed, const std::string& text) : json::object(std::move(parsed)), line(text) {}
+  std::string line;
+};
+using Records = std::vector<Record>;
 
 template <class E>
 bool is_a(const std::exception_ptr& error) {
@@ -102,7 +107,7 @@ class Check {
     const bool is_cut = m_.result && m_.result->reason.ends_with("\xC3");
     expect(!is_cut, "10. a reason was cut inside a character");
     for (const auto& record : records_) {
-      expect(text::to_json(record).find("\\ufffd") == std::string::npos, "10. a text was cut inside a character");
+      expect(record.line.find("\\ufffd") == std::string::npos, "10. a text was cut inside a character");
     }
   }
 
@@ -152,8 +157,8 @@ class Check {
     const ActionResult& result = *m_.result;
     const Call* last = m_.calls.empty() ? nullptr : &m_.calls.back();
     expect(ActionVerb::is_verdict(result.action), "2. the act loop returned no verdict");
-    const bool is_claimed = last && last->fate == Fate::answered && last->answer.verb == "declare_success" &&
-                            last->answer.confidence >= 0.6;
+    const bool is_claimed =
+        last && last->fate != Fate::dropped && last->answer.verb == "declare_success" && last->answer.confidence >= 0.6;
     expect(result.action != "declare_success" || is_claimed,
            "7. a success that the model did not claim, or only guessed");
     if (result.model_used != "act_loop") {
@@ -214,7 +219,7 @@ class Check {
     expect(keys == "ts run_id hotspot_id phase agent source vision dom_ground_truth ", "4. the record's keys");
     expect(block_fits(m_.value->at("vision").as_object()), "4. a record of another observation");
     for (const auto& record : records_) {
-      expect(text::to_json(record) == text::to_json(*m_.value), "4. the record is not the line in the log");
+      expect(record.line == text::to_json(*m_.value), "4. the record is not the line in the log");
     }
   }
 
@@ -307,7 +312,7 @@ void check(World& world, Host& host, const std::vector<std::string>& lines) {
     if (error || !parsed.is_object()) {
       ++torn;
     } else {
-      records[std::string(parsed.at("hotspot_id").as_string())].push_back(parsed.as_object());
+      records[std::string(parsed.at("hotspot_id").as_string())].emplace_back(parsed.as_object(), line);
     }
   }
   world.expect(torn <= world.cut_writes, "10. a line of the log does not parse");

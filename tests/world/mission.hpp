@@ -145,6 +145,7 @@ class Host : private MessagesClient {
 
   World& world_;
   const std::int64_t budget_;
+  Duration last_end_ = never;  ///< of the last request that ended
 };
 
 /// Starts the mission; `has_ended` tells when it has ended.

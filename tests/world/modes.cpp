@@ -130,14 +130,14 @@ asio::awaitable<void> run_ask(Mission& mission, VisionClient& client) {
 asio::awaitable<void> lead(Mission& mission, VisionClient& client) {
   constexpr decltype(&run_act) operations[] = {run_act_loop, run_shadow, run_observer, run_wrapper, run_act, run_ask};
   const Counted guard(mission.world.in_flight);
+  mission.has_started = true;  // not before: a coroutine that is cancelled before its first turn is beyond Asio 1.81
+  mission.started = mission.world.now();
   co_await operations[static_cast<std::size_t>(mission.scenario.mode)](mission, client);
 }
 
 }  // namespace
 
 void start(Mission& mission, VisionClient& client) {
-  mission.has_started = true;
-  mission.started = mission.world.now();
   const auto on_end = [&mission](std::exception_ptr error) {
     mission.has_ended = true;
     mission.ended = mission.world.now();

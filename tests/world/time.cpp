@@ -30,11 +30,8 @@ asio::awaitable<void> Time::until_limit(const Visit& visit) {
   // A time limit is set after what it bounds has begun.
   for (int turn = 0; turn < 4; ++turn) co_await asio::post(asio::use_awaitable);
   const Duration rest = limits_.empty() ? visit.latency : *limits_.begin() - steady_now();
-  if (visit.fault == Fault::late) {
-    co_await sleep_deaf(rest + tick);
-  } else {
-    co_await sleep_ranked(rest, visit.fault == Fault::deadline_first ? 0 : 2 * limit_rank);
-  }
+  co_await sleep_ranked(rest, visit.fault == Fault::deadline_last ? 2 * limit_rank : 0);
+  if (visit.fault == Fault::late) co_await sleep_deaf(tick);
 }
 
 bool Time::advance() {
