@@ -28,9 +28,6 @@ if(VISION_SANITIZE)
   if(CMAKE_CXX_COMPILER_ID STREQUAL GNU)
     add_compile_options(-Wno-maybe-uninitialized)  # false alarms in std::variant when instrumented
   endif()
-  if(VISION_SANITIZE MATCHES thread)
-    add_compile_options(-Wno-tsan)  # Asio's fences, which g++ cannot instrument
-  endif()
 endif()
 
 if(VISION_COVERAGE)
