@@ -8,6 +8,7 @@
 #include "tests/support/scripted.hpp"
 #include "vision/client/api_error.hpp"
 #include "vision/client/api_key.hpp"
+#include "vision/client/http/body_reader.hpp"
 #include "vision/client/prompt.hpp"
 #include "vision/client/response.hpp"
 #include "vision/client/system_prompt.hpp"
@@ -26,21 +27,12 @@ const ImgMeta meta(1280, 800, 2.0, 0.0);
 
 class Client : public testing::Test {
  protected:
-  VisionClient& client() {
-    if (!client_) client_.emplace(model, options);
-    return *client_;
-  }
-
   test::TestRegistry& registry = test::TestRegistry::instance();
   test::World world;
   test::LogCapture log;
   test::ScriptedPage page;
   std::shared_ptr<test::ScriptedModel> model = std::make_shared<test::ScriptedModel>();
-  VisionClientOptions options;
   FlowContext context = {{"workflow_name", "check\nout"}, {"phase", 3}};
-
- private:
-  std::optional<VisionClient> client_;
 };
 
 TEST_F(Client, PicksTheModel) {
@@ -93,6 +85,15 @@ TEST_F(Client, RequestBody) {
       "tool_choice": {"type": "tool", "name": "propose_action"}, "messages": [{"role": "user", "content": [
       {"type": "image", "source": {"type": "base64", "media_type": "image/png", "data": "AP9QTkc="}},
       {"type": "text", "text": "say \"hi\"\n\u2014\ufffd"}]}]})")));
+  for (const std::size_t most : {1, 2, 3, 5, 7, 64}) {
+    http::BodyReader reader(request);
+    for (std::size_t at = 0, room = 0; at < text.size(); at += room) {
+      room = std::min(most, text.size() - at);
+      const std::unique_ptr<char[]> out(new char[room]);  // its end is where the sanitizer looks
+      ASSERT_EQ(reader.read(out.get(), room), room);
+      EXPECT_EQ(std::string_view(out.get(), room), text.substr(at, room));
+    }
+  }
   const std::string_view system = detail::SYSTEM_PROMPT;
   EXPECT_EQ(text::first_code_points(system, 1229).size() + 1, system.size());
   EXPECT_EQ(std::count(system.begin(), system.end(), '\n'), 10);
@@ -132,7 +133,6 @@ TEST_F(Client, ParsesAnswersWithoutAUsableCall) {
   }
   const ActionResult empty = parsed(test::tool_call("null"));
   EXPECT_EQ(empty.action + empty.reason, "declare_failure");
-  EXPECT_TRUE(empty.low_confidence);
   const std::string call = R"({"content": [{"type": "tool_use", "name": "propose_action")";
   for (const std::string& response : {std::string("{}"), std::string("[]"), std::string(R"({"content": 5})"),
                                       call + "}]}", call + R"(, "input": 5}]})"}) {
@@ -186,12 +186,13 @@ TEST_F(Client, ApiKeyAndTheProcessWideClient) {
 }
 
 TEST_F(Client, TimeOutsKeepTheKindOfNumber) {
+  VisionClient client(model);
   const std::tuple<Seconds, const char*, double> rows[] = {
       {20.0, "20.0", 20}, {8, "8", 8}, {0.25, "0.25", 0.25}, {std::nan(""), "20.0", 20}, {0, "0", 0}};
   for (const auto& [timeout, text, seconds] : rows) {
     model->answer(proposal("click", 1), 1e9);
     const auto result =
-        world.run(client().ask(Bytes(std::string("PNG")), meta, context, AskOptions().timeout_s(timeout)));
+        world.run(client.ask(Bytes(std::string("PNG")), meta, context, AskOptions().timeout_s(timeout)));
     EXPECT_EQ(result.reason, "vision timeout after " + std::string(text) + "s");
     EXPECT_EQ(result.latency_ms, seconds * 1000);
   }
@@ -199,7 +200,8 @@ TEST_F(Client, TimeOutsKeepTheKindOfNumber) {
 }
 
 TEST_F(Client, ScreenshotMetadata) {
-  const auto shot = [&] { return world.run(client().screenshot(page)).second; };
+  VisionClient client(model);
+  const auto shot = [&] { return world.run(client.screenshot(page)).second; };
   EXPECT_EQ(shot(), ImgMeta(1280, 800, 2.0, 1763319900.0));
   page.viewport = json::object{{"width", 1280.7}, {"height", "720"}};
   for (const json::value& unreadable : {json::value("x"), json::value()}) {
@@ -216,16 +218,18 @@ TEST_F(Client, ScreenshotMetadata) {
 
 TEST_F(Client, ActShowsTheViewportToTheHookOnlyAndNoBrokenHookOrLogDisturbsIt) {
   FlowContext seen;
+  VisionClientOptions options;
   options.on_action([&](const ActionResult&, const FlowContext& hooked) -> asio::awaitable<void> {
     seen = hooked;
     throw 42;
     co_return;
   });
+  VisionClient client(model, options);
   const std::string reason(81, 'r');
   const std::string answer = test::tool_call(R"({"action": "click", "confidence": 0.85, "reason": ")" + reason + "\"}");
   model->fail(APIConnectionError("x")).answer(answer).answer(answer);
   const auto ask_options = AskOptions().prompt("Open it").transport_retry(false);  // act retries all the same
-  EXPECT_EQ(world.run(client().act(page, context, ask_options)).latency_ms, 2500);
+  EXPECT_EQ(world.run(client.act(page, context, ask_options)).latency_ms, 2500);
   EXPECT_EQ(json::serialize(seen["viewport"]), R"({"w":1280,"h":800,"dpr":2E0})");
   EXPECT_THAT(model->user_text(1), testing::Not(HasSubstr("viewport:")));
   EXPECT_TRUE(model->user_text(1).ends_with("# Task\nOpen it"));
@@ -236,7 +240,7 @@ TEST_F(Client, ActShowsTheViewportToTheHookOnlyAndNoBrokenHookOrLogDisturbsIt) {
                                    reason.substr(1)));
   log.fail();
   context["viewport"] = "mine";
-  EXPECT_EQ(world.run(client().act(page, context)).action, "click");
+  EXPECT_EQ(world.run(client.act(page, context)).action, "click");
   EXPECT_EQ(seen["viewport"], "mine");
 }
 

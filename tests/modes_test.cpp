@@ -100,7 +100,6 @@ TEST_F(Modes, ActLoopSaysWhyItEnded) {
 
 TEST_F(Modes, ExecuteAction) {
   const std::tuple<const char*, const char*, const char*, double> rows[] = {
-      {"declare_success", "", "", 0},
       {"click", R"(, "x_ratio": 0, "y_ratio": 0.25)", "click [0E0,2E2]", 0},
       {"click", R"(, "x_ratio": 0.5)", "click action requires x_ratio + y_ratio", 0},
       {"type", R"(, "text": "ü")", "type ü 20", 0},

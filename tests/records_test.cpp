@@ -19,7 +19,7 @@ namespace {
 using namespace text;
 using boost::json::value;
 using limits = std::numeric_limits<std::int64_t>;
-const value list = boost::json::array{1}, map = boost::json::object{{"a", 1}}, not_a_number = std::nan("");
+const value list = boost::json::array{1}, not_a_number = std::nan("");
 
 TEST(Numbers, Forms) {
   const std::pair<double, const char*> rows[] = {
@@ -76,7 +76,6 @@ struct NoMessage : std::exception {
 
 TEST(Errors, KindAndMessage) {
   const auto text_of = [](auto thrown) { return exception_text(std::make_exception_ptr(thrown)); };
-  EXPECT_EQ(text_of(std::out_of_range("no")), "out_of_range: no");
   EXPECT_EQ(text_of(std::string("bare text")), "string: bare text");
   EXPECT_EQ(text_of(42), "int: ");
   EXPECT_EQ(text_of(NoMessage()), "NoMessage: ");
@@ -120,7 +119,6 @@ TEST(Coercion, NormRatio) {
       {not_a_number, 1280, {}}, {18446744073709551615u, 1280, 1.0},
   };
   for (const auto& [v, dim, expected] : rows) EXPECT_EQ(_norm_ratio(&v, dim), expected) << v;
-  EXPECT_EQ(_norm_ratio(nullptr, 1280), std::nullopt);
 }
 
 TEST(Coercion, IntegersAndTexts) {
@@ -131,7 +129,6 @@ TEST(Coercion, IntegersAndTexts) {
       {"2.5", {}, "2.5"},
       {"", {}, {}},
       {list, {}, "[1]"},
-      {map, {}, "{\"a\": 1}"},
       {nullptr, {}, {}},
       {not_a_number, {}, "nan"},
       {1e20, limits::max(), "1e+20"},
