@@ -19,9 +19,10 @@ std::string echo(std::string_view text) {
   return out;
 }
 
-bool shows_key(std::string_view text) {
+// Whole, or the beginning of it that a text which broke off may show.
+bool shows_key(std::string_view text, std::size_t length = std::string_view::npos) {
   return std::any_of(std::begin(key_forms), std::end(key_forms),
-                     [&](std::string_view form) { return text.find(form) != text.npos; });
+                     [&](std::string_view form) { return text.find(form.substr(0, length)) != text.npos; });
 }
 
 void check_text(std::string_view text) {
@@ -50,10 +51,10 @@ void check(Input input) {
   try {
     const boost::json::value value = http::parse_response(response, key);
     require(value.is_object() && !shows_key(text::to_json(value)), "an object without the key");
-    const bool echoes = response.body.find("sk-") != std::string::npos || shows_key(response.body);
     boost::json::parse_options options;
     options.max_depth = 64;
-    require(echoes || value == boost::json::parse(response.body, {}, options), "the body's JSON object");
+    const auto given = boost::json::parse(response.body, {}, options);
+    require(value == given || shows_key(text::to_json(given), 8), "the body's JSON object");
   } catch (const APIResponseValidationError& e) {
     check_text(e.what());
   }
