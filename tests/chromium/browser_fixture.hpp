@@ -11,6 +11,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,17 +21,26 @@
 #include "vision/records/base64.hpp"
 #include "vision/text/errors.hpp"
 #include "vision/text/json_text.hpp"
+#include "vision/wirein/act_loop.hpp"
 
 namespace vision::chromium::test {
 
 namespace asio = boost::asio;
 namespace json = boost::json;
+using std::chrono::milliseconds;
 
+inline const std::string closed = "PageClosedError: Target page, context or browser has been closed";
+inline const std::string for_ever = "started = true, new Promise(() => {})";
+
+/// Where operations run. A test may put a loop of its own in its place, with its own
+/// way to take a turn.
+inline asio::io_context* current_loop = nullptr;
 inline asio::io_context& loop() {
   static asio::io_context context;
   static const auto work = asio::make_work_guard(context);
-  return context;
+  return current_loop ? *current_loop : context;
 }
+inline std::function<void()> take_turn = [] { loop().run_one(); };
 
 /// An operation that runs on the loop while the test goes on.
 template <class T>
@@ -59,7 +69,7 @@ class Running {
 
  private:
   void wait() {
-    while (!done_) loop().run_one();
+    while (!done_) take_turn();
   }
 
   asio::cancellation_signal signal_;
@@ -87,6 +97,14 @@ inline std::string value_of(ChromiumPage& page, const std::string& expression) {
   return text::to_json(run(page.evaluate(expression)));
 }
 
+/// Something that the browser never answers, and has begun.
+class Pending : public Running<json::value> {
+ public:
+  explicit Pending(ChromiumPage& page) : Running(page.evaluate(for_ever)) {
+    while (value_of(page, "window.started === true") != "true") continue;
+  }
+};
+
 /// Ids of the live processes whose command line has `text` in it.
 inline std::vector<pid_t> processes_with(const std::string& text) {
   std::vector<pid_t> out;
@@ -97,6 +115,21 @@ inline std::vector<pid_t> processes_with(const std::string& text) {
     if (command.find(text) != std::string::npos) out.push_back(static_cast<pid_t>(std::stol(name)));
   }
   return out;
+}
+
+/// The browser's own process, which the others are helpers of.
+inline pid_t main_process(const std::string& profiles) {
+  for (const pid_t id : processes_with(profiles)) {
+    const auto line = vision::test::read_file("/proc/" + std::to_string(id) + "/cmdline");
+    if (line.starts_with("/") && line.find("--type=") == line.npos) return id;
+  }
+  return -1;
+}
+
+/// Runs a mission and gives its verdict as "action: reason".
+inline asio::awaitable<std::string> verdict_of(BrowserPage& page, ActLoopOptions mission) {
+  const ActionResult verdict = co_await act_loop(page, std::move(mission));
+  co_return verdict.action + ": " + verdict.reason;
 }
 
 /// A directory of its own for the profiles of the browsers of a test.
