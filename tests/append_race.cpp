@@ -119,7 +119,7 @@ int main(int argc, char** argv) {
   Sum together, killed;
   race(std::min<std::size_t>(std::stoul(argv[1]), max_writers), 0, std::stoll(argv[2]), 0, together);
   for (int round = std::stoi(argv[3]); round > 0; --round) {
-    for (const std::size_t size : {600, 60'000}) race(4, 2, endless, size, killed);
+    for (const std::size_t size : {600U, 60'000U}) race(4, 2, endless, size, killed);
   }
   std::filesystem::remove(log_name);
   const bool good = report("together", together);

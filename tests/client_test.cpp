@@ -85,7 +85,7 @@ TEST_F(Client, RequestBody) {
       "tool_choice": {"type": "tool", "name": "propose_action"}, "messages": [{"role": "user", "content": [
       {"type": "image", "source": {"type": "base64", "media_type": "image/png", "data": "AP9QTkc="}},
       {"type": "text", "text": "say \"hi\"\n\u2014\ufffd"}]}]})")));
-  for (const std::size_t most : {1, 2, 3, 5, 7, 64}) {
+  for (const std::size_t most : {1U, 2U, 3U, 5U, 7U, 64U}) {
     http::BodyReader reader(request);
     for (std::size_t at = 0, room = 0; at < text.size(); at += room) {
       room = std::min(most, text.size() - at);
