@@ -29,7 +29,8 @@ asio::awaitable<Done> entered(World& world, std::vector<ct> sent_before) {
 
 asio::awaitable<Done> host_that_allows_all(World& world) {
   co_await asio::this_coro::reset_cancellation_state(asio::enable_total_cancellation());
-  co_return co_await entered(world, {});
+  const std::vector<ct> none;
+  co_return co_await entered(world, none);
 }
 
 TEST(Entry, EveryKindOfRequestEndsItAndNoneIsForgotten) {
