@@ -1,46 +1,52 @@
 #include "tests/world/mission.hpp"
 
 #include <algorithm>
+#include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
+#include "tests/support/scripted.hpp"
 #include "vision/client/api_error.hpp"
 
 namespace vision::world {
 namespace {
 
-using std::chrono::milliseconds;
-using std::chrono::seconds;
+using Fate = Call::Fate;
+
+std::string response_to(const Answer& answer) {
+  if (answer.verb == "broken") return "{}";
+  if (answer.verb == "no_tool") return R"({"usage": {"input_tokens": 1500, "output_tokens": 200}, "content": []})";
+  return test::tool_call(R"({"action": ")" + answer.verb + R"(", "reason": ")" + long_text() + R"(", "confidence": )" +
+                         std::to_string(answer.confidence) + answer.members + "}");
+}
 
 bool is_page_action(std::string_view verb) {
   return verb == "click" || verb == "type" || verb == "key" || verb == "scroll";
 }
 
 template <class E>
-PlannedError planned(const E& error, std::string_view kind) {
-  std::string text;
-  if constexpr (std::is_base_of_v<std::exception, E>) text = error.what();
-  return {std::make_exception_ptr(error), std::string(kind) + ": " + text};
+PlannedError planned(const E& error, std::string reason) {
+  if constexpr (std::is_base_of_v<std::exception, E>) reason += error.what();
+  return {std::make_exception_ptr(error), reason};
 }
 
 }  // namespace
 
 PlannedError planned_error(Fault fault) {
+  const std::string text = fault == Fault::none ? "" : long_text();
   switch (fault) {
-    case Fault::connection_error:
-      return planned(APIConnectionError(long_text()), "transport error: APIConnectionError");
-    case Fault::rate_limit:
-      return planned(RateLimitError(long_text(), {429, "rate_limit_error", "r"}), "transport error: RateLimitError");
+    case Fault::connection_error: return planned(APIConnectionError(text), "transport error: APIConnectionError: ");
+    case Fault::rate_limit: return planned(RateLimitError(text, {429, "", "r"}), "transport error: RateLimitError: ");
     case Fault::server_error:
-      return planned(InternalServerError(long_text(), {529, "", "r"}), "transport error: InternalServerError");
+      return planned(InternalServerError(text, {529, "", "r"}), "transport error: InternalServerError: ");
     case Fault::bad_request:
-      return planned(BadRequestError(long_text(), {400, "", "r"}), "unexpected error: BadRequestError");
-    case Fault::page_error: return planned(HostError(long_text()), "unexpected error: HostError");
+      return planned(BadRequestError(text, {400, "", "r"}), "unexpected error: BadRequestError: ");
+    case Fault::page_error: return planned(HostError(text), "unexpected error: HostError: ");
     case Fault::plain_error:
-    case Fault::call_throws: return planned(std::logic_error(long_text()), "unexpected error: logic_error");
+    case Fault::call_throws: return planned(std::logic_error(text), "unexpected error: logic_error: ");
     case Fault::odd_error:
-    case Fault::call_throws_odd: return planned(42, "unexpected error: int");
+    case Fault::call_throws_odd: return planned(42, "unexpected error: int: ");
     case Fault::own_abort:
-      return planned(boost::system::system_error(asio::error::operation_aborted), "unexpected error: system_error");
+      return planned(boost::system::system_error(asio::error::operation_aborted), "unexpected error: system_error: ");
     default: return {};
   }
 }
@@ -51,37 +57,23 @@ std::string long_text() {
   return text;
 }
 
-std::string head(std::string_view text, std::size_t count) {
-  std::size_t end = 0;
-  for (; end < text.size(); ++end) {
-    const bool starts_character = (static_cast<unsigned char>(text[end]) & 0xC0) != 0x80;
-    if (starts_character && count-- == 0) break;
-  }
-  return std::string(text.substr(0, end));
-}
-
 Mission::Mission(World& in, std::string name, const Scenario& what)
     : world(in),
       id(std::move(name)),
       scenario(what),
       context({{"workflow_name", id}, {"phase", 2}, {"platform", "acme"}, {"last_action", "the caller's"}}),
       page(in, *this) {
-  if (what.unreadable_context) context["attempts"] = "many";
+  if (what.with.unreadable_context) context["attempts"] = "many";
   context_text = boost::json::serialize(context);
 }
 
-std::optional<Duration> Mission::unit_limit() const {
-  if (scenario.mode == Mode::act_loop) return seconds(52);
-  if (scenario.mode == Mode::shadow || scenario.mode == Mode::observer) return seconds(28);
-  return {};
+Duration Mission::unit_limit() const {
+  if (scenario.mode == Mode::act_loop) return 52s;
+  return scenario.mode == Mode::shadow || scenario.mode == Mode::observer ? 28s : never;
 }
 
 bool Mission::in_unit(std::string_view name) const {
-  return unit_limit() && (name == "screenshot" || name == "evaluate" || name == "create" || name == "hook");
-}
-
-void Mission::hangs(std::string_view name) {
-  if (name != "create" && !in_unit(name)) has_unbounded_hang = true;
+  return unit_limit() != never && (name == "screenshot" || name == "evaluate" || name == "create" || name == "hook");
 }
 
 std::exception_ptr Mission::thrown(Fault fault) {
@@ -92,77 +84,148 @@ bool Mission::threw(const std::exception_ptr& what) const {
   return std::find(errors.begin(), errors.end(), what) != errors.end();
 }
 
+void Mission::expect(bool holds, std::string_view text, std::string_view who) {
+  if (!holds) world.expect(false, std::string(text) + std::string(who) + " (" + id + ")");
+}
+
 void Mission::visit_begins(const Visit& visit) {
-  const std::string name(visit.name);
+  const std::string_view name = visit.name;
+  ++visits[name];
   const bool is_first_agent = name == "agent" && visit.start == started;
-  ++visits[visit.name];
-  if (cancelled_at && !was_cancelled_in_call && !is_first_agent) {
-    breaches.push_back("9. " + name + " was begun after the cancellation");
-  }
-  if (was_aborted) breaches.push_back("7. " + name + " was begun after the abort");
+  expect(!cancelled_at || was_cancelled_in_call || is_first_agent, "9. begun after the cancellation: ", name);
+  expect(!was_aborted, "7. begun after the abort: ", name);
   if (is_page_action(name)) {
     ++actions;
-    if (permit != name) breaches.push_back("7. the page was touched unbidden: " + name);
+    expect(permit == name, "7. the page was touched unbidden: ", name);
     permit.clear();
   }
-  if (name != "screenshot") return;
-  unit_start = visit.start;
-  if (scenario.mode != Mode::act_loop) return;
-  if (!permit.empty()) breaches.push_back("7. a proposed " + permit + " was not carried out");
-  const auto pause = last_verb == "scroll" ? milliseconds(500) : milliseconds(1000);
-  expect(last_verb.empty() || visit.start >= last_action_end + pause, "8. the page was given no time to settle");
-  last_verb.clear();
+  if (name == "screenshot") unit_start = visit.start;
+  if (scenario.mode != Mode::act_loop || (name != "screenshot" && name != "should_abort")) return;
+  expect(permit.empty(), "7. not carried out: ", permit);
+  const bool has_settled = visit.start >= last_action_end + (last_verb == "scroll" ? 500ms : 1000ms);
+  expect(last_verb.empty() || has_settled, "8. the page was given no time to settle");
 }
 
 void Mission::visit_ended(const Visit& visit) {
   const Duration now = world.now();
-  const std::string name(visit.name);
+  const std::string_view name = visit.name;
   if (name == "agent") agent_ended = now;
   if (is_page_action(name)) {
     last_verb = name;
     last_action_end = now;
   }
-  if (cancelled_at && now > *cancelled_at + patience) {
-    breaches.push_back("9. " + name + " went on after the cancellation");
-  }
-  const bool is_slow = name == "create" && now > visit.start + seconds(20) + patience;
+  const bool is_slow = name == "create" && now > visit.start + 20s + patience;
   expect(!is_slow, "8. a request took longer than its time-out");
-  if (in_unit(name) && now > unit_start + *unit_limit() + patience) {
-    breaches.push_back("8. " + name + " went on after the limit of screenshot and ask");
-  }
+  expect(!cancelled_at || now <= *cancelled_at + patience, "9. it went on after the cancellation: ", name);
+  expect(!in_unit(name) || now <= unit_start + unit_limit() + patience, "8. it went on after the step's limit: ", name);
 }
 
 void Mission::answered(const Answer& answer) {
   const std::size_t place = next_answer++;
   const auto& all = scenario.answers;
-  const bool is_same = place > 0 && place < all.size() && all[place] == all[place - 1];
-  repeats = is_same ? repeats + 1 : 1;
+  repeats = place > 0 && place < all.size() && all[place] == all[place - 1] ? repeats + 1 : 1;
   const bool acts = scenario.mode == Mode::wrapper || (scenario.mode == Mode::act_loop && repeats < 3);
   const bool may_act = acts && is_page_action(answer.verb) && answer.has_all_needs && answer.confidence >= 0.6;
-  permit = may_act && !scenario.read_only ? answer.verb : "";
+  permit = may_act && !scenario.with.read_only ? answer.verb : "";
 }
 
-asio::awaitable<Bytes> Page::screenshot(ScreenshotOptions) {
-  return world_.seam(mission_, "screenshot", Bytes("PNG of " + mission_.id));
+Host::Host(World& world, std::int64_t budget, bool hook)
+    : has_hook(hook),
+      client(
+          std::shared_ptr<MessagesClient>(std::shared_ptr<void>(), this),
+          VisionClientOptions().call_budget(budget).on_action(
+              hook ? OnAction([this](const auto& result, const auto& context) { return this->hook(result, context); })
+                   : nullptr)),
+      world_(world),
+      budget_(budget) {}
+
+asio::awaitable<void> Host::hook(const ActionResult& result, const FlowContext& context) {
+  Mission& mission = world_.mission_named(context.at("workflow_name").as_string());
+  Call& call = mission.calls.empty() ? mission.calls.emplace_back() : mission.calls.back();
+  if (call.fate == Fate::either) call.fate = Fate::answered;
+  const bool is_right = call.fate == Fate::answered && result.latency_ms == call.latency_ms();
+  mission.expect(is_right && !std::exchange(call.was_hooked, true), "1. the hook ran without its answer");
+  return world_.seam(mission, "hook");
 }
 
-asio::awaitable<boost::json::value> Page::evaluate(std::string) {
-  return world_.seam(mission_, "evaluate", boost::json::value(2.0));
+asio::awaitable<boost::json::value> Host::create(const MessagesRequest& request) {
+  const std::string_view text = request.suffix();
+  const auto at = text.find("workflow_name: ") + 15;
+  Mission& mission = world_.mission_named(text.substr(at, text.find('\\', at) - at));
+  Call& call = call_of(mission, request);
+  const Visit visit = world_.visit(mission, "create");
+  try {
+    world_.enter(visit);
+  } catch (...) {
+    give_up(mission, call, visit.fault);
+    throw;
+  }
+  return respond(visit, static_cast<std::size_t>(&call - mission.calls.data()));
 }
 
-std::optional<boost::json::object> Page::viewport_size() {
-  world_.call(mission_, "viewport_size");
-  return boost::json::object{{"width", 1280}, {"height", 800}};
+Call& Host::call_of(Mission& mission, const MessagesRequest& request) {
+  const Duration now = world_.now();
+  const bool is_retry = !mission.calls.empty() && mission.calls.back().fate == Fate::retrying;
+  Call& call = is_retry ? mission.calls.back() : mission.calls.emplace_back();
+  // Between a call's gate and its request others may end.
+  const bool is_allowed = is_retry || client.metrics.call_count < budget_ || now == last_end_;
+  mission.expect(is_allowed, "1. a request beyond the budget");
+  mission.expect(!is_retry || now == call.end + 1500ms, "8. the pause before a retry");
+  mission.expect(++call.requests <= 2, "1. a call made more than two requests");
+  if (!is_retry) call.start = now;
+  call.model = request.model();
+  call.request_start = now;
+  call.fate = Fate::open;
+  return call;
 }
 
-Mouse& Page::mouse() {
-  world_.call(mission_, "mouse");
-  return *this;
+asio::awaitable<boost::json::value> Host::respond(Visit visit, std::size_t place) {
+  Mission& mission = visit.mission;
+  try {
+    co_await world_.perform(visit);
+  } catch (...) {
+    give_up(mission, mission.calls[place], mission.threw(std::current_exception()) ? visit.fault : Fault::none);
+    throw;
+  }
+  co_return answer(mission, mission.calls[place]);
 }
 
-Keyboard& Page::keyboard() {
-  world_.call(mission_, "keyboard");
-  return *this;
+boost::json::value Host::answer(Mission& mission, Call& call) {
+  const auto& answers = mission.scenario.answers;
+  call.answer = mission.next_answer < answers.size() ? answers[mission.next_answer] : Answer{"escalate_to_cua"};
+  const std::string& verb = call.answer.verb;
+  call.reason = verb == "broken"            ? "unexpected error: InvalidResponse: the response has no content"
+                : verb == "no_tool"         ? "model did not return propose_action tool call"
+                : verb == "declare_failure" ? long_text()
+                                            : "";
+  call.end = last_end_ = world_.now();
+  const Duration rest = mission.unit_start + mission.unit_limit() - call.end;
+  call.fate = verb == "broken" ? Fate::failed : Fate::answered;
+  if (rest == 0s) call.fate = Fate::either;
+  if (rest < 0s || mission.cancelled_at) call.fate = Fate::dropped;
+  if (call.fate != Fate::dropped) mission.answered(call.answer);
+  return boost::json::parse(response_to(call.answer));
+}
+
+// A request that failed, or that was ended from outside.
+void Host::give_up(Mission& mission, Call& call, Fault fault) {
+  const Mode mode = mission.scenario.mode;
+  call.end = last_end_ = world_.now();
+  const bool unit_ends = call.end >= mission.unit_start + mission.unit_limit();
+  const bool is_transport = fault >= Fault::connection_error && fault <= Fault::server_error;
+  const bool may_retry = mode != Mode::shadow && mode != Mode::observer && mission.scenario.with.transport_retry;
+  call.fate = Fate::dropped;
+  if (mission.cancelled_at) return;
+  call.reason = fault == Fault::none ? "vision timeout after 20.0s" : planned_error(fault).reason;
+  if (fault == Fault::none && call.end != call.request_start + 20s) {
+    mission.expect(unit_ends, "8. a request was ended before its time-out");
+  } else if (unit_ends) {
+    call.fate = Fate::either;
+  } else if (is_transport && may_retry && call.requests == 1) {
+    call.fate = Fate::retrying;
+  } else {
+    call.fate = fault == Fault::none ? Fate::timed_out : Fate::failed;
+  }
 }
 
 }  // namespace vision::world

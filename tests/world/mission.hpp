@@ -1,10 +1,6 @@
 #pragma once
 
-#include <string>
-#include <vector>
-
 #include "tests/world/world.hpp"
-#include "vision/client/messages_client.hpp"
 #include "vision/client/vision_client.hpp"
 #include "vision/page/browser_page.hpp"
 #include "vision/wirein/cua_origin.hpp"
@@ -26,37 +22,46 @@ PlannedError planned_error(Fault fault);
 
 /// A text longer than any cut, with characters of two bytes across every cut.
 std::string long_text();
-/// The first `count` code points of a text.
-std::string head(std::string_view text, std::size_t count);
 
 /// One ask call as its model sees it: one request, or two when the first met a
 /// transport error. What the ledger has to hold follows from it alone.
 struct Call {
-  enum class Fate { open, retrying, answered, failed, timed_out, dropped, either };
+  enum class Fate { open, retrying, dropped, either, answered, failed, timed_out };
+
+  bool is_recorded() const { return fate >= Fate::answered; }
+  double latency_ms() const { return runtime::to_seconds(end - start) * 1000.0; }
 
   Fate fate = Fate::open;
   std::string model;
   int requests = 0;
   Duration start{0}, request_start{0}, end{0};
-  std::int64_t input_tokens = 0, output_tokens = 0;
   std::string reason;  ///< of a declare_failure result
   Answer answer;
   bool was_hooked = false;
-
-  bool is_recorded() const { return fate == Fate::answered || fate == Fate::failed || fate == Fate::timed_out; }
-  double latency_ms() const { return runtime::to_seconds(end - start) * 1000.0; }
 };
 
 /// A mission's page. Each operation is a visit.
 class Page : public BrowserPage, private Mouse, private Keyboard {
  public:
   Page(World& world, Mission& mission) : world_(world), mission_(mission) {}
-
-  asio::awaitable<Bytes> screenshot(ScreenshotOptions) override;
-  asio::awaitable<boost::json::value> evaluate(std::string) override;
-  std::optional<boost::json::object> viewport_size() override;
-  Mouse& mouse() override;
-  Keyboard& keyboard() override;
+  asio::awaitable<Bytes> screenshot(ScreenshotOptions) override {
+    return world_.seam(mission_, "screenshot", Bytes(std::string("PNG")));
+  }
+  asio::awaitable<boost::json::value> evaluate(std::string) override {
+    return world_.seam(mission_, "evaluate", boost::json::value(2.0));
+  }
+  std::optional<boost::json::object> viewport_size() override {
+    world_.call(mission_, "viewport_size");
+    return boost::json::object{{"width", 1280}, {"height", 800}};
+  }
+  Mouse& mouse() override {
+    world_.call(mission_, "mouse");
+    return *this;
+  }
+  Keyboard& keyboard() override {
+    world_.call(mission_, "keyboard");
+    return *this;
+  }
 
  private:
   asio::awaitable<void> click(double, double) override { return world_.seam(mission_, "click"); }
@@ -75,20 +80,17 @@ struct Mission {
   // Told by the world about every visit.
   void visit_begins(const Visit& visit);
   void visit_ended(const Visit& visit);
-  void hangs(std::string_view name);
   std::exception_ptr thrown(Fault fault);
   bool threw(const std::exception_ptr& error) const;
 
-  /// How long the screenshot and the ask of one step may take; absent for modes
+  /// How long the screenshot and the ask of one step may take; `never` for modes
   /// without such a limit.
-  std::optional<Duration> unit_limit() const;
+  Duration unit_limit() const;
   bool in_unit(std::string_view name) const;
   /// What the answer allows the mission to do to the page.
   void answered(const Answer& answer);
-  /// Writes down a breach of a promise.
-  void expect(bool holds, std::string_view text) {
-    if (!holds) breaches.emplace_back(text);
-  }
+  /// Writes down a breach of a promise; `who` is part of the text.
+  void expect(bool holds, std::string_view text, std::string_view who = "");
 
   World& world;
   const std::string id;
@@ -102,8 +104,7 @@ struct Mission {
   bool has_started = false, has_ended = false, was_stalled = false;
   std::exception_ptr error;
   std::optional<ActionResult> result;
-  std::optional<boost::json::object> value;  ///< a record, an agent's value or a scripted step's
-  int way = -1;                              ///< of the wrapper's result
+  boost::json::object value;  ///< a record, an agent's value or a scripted step's
   Duration started{0}, ended{0};
 
   // The caller's cancellation.
@@ -115,15 +116,14 @@ struct Mission {
   std::vector<Call> calls;
   std::vector<std::exception_ptr> errors;  ///< thrown by the parties, in order
   std::map<std::string_view, int> visits;  ///< how often each seam was begun
-  int actions = 0;                         ///< on the page
   bool was_aborted = false, has_unbounded_hang = false;
+  int actions = 0;  ///< on the page
   Duration unit_start{0}, agent_ended{0}, last_action_end{0};
   Duration patience{0};   ///< what its parties take to end after a cancellation
   std::string permit;     ///< the page action that the last answer allows
   std::string last_verb;  ///< of the page action last carried out
   int repeats = 0;
   std::size_t next_answer = 0;
-  std::vector<std::string> breaches;
 };
 
 /// The host of a world's missions: one client, shared, with the scripted model

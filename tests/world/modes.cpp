@@ -20,7 +20,7 @@ class Step {
 
   asio::awaitable<object> operator()() {
     Visit visit = mission_.world.visit(mission_, name_);
-    if (name_ == "agent") visit.latency = runtime::to_duration(mission_.scenario.agent_seconds);
+    if (name_ == "agent") visit.latency = runtime::to_duration(mission_.scenario.with.agent_seconds);
     mission_.world.enter(visit);
     return finish(visit, mission_.visits[name_]);
   }
@@ -28,37 +28,18 @@ class Step {
   // The wrapper's agent.
   asio::awaitable<object> operator()(BrowserPage&, const FlowContext& context, const std::string& reason) {
     const std::string_view hint = context.at("context_hint").as_string();
-    mission_.expect(hint.starts_with(expected_hint()), "5. the agent is not told of the failure");
-    const bool is_told = !mission_.calls.empty() && reason == expected_reason();
-    mission_.expect(is_told, "5. the agent is told another reason");
+    mission_.expect(hint.starts_with("playwright failed: "), "5. the agent is not told of the failure");
+    const std::string told = mission_.calls.empty() ? "" : mission_.calls.back().reason;
+    mission_.expect(reason == (told.empty() ? long_text() : told), "5. the agent is told another reason");
     return (*this)();
   }
 
  private:
-  std::string expected_hint() const {
-    const std::string hint = "playwright failed: ";
-    try {
-      std::rethrow_exception(mission_.errors.at(0));
-    } catch (const HostError& e) {
-      return hint + "HostError: " + head(e.what(), 200);
-    } catch (...) {
-      return hint;
-    }
-  }
-
-  std::string expected_reason() const {
-    const Call& call = mission_.calls.back();
-    return call.reason.empty() ? long_text() : call.reason;
-  }
-
   asio::awaitable<object> finish(Visit visit, int run) {
     co_await mission_.world.perform(visit);
-    const bool fails = name_ == "step" && run <= mission_.scenario.failing_runs;
+    const bool fails = name_ == "step" && run <= mission_.scenario.with.failing_runs;
     if (fails) std::rethrow_exception(mission_.thrown(Fault::page_error));
-    object value;
-    value["text"] = long_text();
-    value["run"] = run;
-    value["of"] = name_;
+    const object value = {{"text", long_text()}, {"run", run}, {"of", name_}};
     co_return value;
   }
 
@@ -66,41 +47,32 @@ class Step {
   std::string_view name_;
 };
 
-class Probe {
- public:
-  explicit Probe(Mission& mission) : mission_(mission) {}
+struct Probe {
+  explicit Probe(Mission& m) : mission(m) {}
   bool operator()() const {
-    mission_.expect(mission_.permit.empty(), "7. a proposed action was not carried out");
-    mission_.world.call(mission_, "should_abort");
-    return mission_.was_aborted = mission_.visits["should_abort"] == mission_.scenario.abort_at;
+    mission.world.call(mission, "should_abort");
+    return mission.was_aborted = mission.visits["should_abort"] == mission.scenario.with.abort_at;
   }
-
- private:
-  Mission& mission_;
+  Mission& mission;
 };
-
-ObserverOptions observer_options(const Mission& mission, VisionClient& client) {
-  ObserverOptions options(mission.context, mission.id);
-  options.vision(client).run_id("run");
-  return options;
-}
 
 asio::awaitable<void> run_act_loop(Mission& mission, VisionClient& client) {
   ActLoopOptions options(mission.context, mission.id);
-  options.vision(client).run_id("run").max_steps(mission.scenario.max_steps).read_only(mission.scenario.read_only);
+  options.vision(client).max_steps(mission.scenario.with.max_steps).read_only(mission.scenario.with.read_only);
   options.should_abort(Probe(mission));
   mission.result = co_await act_loop(mission.page, std::move(options));
 }
 
 asio::awaitable<void> run_shadow(Mission& mission, VisionClient& client) {
   Step agent(mission, "agent");
-  auto options = observer_options(mission, client);
+  ObserverOptions options(mission.context, mission.id);
+  options.vision(client);
   mission.value = co_await shadow_observe_then_cua(mission.page, std::move(agent), std::move(options));
 }
 
 asio::awaitable<void> run_observer(Mission& mission, VisionClient& client) {
-  auto options = observer_options(mission, client);
-  options.dom_ground_truth({{"label", "Speichern: ä"}});
+  ObserverOptions options(mission.context, mission.id);
+  options.vision(client).dom_ground_truth({{"label", "Speichern: ä"}});
   mission.value = co_await observe_only(mission.page, std::move(options));
 }
 
@@ -109,12 +81,12 @@ asio::awaitable<void> run_wrapper(Mission& mission, VisionClient& client) {
   FallbackOptions options(mission.context);
   options.vision(client);
   std::function<asio::awaitable<object>(BrowserPage&, const FlowContext&, const std::string&)> agent;
-  if (mission.scenario.has_agent) agent = Step(mission, "fallback");
+  if (mission.scenario.with.has_agent) agent = Step(mission, "fallback");
   auto result = co_await with_vision_fallback(mission.page, std::move(step), std::move(options), std::move(agent));
-  mission.way = static_cast<int>(result.index());
-  if (mission.way == 0) mission.value = std::get<0>(result);
-  if (mission.way == 1) mission.result = std::get<1>(result);
-  if (mission.way == 2) mission.value = std::get<2>(result);
+  if (result.index() == 0) mission.value = std::get<0>(result);
+  if (result.index() == 1) mission.result = std::get<1>(result);
+  if (result.index() == 2) mission.value = std::get<2>(result);
+  mission.value["way"] = result.index();
 }
 
 asio::awaitable<void> run_act(Mission& mission, VisionClient& client) {
@@ -122,7 +94,7 @@ asio::awaitable<void> run_act(Mission& mission, VisionClient& client) {
 }
 
 asio::awaitable<void> run_ask(Mission& mission, VisionClient& client) {
-  auto options = AskOptions().transport_retry(mission.scenario.transport_retry);
+  const auto options = AskOptions().transport_retry(mission.scenario.with.transport_retry);
   Bytes image(std::string("PNG"));
   mission.result = co_await client.ask(std::move(image), ImgMeta(1280, 800, 2.0, 0.0), mission.context, options);
 }
@@ -130,7 +102,7 @@ asio::awaitable<void> run_ask(Mission& mission, VisionClient& client) {
 asio::awaitable<void> lead(Mission& mission, VisionClient& client) {
   constexpr decltype(&run_act) operations[] = {run_act_loop, run_shadow, run_observer, run_wrapper, run_act, run_ask};
   const Counted guard(mission.world.in_flight);
-  mission.has_started = true;  // not before: a coroutine that is cancelled before its first turn is beyond Asio 1.81
+  mission.has_started = true;  // not before: Asio 1.81 does not survive a cancellation before the first turn
   mission.started = mission.world.now();
   co_await operations[static_cast<std::size_t>(mission.scenario.mode)](mission, client);
 }

@@ -9,9 +9,7 @@
 namespace vision::world {
 namespace {
 
-using std::chrono::milliseconds;
-
-World* running = nullptr;
+constexpr int limit_rank = 10;
 
 struct InFlight : Counted {
   InFlight(World& world, const Visit& v) : Counted(world.in_flight), visit(v) {}
@@ -21,17 +19,43 @@ struct InFlight : Counted {
 
 }  // namespace
 
+asio::awaitable<void> Time::sleep(Duration duration) {
+  const Fault fault = world_.pass('t', "timer");
+  const auto alive = std::make_shared<int>();
+  if (fault == Fault::cancel_before) world_.cancel_soon(world_.any_mission());
+  world_.cancel_around(fault, world_.any_mission(), duration, limit_rank, alive);
+  limits_.emplace(steady_now() + duration, alive);
+  co_await sleep_ranked(duration, limit_rank);
+}
+
+asio::awaitable<void> Time::until_limit(const Visit& visit) {
+  // A time limit is set after what it bounds has begun.
+  for (int turn = 0; turn < 4; ++turn) co_await asio::post(asio::use_awaitable);
+  const Duration limit = next_limit();
+  const Duration rest = limit == never ? visit.latency : limit - steady_now();
+  co_await sleep_ranked(rest, visit.fault == Fault::deadline_last ? 2 * limit_rank : 0);
+  if (visit.fault == Fault::late) co_await sleep_deaf(tick);
+}
+
+bool Time::advance() {
+  if (until_next() >= never / 2) return false;
+  do VirtualTime::advance();
+  while (until_next() == Duration::zero());
+  return true;
+}
+
+Duration Time::next_limit() {
+  std::erase_if(limits_, [](const auto& limit) { return limit.second.expired(); });
+  return limits_.empty() ? never : limits_.begin()->first;
+}
+
 World::World(const Run& run) : spec(run), time(std::make_shared<Time>(*this, *io)), rng_(run.seed) {
   runtime::install_time_source(*io, time);
-  running = this;
+  current = this;
 }
 
 World::~World() {
-  running = nullptr;
-}
-
-World* World::current() {
-  return running;
+  current = nullptr;
 }
 
 void World::trace(const std::string& event) {
@@ -43,11 +67,14 @@ void World::trace(const std::string& event) {
 
 Fault World::planned(const char* place, std::size_t number) const {
   if (spec.plan.empty()) return Fault::none;
-  const auto found = spec.plan.find(place + std::to_string(number));
-  return found == spec.plan.end() ? Fault::none : found->second;
+  const std::string key = place + std::to_string(number) + ":";
+  const auto at = spec.plan.find(key);
+  if (at == std::string::npos) return Fault::none;
+  const std::string rest = spec.plan.substr(at + key.size());
+  return fault_named(rest.substr(0, rest.find(',')));
 }
 
-Fault World::pass(SeamKind kind, std::string_view name) {
+Fault World::pass(Kind kind, std::string_view name) {
   constexpr unsigned faults_per_mille = 20;
   Fault fault = planned("seam", report.seams.size());
   if (!spec.scenario && random(1000) < faults_per_mille) fault = faults_of(kind)[random(faults_of(kind).size())];
@@ -60,35 +87,31 @@ Fault World::pass(SeamKind kind, std::string_view name) {
 }
 
 Duration World::latency() {
-  if (spec.seed == 0) return milliseconds(100);
-  if (spec.seed == 1) return Duration::zero();
+  if (spec.seed <= 1) return spec.seed == 0 ? 100ms : 0ms;
   switch (random(12)) {
-    case 0: return Duration::zero();
-    case 1: return milliseconds(random(5000));
-    case 2: return milliseconds(random(25000));
-    default: return milliseconds(1 + random(400));
+    case 0: return 0ms;
+    case 1: return random(5000) * 1ms;
+    case 2: return random(25000) * 1ms;
+    default: return (1 + random(400)) * 1ms;
   }
 }
 
-void World::call(Mission& mission, std::string_view name) {
-  const Visit visit{mission, name, pass(SeamKind::call, name), Duration::zero(), now()};
-  ++mission.visits[name];
-  enter(visit);
-  if (visit.fault == Fault::cancel_before) mission.was_cancelled_in_call = name == "mouse" || name == "keyboard";
-}
-
-Visit World::visit(Mission& mission, std::string_view name) {
-  const Fault fault = pass(SeamKind::operation, name);
-  const Visit visit{mission, name, fault, latency(), now()};
+Visit World::visit(Mission& mission, std::string_view name, Kind kind) {
+  const Fault fault = pass(kind, name);
+  const Visit visit{mission, name, fault, kind == 'o' ? latency() : Duration::zero(), now()};
   mission.visit_begins(visit);
   return visit;
 }
 
 void World::enter(const Visit& visit) {
-  if (visit.fault == Fault::cancel_before) cancel(visit.mission);
+  Mission& mission = visit.mission;
+  if (visit.fault == Fault::cancel_before) {
+    cancel(mission);
+    mission.was_cancelled_in_call = visit.name == "mouse" || visit.name == "keyboard";
+  }
   if (visit.fault != Fault::call_throws && visit.fault != Fault::call_throws_odd) return;
-  visit.mission.visit_ended(visit);
-  std::rethrow_exception(visit.mission.thrown(visit.fault));
+  mission.visit_ended(visit);
+  std::rethrow_exception(mission.thrown(visit.fault));
 }
 
 asio::awaitable<void> World::seam(Mission& mission, std::string_view name) {
@@ -100,15 +123,18 @@ asio::awaitable<void> World::seam(Mission& mission, std::string_view name) {
 asio::awaitable<void> World::perform(Visit visit) {
   const InFlight guard(*this, visit);
   const auto alive = std::make_shared<int>();
-  cancel_around(visit.fault, visit.mission, visit.latency, 0, alive);
+  Mission& mission = visit.mission;
+  cancel_around(visit.fault, mission, visit.latency, 0, alive);
+  if (visit.fault == Fault::late) mission.patience += tick;
+  if (visit.fault == Fault::stubborn) mission.patience += clean_up_time;
+  const bool is_unbounded = visit.name != "create" && !mission.in_unit(visit.name);
   switch (visit.fault) {
     case Fault::hang:
-      visit.mission.hangs(visit.name);
+      mission.has_unbounded_hang |= is_unbounded;
       co_await time->sleep_ranked(never, 0);
       break;
     case Fault::stubborn:
-      visit.mission.hangs(visit.name);
-      visit.mission.patience += clean_up_time;
+      mission.has_unbounded_hang |= is_unbounded;
       co_await asio::this_coro::throw_if_cancelled(false);
       try {
         co_await time->sleep_ranked(never, 0);
@@ -119,15 +145,14 @@ asio::awaitable<void> World::perform(Visit visit) {
       co_await asio::this_coro::throw_if_cancelled(true);
       co_await time->sleep_ranked(clean_up_time, 0);
       break;
-    case Fault::late: visit.mission.patience += tick; [[fallthrough]];
+    case Fault::late:
     case Fault::deadline_first:
     case Fault::deadline_last: co_await time->until_limit(visit); break;
     default:
       // Most of what takes no time does not suspend either.
-      if (visit.latency != Duration::zero() || visit.fault >= Fault::cancel_during)
-        co_await time->sleep_ranked(visit.latency, 0);
+      if (visit.latency != 0s || visit.fault >= Fault::cancel_during) co_await time->sleep_ranked(visit.latency, 0);
   }
-  if (planned_error(visit.fault).error) std::rethrow_exception(visit.mission.thrown(visit.fault));
+  if (planned_error(visit.fault).error) std::rethrow_exception(mission.thrown(visit.fault));
 }
 
 void World::cancel(Mission& mission) {
@@ -145,11 +170,11 @@ void World::cancel_soon(Mission& mission) {
 void World::cancel_around(Fault fault, Mission& mission, Duration duration, int rank,
                           const std::shared_ptr<void>& alive) {
   if (fault < Fault::cancel_during || fault > Fault::cancel_last) return;
-  const auto when = fault == Fault::cancel_during ? std::min<Duration>(duration / 2, milliseconds(50)) : duration;
-  const int place = fault == Fault::cancel_last ? rank + 1 : rank - 1;
-  time->at(when, place, [this, &mission, weak = std::weak_ptr<void>(alive)] {
-    if (!weak.expired()) cancel_soon(mission);
-  });
+  const auto when = fault == Fault::cancel_during ? std::min<Duration>(duration / 2, 50ms) : duration;
+  time->at(when, fault == Fault::cancel_last ? rank + 1 : rank - 1,
+           [this, &mission, weak = std::weak_ptr<void>(alive)] {
+             if (!weak.expired()) cancel_soon(mission);
+           });
 }
 
 Mission& World::any_mission() {
@@ -168,28 +193,17 @@ bool World::all_ended() const {
 
 void World::run() {
   bool was_checked = false;
-  for (;;) {
-    if (ends_loop_ || planned("turn", report.turns) == Fault::loop_ends) break;
+  while (!ends_loop_ && planned("turn", report.turns) != Fault::loop_ends) {
     if (step()) continue;
     if (all_ended() && !std::exchange(was_checked, true)) {
-      expect(!time->has_limits(), "10. a timer was left running");
+      expect(time->next_limit() == never, "10. a timer was left running");
       expect(in_flight == 0, "10. an operation was left running");
     }
-    if (time->advance()) continue;
-    if (all_ended()) {
-      io->restart();
-      io->poll();
-      expect(io->stopped(), "10. the event loop still has work");
-      break;
-    }
-    bool cancelled = false;
-    for (auto& mission : missions) {
-      if (mission->has_ended || mission->cancelled_at) continue;
-      mission->was_stalled = cancelled = true;
-      cancel_soon(*mission);
-    }
-    if (cancelled) continue;
-    expect(false, "9. a cancellation was ignored: the mission never ends");
+    if (time->advance() || cancel_all()) continue;
+    expect(all_ended(), "9. a cancellation was ignored: the mission never ends");
+    io->restart();
+    io->poll();
+    expect(io->stopped(), "10. the event loop still has work");
     break;
   }
   end_loop();
@@ -200,17 +214,23 @@ bool World::step() {
   io->restart();
   if (planned("turn", report.turns) == Fault::cancel_before) cancel_soon(any_mission());
   try {
-    if (io->poll_one() > 0) {
-      ++report.turns;
-      return true;
-    }
+    if (io->poll_one() > 0) return ++report.turns > 0;
   } catch (...) {
     expect(false, "9. an error came out of the event loop");
     return true;
   }
-  if (!std::exchange(can_go_on_, false)) return !stands_for_ && run_job();
-  run_worker();
-  return true;
+  return (std::exchange(can_go_on_, false) || !stands_for_) && let_worker_run();
+}
+
+// What nothing else ends.
+bool World::cancel_all() {
+  bool cancelled = false;
+  for (auto& mission : missions) {
+    if (mission->has_ended || mission->cancelled_at) continue;
+    mission->was_stalled = cancelled = true;
+    cancel_soon(*mission);
+  }
+  return cancelled;
 }
 
 // With whatever still waits on it.
@@ -218,40 +238,32 @@ void World::end_loop() {
   trace("the event loop ends");
   gone_at = now();
   io.reset();
-  while (stands_for_ || run_job()) {
-    if (stands_for_) run_worker();
-  }
-  expect(!time->has_limits(), "10. a timer outlived the event loop");
+  while (let_worker_run()) continue;
+  expect(time->next_limit() == never, "10. a timer outlived the event loop");
   expect(in_flight == 0, "10. an operation outlived the event loop");
 }
 
-bool World::run_job() {
-  if (jobs_.empty()) return false;
-  run_worker();
-  return true;
-}
-
-// Until the worker has done its job or stands in the middle of it. What it tells
-// the loop then is waited for, so that it comes in its turn and no other.
-void World::run_worker() {
+// Until it has done its job or stands in the middle of it. What it tells the loop
+// then is waited for, so that it comes in its turn and no other.
+bool World::let_worker_run() {
+  if (jobs.empty()) return false;
   stands_for_.reset();
-  to_worker_.release();
-  to_loop_.acquire();
-  if (stands_for_) {
-    if (io) time->at(*stands_for_, 0, [this] { can_go_on_ = true; });
-    return;
-  }
-  const bool is_awaited = !jobs_.front().expired();
-  jobs_.pop_front();
-  if (!is_awaited || !io) return;
+  to_worker.release();
+  to_loop.acquire();
+  if (stands_for_ && io) time->at(*stands_for_, 0, [this] { can_go_on_ = true; });
+  if (stands_for_) return true;
+  const bool is_awaited = !jobs.front().expired();
+  jobs.pop_front();
+  if (!is_awaited || !io) return true;
   io->restart();
   io->run_one();
+  return true;
 }
 
 void World::worker_stands(Duration duration) {
   stands_for_ = duration;
-  to_loop_.release();
-  to_worker_.acquire();
+  to_loop.release();
+  to_worker.acquire();
 }
 
 }  // namespace vision::world

@@ -1,16 +1,13 @@
 #pragma once
 
 #include <deque>
-#include <memory>
-#include <optional>
 #include <random>
 #include <semaphore>
 #include <set>
 #include <thread>
 
 #include "tests/support/virtual_time.hpp"
-#include "tests/world/fault.hpp"
-#include "tests/world/scenario.hpp"
+#include "tests/world/plan.hpp"
 
 /// @file
 /// A world in which nothing happens by chance: one event loop in virtual time, on
@@ -19,27 +16,18 @@
 namespace vision::world {
 
 namespace asio = boost::asio;
+using namespace std::chrono_literals;
 using runtime::Duration;
 
-constexpr Duration tick{1}, never = std::chrono::hours(24 * 365 * 50), clean_up_time = std::chrono::milliseconds(100);
+constexpr Duration tick = 1ns, never = 24h * 365 * 50, clean_up_time = 100ms;
 
 class World;
 struct Mission;
 
-/// The same run gives the same trace.
-struct Run {
-  std::string replay_line() const;
-
-  const Scenario* scenario = nullptr;  ///< null for a world of several missions and seeded faults
-  std::uint64_t seed = 0;              ///< of latencies and scheduling; 0 for latencies of 100 ms, 1 for none
-  Plan plan = {};
-  bool prints_trace = false;
-};
-
 /// What became of a run.
 struct Report {
-  std::size_t turns = 0;        ///< handlers that the event loop ran
-  std::vector<SeamKind> seams;  ///< in the order in which they were passed
+  std::size_t turns = 0;    ///< handlers that the event loop ran
+  std::vector<Kind> seams;  ///< in the order in which they were passed
   std::uint64_t hash = 1469598103934665603u;
   std::vector<std::string> violations;  ///< breaches of a promise, "number. text"
 };
@@ -52,38 +40,33 @@ struct Visit {
   Duration latency, start;
 };
 
+/// Counts what lives.
+struct Counted {
+  explicit Counted(int& c) : count(c) { ++count; }
+  ~Counted() { --count; }
+  Counted(const Counted&) = delete;
+  Counted& operator=(const Counted&) = delete;
+  int& count;
+};
+
 /// The virtual clock. The library's timers are seams; of what ends in one instant
 /// they come last, but for what is to come after them.
 class Time : public test::VirtualTime {
  public:
   Time(World& world, asio::io_context& io) : VirtualTime(io), world_(world) {}
-
   asio::awaitable<void> sleep(Duration duration) override;
   asio::awaitable<void> wait(Duration duration) override { return TimeSource::wait(duration); }
-
   /// Until the next of the library's timers fires, as `visit`'s fault says; for the
   /// visit's latency when none is running.
   asio::awaitable<void> until_limit(const Visit& visit);
   /// Jumps to the next instant. False when nothing is due, ever.
   bool advance();
-  /// Whether a timer of the library's is running.
-  bool has_limits() const { return !limits_.empty(); }
+  /// When the next of the library's timers fires; `never` when none is running.
+  Duration next_limit();
 
  private:
   World& world_;
-  std::multiset<Duration> limits_;
-};
-
-/// Counts what lives.
-class Counted {
- public:
-  explicit Counted(int& count) : count_(count) { ++count_; }
-  ~Counted() { --count_; }
-  Counted(const Counted&) = delete;
-  Counted& operator=(const Counted&) = delete;
-
- private:
-  int& count_;
+  std::multimap<Duration, std::weak_ptr<void>> limits_;
 };
 
 class World {
@@ -93,24 +76,25 @@ class World {
   World(const World&) = delete;
   World& operator=(const World&) = delete;
 
-  static World* current();  ///< the one that runs, for the seams that no party owns
+  /// The one that runs, for the seams that no party owns.
+  static inline World* current = nullptr;
 
   /// Numbers a seam and gives its fault. On the worker thread too.
-  Fault pass(SeamKind kind, std::string_view name);
-  /// A seam of a party that gives its value at once, if it does not throw.
-  void call(Mission& mission, std::string_view name);
-  /// A seam of a party that suspends: begins it, ...
-  Visit visit(Mission& mission, std::string_view name);
+  Fault pass(Kind kind, std::string_view name);
+  /// A seam of a party: begins it, ...
+  Visit visit(Mission& mission, std::string_view name, Kind kind = 'o');
   /// ... throws what is thrown before there is an awaitable, ...
   void enter(const Visit& visit);
-  /// ... does the rest.
+  /// ... does the rest, which may suspend.
   asio::awaitable<void> perform(Visit visit);
+  /// A seam of a party that does not suspend.
+  void call(Mission& mission, std::string_view name) { enter(visit(mission, name, 'c')); }
   /// All of it.
-  asio::awaitable<void> seam(Mission& mission, std::string_view name);
   template <class T>
   asio::awaitable<T> seam(Mission& mission, std::string_view name, T value) {
     return with_value(seam(mission, name), std::move(value));
   }
+  asio::awaitable<void> seam(Mission& mission, std::string_view name);
 
   /// The caller cancels: within a handler of the event loop, in a handler of its own,
   /// or around the end of `duration`, as `fault` says, if `alive` is still then.
@@ -133,6 +117,12 @@ class World {
   std::uint64_t random(std::uint64_t bound) { return rng_() % bound; }
   void trace(const std::string& event);
 
+  // The worker thread, which runs only while the event loop stands still.
+  bool on_worker() const { return std::this_thread::get_id() != loop_thread_; }
+  void worker_stands(Duration duration);
+  std::deque<std::weak_ptr<void>> jobs;  ///< that were handed over; of each, who waits for it
+  std::binary_semaphore to_worker{0}, to_loop{0};
+
   const Run spec;
   Report report;
   std::optional<asio::io_context> io{std::in_place};
@@ -141,17 +131,9 @@ class World {
   std::optional<Duration> gone_at;  ///< when the event loop was destroyed
   int in_flight = 0;                ///< operations that have not ended
   int faulty_appends = 0;           ///< file operations of the log that were given a fault
-  int cut_writes = 0;
-  int faulty_removals = 0;    ///< fixtures whose removal failed
+  int cut_writes = 0, faulty_removals = 0;
   std::set<int> descriptors;  ///< that the library holds open
   bool in_append = false;     ///< a record is being written; after the last one nothing is awaited
-
-  // The worker thread, which runs only while the event loop stands still.
-  bool on_worker() const { return std::this_thread::get_id() != loop_thread_; }
-  void hand_over(std::weak_ptr<void> waiter) { jobs_.push_back(std::move(waiter)); }
-  void job_begins() { to_worker_.acquire(); }
-  void job_ends() { to_loop_.release(); }
-  void worker_stands(Duration duration);
 
  private:
   template <class T>
@@ -161,18 +143,15 @@ class World {
   }
   Fault planned(const char* place, std::size_t number) const;
   bool step();
-  bool run_job();
-  void run_worker();
-  void end_loop();
+  bool let_worker_run();
   bool all_ended() const;
+  bool cancel_all();
+  void end_loop();
 
   std::mt19937_64 rng_;
-  bool ends_loop_ = false;
-  std::deque<std::weak_ptr<void>> jobs_;  // of each, who waits for it
-  std::binary_semaphore to_worker_{0}, to_loop_{0};
-  const std::thread::id loop_thread_ = std::this_thread::get_id();
+  bool ends_loop_ = false, can_go_on_ = false;
   std::optional<Duration> stands_for_;  // the worker, in the middle of its job
-  bool can_go_on_ = false;
+  const std::thread::id loop_thread_ = std::this_thread::get_id();
 };
 
 }  // namespace vision::world
