@@ -2,13 +2,10 @@
 #include <sys/mount.h>
 
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
-#include <boost/beast/websocket.hpp>
 #include <regex>
 
 #include "tests/chromium/browser_fixture.hpp"
 #include "tests/support/scripted.hpp"
-#include "vision/wirein/act_loop.hpp"
 
 namespace vision::chromium::test {
 namespace {
@@ -25,22 +22,20 @@ class HostileWorld {
       : time_(std::make_shared<vision::test::VirtualTime>(io_)), begins_(io_, {asio::ip::address_v4::loopback(), 0}) {
     runtime::install_time_source(io_, time_);
     begins_.async_accept([this](boost::system::error_code, tcp::socket) { hangs = true; });
-  }
-
-  template <class T>
-  T run(asio::awaitable<T> operation) {
-    std::optional<T> out;
-    std::exception_ptr error;
-    asio::co_spawn(io_, keep(std::move(operation), out), [&](std::exception_ptr e) { error = e; });
-    while (!out && !error) {
+    current_loop = &io_;
+    take_turn = [this] {
       const bool busy = io_.poll_one() > 0;
-      if (hangs && time_->advance()) continue;
-      const bool pause = pauses_pass && time_->until_next() < std::chrono::milliseconds(2500);
+      if (hangs && time_->advance()) return;
+      const bool pause = pauses_pass && time_->until_next() < milliseconds(2500);
       if (!busy && !(pause && time_->advance())) io_.run_one();
-    }
-    if (error) std::rethrow_exception(error);
-    return std::move(*out);
+    };
   }
+  ~HostileWorld() {
+    current_loop = nullptr;
+    take_turn = [] { loop().run_one(); };
+  }
+  HostileWorld(const HostileWorld&) = delete;
+  HostileWorld& operator=(const HostileWorld&) = delete;
 
   /// A statement of a page's that tells that what follows it goes on for ever.
   std::string tell() const {
@@ -50,28 +45,10 @@ class HostileWorld {
   bool hangs = false, pauses_pass = true;
 
  private:
-  template <class T>
-  static asio::awaitable<void> keep(asio::awaitable<T> operation, std::optional<T>& out) {
-    out.emplace(co_await std::move(operation));
-  }
-
   asio::io_context io_;
   std::shared_ptr<vision::test::VirtualTime> time_;
   tcp::acceptor begins_;
 };
-
-asio::awaitable<bool> done(asio::awaitable<void> operation) {
-  co_await std::move(operation);
-  co_return true;
-}
-
-pid_t main_process(const std::string& profiles) {
-  for (const pid_t id : processes_with(profiles)) {
-    const auto line = vision::test::read_file("/proc/" + std::to_string(id) + "/cmdline");
-    if (line.starts_with("/") && line.find("--type=") == line.npos) return id;
-  }
-  return -1;
-}
 
 struct Misbehaviour {
   const char* name;
@@ -107,20 +84,14 @@ const Misbehaviour misbehaviours[] = {
      [](const std::string& profiles) { ::kill(main_process(profiles), SIGKILL); }},
     {"a browser that crashes", "", page_closed,
      [](const std::string& profiles) { ::kill(main_process(profiles), SIGSEGV); }},
-    {"a full disk",  // which some runs of the browser survive and some do not
+    // A browser without room for its profile may go on or end; both were seen.
+    {"a full disk",
      "",
      success + "|" + page_closed,
      {},
      false,
      [](const std::string& profiles) { return ::mount("none", profiles.c_str(), "tmpfs", 0, "size=2m") == 0; }},
 };
-
-asio::awaitable<ActionResult> mission(std::shared_ptr<ChromiumPage> page, std::string html, VisionClient& client) {
-  co_await page->navigate(page_url(html));
-  ActLoopOptions options({{"phase", 2}}, "site");
-  options.vision(client);
-  co_return co_await act_loop(*page, std::move(options));
-}
 
 TEST(Hostile, AMissionEndsInItsDocumentedValueAndNothingIsLeft) {
   vision::test::TestRegistry::instance();
@@ -146,22 +117,22 @@ TEST(Hostile, AMissionEndsInItsDocumentedValueAndNothingIsLeft) {
       co_return;
     });
     VisionClient client(model, hooks);
-    auto browser = world.run(launch());
-    auto page = world.run(browser->new_page());
-    const std::string html =
-        "<body style='height:700px' onclick=\"" + act +
-        "\"><a id=gift download=gift href='data:,x'></a><script>if (name) location.reload()</script>";
-    const ActionResult result = world.run(mission(page, html, client));
-    EXPECT_TRUE(std::regex_match(result.action + ": " + result.reason, std::regex(row.ending)))
-        << result.action << ": " << result.reason;
+    auto browser = run(launch());
+    auto page = run(browser->new_page());
+    ActLoopOptions mission({{"phase", 2}}, "site");
+    mission.vision(client);
+    run(page->navigate(
+        page_url("<body style='height:700px' onclick=\"" + act +
+                 "\"><a id=gift download=gift href='data:,x'></a><script>if (name) location.reload()</script>")));
+    const std::string ending = run(verdict_of(*page, std::move(mission)));
+    EXPECT_TRUE(std::regex_match(ending, std::regex(row.ending))) << ending;
     const bool downloads = row.on_click.starts_with("gift");
     for (fs::recursive_directory_iterator file(profiles.path()); downloads && file != fs::end(file); ++file) {
       EXPECT_NE(file->path().stem(), "gift");
     }
     page.reset();
-    const bool answers = !row.befalls;
     world.hangs = world.pauses_pass = false;
-    if (answers) world.run(done(browser->close()));
+    if (!row.befalls) run(browser->close());
     browser.reset();
     if (row.before) ::umount2(profiles.path().c_str(), MNT_DETACH);
     EXPECT_TRUE(profiles.empty());
@@ -178,45 +149,6 @@ TEST(Hostile, WindowsCloseWithThePageThatOpenedThem) {
   while (run(browser->pages()).size() > 1) continue;
   EXPECT_EQ(run(browser->pages())[0].target_id, other->target_id());
   run(browser->close());
-}
-
-asio::awaitable<void> shake_hands(std::string port, std::string path, std::string origin) {
-  boost::beast::websocket::stream<tcp::socket> stream(co_await asio::this_coro::executor);
-  const tcp::endpoint endpoint(asio::ip::address_v4::loopback(), static_cast<unsigned short>(std::stoi(port)));
-  co_await stream.next_layer().async_connect(endpoint, asio::use_awaitable);
-  stream.set_option(
-      boost::beast::websocket::stream_base::decorator([origin](auto& request) { request.set("Origin", origin); }));
-  co_await stream.async_handshake("127.0.0.1:" + port, path, asio::use_awaitable);
-}
-
-// The browser is reached by its pipe alone, and a port that somebody opened is
-// closed to the pages in it. Our key is not in there.
-TEST(Hostile, TheBrowserIsReachedByNobodyElse) {
-  const ProfilesHere profiles;
-  const vision::test::ScopedEnv key("ANTHROPIC_API_KEY", "sk-canary-0123456789");
-  for (const bool open_port : {false, true}) {
-    LaunchOptions options;
-    if (open_port) options.argument("--remote-debugging-port=0");
-    auto browser = run(launch(options));
-    for (const pid_t id : processes_with(profiles.path())) {
-      const auto environment = vision::test::read_file("/proc/" + std::to_string(id) + "/environ");
-      EXPECT_EQ(environment.find("canary"), environment.npos);
-    }
-    const fs::path profile = fs::directory_iterator(profiles.path())->path();
-    EXPECT_EQ(fs::status(profile).permissions(), fs::perms(0700));
-    std::istringstream port_file(vision::test::read_file(profile / "DevToolsActivePort"));
-    std::string port, path;
-    while (open_port && path.empty()) {
-      port_file.str(vision::test::read_file(profile / "DevToolsActivePort"));
-      port_file.clear();
-      port_file >> port >> path;
-    }
-    EXPECT_EQ(fs::exists(profile / "DevToolsActivePort"), open_port);
-    if (open_port) {
-      EXPECT_THAT(error_of(shake_hands(port, path, "http://evil.test")), testing::HasSubstr("declined"));
-    }
-    run(browser->close());
-  }
 }
 
 }  // namespace
