@@ -105,8 +105,7 @@ struct Turn {
 
 asio::awaitable<void> run_in_turn(std::function<void()> job) {
   World& world = *World::current;
-  const Counted waiting(world.in_flight);
-  const auto waiter = std::make_shared<int>();
+  const auto waiter = std::make_shared<std::shared_ptr<void>>(world.in_flight);
   std::function<void()> in_turn = [&world, inner = std::move(job)] {
     const Turn turn(world);
     inner();

@@ -56,19 +56,16 @@ class Check {
   // 9, and 8 for what nothing in the mode bounds.
   void ending() {
     const bool own = m_.threw(m_.error), budget = is_a<BudgetExceeded>(m_.error);
+    const bool unusable = is_a<std::invalid_argument>(m_.error), unreadable = is_a<ConversionError>(m_.error);
     const Duration host = 30s, ask = 41500ms, observation = 28s + m_.patience;
-    // What the mode may throw, and take: generous for the host's own operations.
-    const auto [is_documented, bound] = [&]() -> std::pair<bool, Duration> {
-      switch (m_.scenario.mode) {
-        case Mode::act_loop: return {false, probes() * (52s + 11s + host + m_.patience)};
-        case Mode::shadow: return {own, std::max(observation, m_.agent_ended - m_.started)};
-        case Mode::observer: return {false, observation};
-        case Mode::wrapper: return {own || budget || is_a<std::invalid_argument>(m_.error), ask + 10 * host};
-        case Mode::act: return {own || budget, ask + 4 * host};
-        case Mode::ask: break;
-      }
-      return {budget || is_a<ConversionError>(m_.error), ask + host};
-    }();
+    // By mode: what it may throw, and take; generous for the host's own operations.
+    const std::pair<bool, Duration> rules[] = {{false, probes() * (52s + 11s + host + m_.patience)},
+                                               {own, std::max(observation, m_.agent_ended - m_.started)},
+                                               {false, observation},
+                                               {own || budget || unusable, ask + 10 * host},
+                                               {own || budget, ask + 4 * host},
+                                               {budget || unreadable, ask + host}};
+    const auto [is_documented, bound] = rules[static_cast<std::size_t>(m_.scenario.mode)];
     m_.expect(m_.was_stalled || m_.ended <= m_.started + bound + m_.patience, "8. the mode took too long");
     m_.expect(!m_.was_stalled || m_.has_unbounded_hang, "8. a mode with a time limit hung");
     if (m_.error && !is_cancelled_) m_.expect(is_documented, "9. an error came out: ", text::describe(m_.error).kind);

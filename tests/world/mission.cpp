@@ -32,21 +32,19 @@ PlannedError planned(const E& error, std::string reason) {
 }  // namespace
 
 PlannedError planned_error(Fault fault) {
-  const std::string text = fault == Fault::none ? "" : long_text();
+  using enum Fault;
+  const std::string text = fault == none ? "" : long_text(), bad = "unexpected error: ", lost = "transport error: ";
   switch (fault) {
-    case Fault::connection_error: return planned(APIConnectionError(text), "transport error: APIConnectionError: ");
-    case Fault::rate_limit: return planned(RateLimitError(text, {429, "", "r"}), "transport error: RateLimitError: ");
-    case Fault::server_error:
-      return planned(InternalServerError(text, {529, "", "r"}), "transport error: InternalServerError: ");
-    case Fault::bad_request:
-      return planned(BadRequestError(text, {400, "", "r"}), "unexpected error: BadRequestError: ");
-    case Fault::page_error: return planned(HostError(text), "unexpected error: HostError: ");
-    case Fault::plain_error:
-    case Fault::call_throws: return planned(std::logic_error(text), "unexpected error: logic_error: ");
-    case Fault::odd_error:
-    case Fault::call_throws_odd: return planned(42, "unexpected error: int: ");
-    case Fault::own_abort:
-      return planned(boost::system::system_error(asio::error::operation_aborted), "unexpected error: system_error: ");
+    case connection_error: return planned(APIConnectionError(text), lost + "APIConnectionError: ");
+    case rate_limit: return planned(RateLimitError(text, {429, "", "r"}), lost + "RateLimitError: ");
+    case server_error: return planned(InternalServerError(text, {529, "", "r"}), lost + "InternalServerError: ");
+    case bad_request: return planned(BadRequestError(text, {400, "", "r"}), bad + "BadRequestError: ");
+    case page_error: return planned(HostError(text), bad + "HostError: ");
+    case plain_error:
+    case call_throws: return planned(std::logic_error(text), bad + "logic_error: ");
+    case odd_error:
+    case call_throws_odd: return planned(42, bad + "int: ");
+    case own_abort: return planned(boost::system::system_error(asio::error::operation_aborted), bad + "system_error: ");
     default: return {};
   }
 }
@@ -102,18 +100,14 @@ void Mission::visit_begins(const Visit& visit) {
   if (name == "screenshot") unit_start = visit.start;
   if (scenario.mode != Mode::act_loop || (name != "screenshot" && name != "should_abort")) return;
   expect(permit.empty(), "7. not carried out: ", permit);
-  const bool has_settled = visit.start >= last_action_end + (last_verb == "scroll" ? 500ms : 1000ms);
-  expect(last_verb.empty() || has_settled, "8. the page was given no time to settle");
+  expect(visit.start >= settled_at, "8. the page was given no time to settle");
 }
 
 void Mission::visit_ended(const Visit& visit) {
   const Duration now = world.now();
   const std::string_view name = visit.name;
   if (name == "agent") agent_ended = now;
-  if (is_page_action(name)) {
-    last_verb = name;
-    last_action_end = now;
-  }
+  if (is_page_action(name)) settled_at = now + (name == "scroll" ? 500ms : 1000ms);
   const bool is_slow = name == "create" && now > visit.start + 20s + patience;
   expect(!is_slow, "8. a request took longer than its time-out");
   expect(!cancelled_at || now <= *cancelled_at + patience, "9. it went on after the cancellation: ", name);
@@ -122,9 +116,9 @@ void Mission::visit_ended(const Visit& visit) {
 
 void Mission::answered(const Answer& answer) {
   const std::size_t place = next_answer++;
-  const auto& all = scenario.answers;
-  repeats = place > 0 && place < all.size() && all[place] == all[place - 1] ? repeats + 1 : 1;
-  const bool acts = scenario.mode == Mode::wrapper || (scenario.mode == Mode::act_loop && repeats < 3);
+  const auto is = [&](std::size_t i) { return i < scenario.answers.size() && scenario.answers[i] == answer; };
+  const bool is_third = place >= 2 && is(place - 1) && is(place - 2);
+  const bool acts = scenario.mode == Mode::wrapper || (scenario.mode == Mode::act_loop && !is_third);
   const bool may_act = acts && is_page_action(answer.verb) && answer.has_all_needs && answer.confidence >= 0.6;
   permit = may_act && !scenario.with.read_only ? answer.verb : "";
 }

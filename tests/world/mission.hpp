@@ -118,11 +118,9 @@ struct Mission {
   std::map<std::string_view, int> visits;  ///< how often each seam was begun
   bool was_aborted = false, has_unbounded_hang = false;
   int actions = 0;  ///< on the page
-  Duration unit_start{0}, agent_ended{0}, last_action_end{0};
-  Duration patience{0};   ///< what its parties take to end after a cancellation
-  std::string permit;     ///< the page action that the last answer allows
-  std::string last_verb;  ///< of the page action last carried out
-  int repeats = 0;
+  Duration unit_start{0}, agent_ended{0}, settled_at{0};
+  Duration patience{0};  ///< what its parties take to end after a cancellation
+  std::string permit;    ///< the page action that the last answer allows
   std::size_t next_answer = 0;
 };
 

@@ -101,7 +101,7 @@ asio::awaitable<void> run_ask(Mission& mission, VisionClient& client) {
 
 asio::awaitable<void> lead(Mission& mission, VisionClient& client) {
   constexpr decltype(&run_act) operations[] = {run_act_loop, run_shadow, run_observer, run_wrapper, run_act, run_ask};
-  const Counted guard(mission.world.in_flight);
+  const auto guard = mission.world.in_flight;
   mission.has_started = true;  // not before: Asio 1.81 does not survive a cancellation before the first turn
   mission.started = mission.world.now();
   co_await operations[static_cast<std::size_t>(mission.scenario.mode)](mission, client);

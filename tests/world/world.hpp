@@ -40,15 +40,6 @@ struct Visit {
   Duration latency, start;
 };
 
-/// Counts what lives.
-struct Counted {
-  explicit Counted(int& c) : count(c) { ++count; }
-  ~Counted() { --count; }
-  Counted(const Counted&) = delete;
-  Counted& operator=(const Counted&) = delete;
-  int& count;
-};
-
 /// The virtual clock. The library's timers are seams; of what ends in one instant
 /// they come last, but for what is to come after them.
 class Time : public test::VirtualTime {
@@ -129,8 +120,9 @@ class World {
   std::shared_ptr<Time> time;
   std::vector<std::unique_ptr<Mission>> missions;
   std::optional<Duration> gone_at;  ///< when the event loop was destroyed
-  int in_flight = 0;                ///< operations that have not ended
-  int faulty_appends = 0;           ///< file operations of the log that were given a fault
+  /// Held by every operation that has not ended.
+  const std::shared_ptr<void> in_flight = std::make_shared<int>();
+  int faulty_appends = 0;  ///< file operations of the log that were given a fault
   int cut_writes = 0, faulty_removals = 0;
   std::set<int> descriptors;  ///< that the library holds open
   bool in_append = false;     ///< a record is being written; after the last one nothing is awaited

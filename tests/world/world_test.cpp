@@ -120,8 +120,8 @@ class Campaign {
     ++failures_;
     const auto is_new = [&](const auto& text) { return ++messages_[text.substr(0, text.find(" (m"))] == 1; };
     if (std::count_if(report.violations.begin(), report.violations.end(), is_new) > 0) {
-      std::cout << "world_test --replay scenario=" << (run.scenario ? run.scenario->name : "random")
-                << " seed=" << run.seed << " fault=" << (run.plan.empty() ? "none" : run.plan) << "\n";
+      const std::string name = run.scenario ? run.scenario->name : "random";
+      std::cout << "world_test replay " << name << " " << run.seed << " " << run.plan << "\n";
       for (const auto& violation : report.violations) std::cout << "  " << violation << "\n";
     }
     if (stops_at_first_) throw Stopped();
@@ -134,21 +134,12 @@ class Campaign {
   std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
 };
 
-int replay(const std::vector<std::string>& words) {
-  Run run;
-  run.prints_trace = true;
-  for (const auto& word : words) {
-    const auto equals = word.find('=');
-    const std::string key = word.substr(0, equals), value = word.substr(equals + 1);
-    if (key == "seed") run.seed = std::stoull(value);
-    if (key == "fault") run.plan = value;
-    if (key != "scenario" || value == "random") continue;
-    const auto has_name = [&](const Scenario& scenario) { return scenario.name == value; };
-    const auto found = std::find_if(scenarios().begin(), scenarios().end(), has_name);
-    if (found == scenarios().end()) throw std::invalid_argument("no scenario is named \"" + value + "\"");
-    run.scenario = &*found;
-  }
-  const Report report = perform(run);
+int replay(const std::string& name, std::uint64_t seed, const std::string& plan) {
+  const auto has_name = [&](const Scenario& scenario) { return scenario.name == name; };
+  const auto found = std::find_if(scenarios().begin(), scenarios().end(), has_name);
+  const bool is_known = found != scenarios().end();
+  if (!is_known && name != "random") throw std::invalid_argument("no scenario is named \"" + name + "\"");
+  const Report report = perform({is_known ? &*found : nullptr, seed, plan, true});
   for (const auto& violation : report.violations) std::cout << violation << "\n";
   std::cout << "trace " << std::hex << report.hash << "\n";
   return report.violations.empty() ? 0 : 1;
@@ -160,37 +151,33 @@ int run(std::vector<std::string> words) {
   if (std::filesystem::is_directory("/dev/shm")) ::setenv("TMPDIR", "/dev/shm", 0);  // in memory: ten times as fast
   const test::ScratchDirectory directory;
   const test::ScopedEnv path("KX_VISION_SHADOW_LOG", log_path);
-  const bool stops_at_first = !words.empty() && words.back() == "--first";
-  if (stops_at_first) words.pop_back();
-  const std::string command = words.empty() ? "" : words[0];
-  const auto number = [&](std::size_t place, std::uint64_t fallback) {
-    return words.size() > place ? std::stoull(words[place]) : fallback;
+  const auto stop = std::find(words.begin(), words.end(), "--first");
+  Campaign campaign(stop != words.end());
+  words.erase(stop, stop == words.end() ? stop : stop + 1);
+  words.resize(4);
+  const auto number = [&](std::size_t i, std::uint64_t fallback) {
+    return words[i].empty() ? fallback : std::stoull(words[i]);
   };
-  if (command == "--replay") return replay({words.begin() + 1, words.end()});
-  Campaign campaign(stops_at_first);
+  if (words[0] == "replay") return replay(words[1], number(2, 0), words[3]);
   try {
-    if (command == "single") campaign.singles();
-    if (command == "pairs") campaign.pairs(number(1, 1));
-    if (command == "random") campaign.random(number(1, 400), number(2, 1000));
+    if (words[0] == "single") campaign.singles();
+    if (words[0] == "pairs") campaign.pairs(number(1, 1));
+    if (words[0] == "random") campaign.random(number(1, 400), number(2, 1000));
   } catch (const Stopped&) {
   }
-  return campaign.finish(command);
+  return campaign.finish(words[0]);
 }
 
 }  // namespace
 }  // namespace vision::world
 
 int main(int argc, char** argv) {
-  const std::vector<std::string> words(argv + 1, argv + argc);
-  if (words.empty()) {
-    std::cerr << "usage: world_test single | pairs [ROUNDS] | random [COUNT [FIRST_SEED]], and --first to stop early\n"
-                 "       world_test --replay scenario=MODE/NAME seed=N fault=seamN:FAULT[,turnN:FAULT ...]\n";
-    return 2;
-  }
   try {
-    return vision::world::run(words);
+    if (argc > 1) return vision::world::run({argv + 1, argv + argc});
+    std::cerr << "usage: world_test single | pairs [ROUNDS] | random [COUNT [FIRST_SEED]], and --first to stop early\n"
+                 "       world_test replay SCENARIO SEED [seamN:FAULT,turnN:FAULT...]\n";
   } catch (const std::exception& e) {
     std::cerr << "world_test: " << e.what() << "\n";
-    return 2;
   }
+  return 2;
 }
