@@ -97,17 +97,12 @@ asio::awaitable<void> wrap_run_on_worker(std::function<void()> job) asm(
 
 namespace {
 
-struct Turn {
-  explicit Turn(World& w) : world(w) { world.to_worker.acquire(); }
-  ~Turn() { world.to_loop.release(); }
-  World& world;
-};
-
 asio::awaitable<void> run_in_turn(std::function<void()> job) {
   World& world = *World::current;
   const auto waiter = std::make_shared<std::shared_ptr<void>>(world.in_flight);
   std::function<void()> in_turn = [&world, inner = std::move(job)] {
-    const Turn turn(world);
+    world.to_worker.acquire();
+    const std::shared_ptr<void> turn(nullptr, [&world](void*) { world.to_loop.release(); });
     inner();
     if (fails("worker done")) throw std::runtime_error("the job failed");
   };

@@ -15,22 +15,11 @@ using Fate = Call::Fate;
 
 using Records = std::vector<std::pair<json::object, std::string>>;  // parsed, and as they stand
 
-template <class E>
-bool is_a(const std::exception_ptr& error) {
-  try {
-    if (!error) return false;
-    std::rethrow_exception(error);
-  } catch (const E&) {
-    return true;
-  } catch (...) {
-    return false;
-  }
-}
-
 class Check {
  public:
   Check(Mission& mission, const Records& records) : m_(mission), records_(records) {
-    is_cancelled_ = m_.error && m_.cancelled_at && is_a<boost::system::system_error>(m_.error) && !m_.threw(m_.error);
+    if (m_.error) kind_ = text::describe(m_.error).kind;
+    is_cancelled_ = m_.cancelled_at && kind_ == "system_error" && !m_.threw(m_.error);
     is_cut_ = is_cancelled_ || !m_.has_ended;
     for (const Call& call : m_.calls) {
       if (call.fate == Fate::either) ++open_calls_;
@@ -55,8 +44,8 @@ class Check {
  private:
   // 9, and 8 for what nothing in the mode bounds.
   void ending() {
-    const bool own = m_.threw(m_.error), budget = is_a<BudgetExceeded>(m_.error);
-    const bool unusable = is_a<std::invalid_argument>(m_.error), unreadable = is_a<ConversionError>(m_.error);
+    const bool own = m_.threw(m_.error), budget = kind_ == "BudgetExceeded";
+    const bool unusable = kind_ == "invalid_argument", unreadable = kind_ == "ConversionError";
     const Duration host = 30s, ask = 41500ms, observation = 28s + m_.patience;
     // By mode: what it may throw, and take; generous for the host's own operations.
     const std::pair<bool, Duration> rules[] = {{false, probes() * (52s + 11s + host + m_.patience)},
@@ -68,7 +57,7 @@ class Check {
     const auto [is_documented, bound] = rules[static_cast<std::size_t>(m_.scenario.mode)];
     m_.expect(m_.was_stalled || m_.ended <= m_.started + bound + m_.patience, "8. the mode took too long");
     m_.expect(!m_.was_stalled || m_.has_unbounded_hang, "8. a mode with a time limit hung");
-    if (m_.error && !is_cancelled_) m_.expect(is_documented, "9. an error came out: ", text::describe(m_.error).kind);
+    if (m_.error && !is_cancelled_) m_.expect(is_documented, "9. an error came out: ", kind_);
     if (!m_.cancelled_at) return;
     // From elsewhere it may come when all is decided.
     const bool is_foreign = m_.world.missions.size() > 1 || m_.world.spec.plan.starts_with("turn");
@@ -139,7 +128,7 @@ class Check {
     if (is_cut_) return;
     const json::object value = {{"text", long_text()}, {"run", 1}, {"of", "agent"}};
     m_.expect(m_.error ? m_.threw(m_.error) : m_.value == value, "3. another end than the agent's");
-    m_.expect(is_cua_origin(m_.error) == is_a<HostError>(m_.error), "3. the mark of the agent's error");
+    m_.expect(is_cua_origin(m_.error) == (kind_ == "HostError"), "3. the mark of the agent's error");
     for (const auto& [record, line] : records_) {
       const bool is_right = record.at("cua").as_object().contains("error") == (m_.error != nullptr);
       m_.expect(is_right, "3. a record of another outcome");
@@ -177,7 +166,7 @@ class Check {
     m_.expect(steps != 2 || acted, "5. the step ran again without an action");
     m_.expect(agents == 0 || (steps == 1 && m_.actions == 0), "5. the agent ran after an action");
     const bool hands_over = steps == 1 && m_.errors.size() == 1 && m_.visits["screenshot"] == 1;
-    const bool is_unasked = hands_over && m_.error && is_a<HostError>(m_.error) && m_.scenario.with.has_agent;
+    const bool is_unasked = hands_over && kind_ == "HostError" && m_.scenario.with.has_agent;
     m_.expect(!is_unasked, "5. the step's error although there is an agent");
     if (m_.error || !m_.has_ended) return;
     const bool is_right[] = {m_.value["of"] == "step" && m_.value["run"] == steps && (steps == 2 || m_.calls.empty()),
@@ -189,6 +178,7 @@ class Check {
 
   Mission& m_;
   const Records& records_;
+  std::string kind_;                            // of the error that came out
   bool is_cancelled_ = false, is_cut_ = false;  // cut: or the event loop was gone before
   int open_calls_ = 0, answers_ = 0;
 };

@@ -1,6 +1,5 @@
 #include "tests/world/mission.hpp"
 
-#include <algorithm>
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
@@ -63,27 +62,6 @@ Mission::Mission(World& in, std::string name, const Scenario& what)
       page(in, *this) {
   if (what.with.unreadable_context) context["attempts"] = "many";
   context_text = boost::json::serialize(context);
-}
-
-Duration Mission::unit_limit() const {
-  if (scenario.mode == Mode::act_loop) return 52s;
-  return scenario.mode == Mode::shadow || scenario.mode == Mode::observer ? 28s : never;
-}
-
-bool Mission::in_unit(std::string_view name) const {
-  return unit_limit() != never && (name == "screenshot" || name == "evaluate" || name == "create" || name == "hook");
-}
-
-std::exception_ptr Mission::thrown(Fault fault) {
-  return errors.emplace_back(planned_error(fault).error);
-}
-
-bool Mission::threw(const std::exception_ptr& what) const {
-  return std::find(errors.begin(), errors.end(), what) != errors.end();
-}
-
-void Mission::expect(bool holds, std::string_view text, std::string_view who) {
-  if (!holds) world.expect(false, std::string(text) + std::string(who) + " (" + id + ")");
 }
 
 void Mission::visit_begins(const Visit& visit) {

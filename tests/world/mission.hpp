@@ -1,5 +1,7 @@
 #pragma once
 
+#include <algorithm>
+
 #include "tests/world/world.hpp"
 #include "vision/client/vision_client.hpp"
 #include "vision/page/browser_page.hpp"
@@ -80,17 +82,26 @@ struct Mission {
   // Told by the world about every visit.
   void visit_begins(const Visit& visit);
   void visit_ended(const Visit& visit);
-  std::exception_ptr thrown(Fault fault);
-  bool threw(const std::exception_ptr& error) const;
+  std::exception_ptr thrown(Fault fault) { return errors.emplace_back(planned_error(fault).error); }
+  bool threw(const std::exception_ptr& what) const {
+    return std::find(errors.begin(), errors.end(), what) != errors.end();
+  }
 
   /// How long the screenshot and the ask of one step may take; `never` for modes
   /// without such a limit.
-  Duration unit_limit() const;
-  bool in_unit(std::string_view name) const;
+  Duration unit_limit() const {
+    if (scenario.mode == Mode::act_loop) return 52s;
+    return scenario.mode == Mode::shadow || scenario.mode == Mode::observer ? 28s : never;
+  }
+  bool in_unit(std::string_view name) const {
+    return unit_limit() != never && (name == "screenshot" || name == "evaluate" || name == "create" || name == "hook");
+  }
   /// What the answer allows the mission to do to the page.
   void answered(const Answer& answer);
   /// Writes down a breach of a promise; `who` is part of the text.
-  void expect(bool holds, std::string_view text, std::string_view who = "");
+  void expect(bool holds, std::string_view text, std::string_view who = {}) {
+    if (!holds) world.expect(false, std::string(text) + std::string(who) + " (" + id + ")");
+  }
 
   World& world;
   const std::string id;

@@ -13,58 +13,34 @@ namespace {
 
 using boost::json::object;
 
+asio::awaitable<object> finish(Visit visit, int run) {
+  co_await visit.mission.world.perform(visit);
+  const bool fails = visit.name == "step" && run <= visit.mission.scenario.with.failing_runs;
+  if (fails) std::rethrow_exception(visit.mission.thrown(Fault::page_error));
+  const object value = {{"text", long_text()}, {"run", run}, {"of", visit.name}};
+  co_return value;
+}
+
 // A host's callable: a visit whose value is told by its number.
-class Step {
- public:
-  Step(Mission& mission, std::string_view name) : mission_(mission), name_(name) {}
-
-  asio::awaitable<object> operator()() {
-    Visit visit = mission_.world.visit(mission_, name_);
-    if (name_ == "agent") visit.latency = runtime::to_duration(mission_.scenario.with.agent_seconds);
-    mission_.world.enter(visit);
-    return finish(visit, mission_.visits[name_]);
-  }
-
-  // The wrapper's agent.
-  asio::awaitable<object> operator()(BrowserPage&, const FlowContext& context, const std::string& reason) {
-    const std::string_view hint = context.at("context_hint").as_string();
-    mission_.expect(hint.starts_with("playwright failed: "), "5. the agent is not told of the failure");
-    const std::string told = mission_.calls.empty() ? "" : mission_.calls.back().reason;
-    mission_.expect(reason == (told.empty() ? long_text() : told), "5. the agent is told another reason");
-    return (*this)();
-  }
-
- private:
-  asio::awaitable<object> finish(Visit visit, int run) {
-    co_await mission_.world.perform(visit);
-    const bool fails = name_ == "step" && run <= mission_.scenario.with.failing_runs;
-    if (fails) std::rethrow_exception(mission_.thrown(Fault::page_error));
-    const object value = {{"text", long_text()}, {"run", run}, {"of", name_}};
-    co_return value;
-  }
-
-  Mission& mission_;
-  std::string_view name_;
-};
-
-struct Probe {
-  explicit Probe(Mission& m) : mission(m) {}
-  bool operator()() const {
-    mission.world.call(mission, "should_abort");
-    return mission.was_aborted = mission.visits["should_abort"] == mission.scenario.with.abort_at;
-  }
-  Mission& mission;
-};
+asio::awaitable<object> run(Mission& mission, std::string_view name) {
+  Visit visit = mission.world.visit(mission, name);
+  if (name == "agent") visit.latency = runtime::to_duration(mission.scenario.with.agent_seconds);
+  mission.world.enter(visit);
+  return finish(visit, mission.visits[name]);
+}
 
 asio::awaitable<void> run_act_loop(Mission& mission, VisionClient& client) {
   ActLoopOptions options(mission.context, mission.id);
   options.vision(client).max_steps(mission.scenario.with.max_steps).read_only(mission.scenario.with.read_only);
-  options.should_abort(Probe(mission));
+  options.should_abort([&mission] {
+    mission.world.call(mission, "should_abort");
+    return mission.was_aborted = mission.visits["should_abort"] == mission.scenario.with.abort_at;
+  });
   mission.result = co_await act_loop(mission.page, std::move(options));
 }
 
 asio::awaitable<void> run_shadow(Mission& mission, VisionClient& client) {
-  Step agent(mission, "agent");
+  auto agent = [&mission] { return run(mission, "agent"); };
   ObserverOptions options(mission.context, mission.id);
   options.vision(client);
   mission.value = co_await shadow_observe_then_cua(mission.page, std::move(agent), std::move(options));
@@ -77,11 +53,18 @@ asio::awaitable<void> run_observer(Mission& mission, VisionClient& client) {
 }
 
 asio::awaitable<void> run_wrapper(Mission& mission, VisionClient& client) {
-  Step step(mission, "step");
   FallbackOptions options(mission.context);
   options.vision(client);
+  auto step = [&mission] { return run(mission, "step"); };
   std::function<asio::awaitable<object>(BrowserPage&, const FlowContext&, const std::string&)> agent;
-  if (mission.scenario.with.has_agent) agent = Step(mission, "fallback");
+  const auto fallback = [&mission](BrowserPage&, const FlowContext& context, const std::string& reason) {
+    const std::string_view hint = context.at("context_hint").as_string();
+    mission.expect(hint.starts_with("playwright failed: "), "5. the agent is not told of the failure");
+    const std::string told = mission.calls.empty() ? "" : mission.calls.back().reason;
+    mission.expect(reason == (told.empty() ? long_text() : told), "5. the agent is told another reason");
+    return run(mission, "fallback");
+  };
+  if (mission.scenario.with.has_agent) agent = fallback;
   auto result = co_await with_vision_fallback(mission.page, std::move(step), std::move(options), std::move(agent));
   if (result.index() == 0) mission.value = std::get<0>(result);
   if (result.index() == 1) mission.result = std::get<1>(result);
