@@ -26,46 +26,20 @@ TEST(Report, HostileTextStaysText) {
 }
 
 TEST(Verdict, IsRightOnlyWithTheRightAnswerAndTheRightPerson) {
-  const struct {
-    const char *action, *reason, *expected;
-    bool invited;
-    const char* sentence;  // its beginning; empty for a success
-  } cases[] = {
+  const std::tuple<const char*, const char*, const char*, bool, std::string> rows[] = {
       {"declare_success", "a/b", "a/b", true, ""},
       {"declare_success", "a/c", "a/b", true, "The answer is wrong: the application says a/b, the model reported a/c."},
       {"declare_success", "", "", true, "The answer is wrong: the application has given out no link."},
       {"declare_success", "a/b", "a/b", false, "The answer is right, but"},
       {"escalate_to_cua", "a/b", "a/b", true, "The mission did not succeed: a/b."},
-      {"declare_failure", "unexpected error: AuthenticationError: no", "", false, "The mission did not succeed: unex"},
   };
-  for (const auto& c : cases) {
-    MissionEnd end{vision::ActionResult(c.action, c.reason, 0.9, "")};
-    end.expected = c.expected;
-    end.invited_rightly = c.invited;
-    EXPECT_EQ(end.right(), *c.sentence == '\0');
-    EXPECT_EQ(failure_sentence(end).rfind(c.sentence, 0), 0u) << failure_sentence(end);
-    EXPECT_EQ(failure_sentence(end).empty(), end.right());
+  for (const auto& [action, reason, expected, invited, sentence] : rows) {
+    MissionEnd end{vision::ActionResult(action, reason, 0.9, "")};
+    end.expected = expected;
+    end.invited_rightly = invited;
+    EXPECT_EQ(end.right(), sentence.empty());
+    EXPECT_EQ(failure_sentence(end).substr(0, end.right() ? std::string::npos : sentence.size()), sentence);
   }
-}
-
-TEST(Options, HostedModelNeedsANameAndAKey) {
-  const auto choose = [](const DemoOptions& options, const char* key, const char* heavy) {
-    return choose_model(options, [=](const char* name) -> const char* {
-      if (std::string(name) == "ANTHROPIC_API_KEY") return key;
-      return std::string(name) == "VISION_HEAVY_MODEL" ? heavy : nullptr;
-    });
-  };
-  EXPECT_TRUE(choose({}, nullptr, "h").local);
-  EXPECT_TRUE(choose({}, "", "h").local);
-  EXPECT_TRUE(choose(parse_options({"--local"}), "k", "h").local);
-  EXPECT_THROW(choose({}, "k", nullptr), UsageError);
-  const ModelChoice one = choose({}, "k", "h");
-  EXPECT_EQ(one.light + "/" + one.heavy, "h/h");
-  const ModelChoice two = choose(parse_options({"--light", "l"}), "k", "h");
-  EXPECT_EQ(two.light + "/" + two.heavy, "l/h");
-  const std::vector<std::string> bad[] = {{"--dpr=2"},      {"--width"},        {"--dpr", "nan"},
-                                          {"--width", "0"}, {"--width", "1e3"}, {"--max-steps", "-1"}};
-  for (const auto& arguments : bad) EXPECT_THROW(parse_options(arguments), UsageError) << arguments.back();
 }
 
 }  // namespace
