@@ -110,11 +110,10 @@ class Soak {
 
  private:
   void launch(asio::io_context& io) {
-    for (std::uint64_t i = 0; i < settings_.missions / Lane::size; ++i) {
+    for (std::uint64_t i = 0; i < settings_.missions / lane_size; ++i) {
       const std::uint64_t number = settings_.seed * 1'000'003 + launched_++;
       const asio::any_io_executor strand = asio::make_strand(io.get_executor());
-      auto lane = std::make_shared<Lane>(strand, number % 16 == 0 ? nobody_ : model_, number, reports_);
-      asio::post(strand, [lane] { lane->start(); });
+      start_lane(strand, number % 16 == 0 ? nobody_ : model_, number, reports_);
     }
   }
 
@@ -125,7 +124,7 @@ class Soak {
 
   void run_to_the_end() {
     launch(loop_.io);
-    wait_for(settings_.missions / Lane::size);
+    wait_for(settings_.missions / lane_size);
     for (const LaneReport& lane : reports_.lanes) {
       for (const Ended& mission : lane.missions) expect(mission.end != End::none, mission.id + " did not end");
     }
@@ -135,7 +134,7 @@ class Soak {
   }
 
   void destroy_in_the_middle() {
-    const std::size_t before = reports_.lanes.size(), lanes = settings_.missions / Lane::size;
+    const std::size_t before = reports_.lanes.size(), lanes = settings_.missions / lane_size;
     auto doomed = std::make_unique<Loop>(settings_.threads);
     const auto time = doomed->time;
     launch(doomed->io);
@@ -171,7 +170,7 @@ class Soak {
     }
     for (const LaneReport& lane : reports_.lanes) check(lane, records);
     expect(shadow_log_losses() == 0, "records were lost");
-    missions_ += reports_.lanes.size() * Lane::size;
+    missions_ += reports_.lanes.size() * lane_size;
     reports_.lanes = {};
     fs::remove_all("logs");
     fs::remove_all("tests");
