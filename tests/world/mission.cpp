@@ -67,8 +67,8 @@ Mission::Mission(World& in, std::string name, const Scenario& what)
 void Mission::visit_begins(const Visit& visit) {
   const std::string_view name = visit.name;
   ++visits[name];
-  const bool is_first_agent = name == "agent" && visit.start == started;
-  expect(!cancelled_at || was_cancelled_in_call || is_first_agent, "9. begun after the cancellation: ", name);
+  expect(name != "agent" || visit.start == started, "3. the agent had to wait for vision");
+  expect(!cancelled_at || was_cancelled_in_call || name == "agent", "9. begun after the cancellation: ", name);
   expect(!was_aborted, "7. begun after the abort: ", name);
   if (is_page_action(name)) {
     ++actions;
