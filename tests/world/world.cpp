@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <boost/asio/this_coro.hpp>
 #include <iostream>
+#include <sstream>
 
 #include "tests/world/mission.hpp"
 
@@ -45,6 +46,11 @@ Duration Time::next_limit() {
 
 World::World(const Run& run) : spec(run), time(std::make_shared<Time>(*this, *io)), rng_(run.seed) {
   runtime::install_time_source(*io, time);
+  std::istringstream faults(run.plan);
+  for (std::string fault; std::getline(faults, fault, ',');) {
+    const auto colon = fault.find(':');
+    plan_[fault.substr(0, colon)] = fault_named(fault.substr(colon + 1));
+  }
   current = this;
 }
 
@@ -60,12 +66,8 @@ void World::trace(const std::string& event) {
 }
 
 Fault World::planned(const char* place, std::size_t number) const {
-  if (spec.plan.empty()) return Fault::none;
-  const std::string key = place + std::to_string(number) + ":";
-  const auto at = spec.plan.find(key);
-  if (at == std::string::npos) return Fault::none;
-  const std::string rest = spec.plan.substr(at + key.size());
-  return fault_named(rest.substr(0, rest.find(',')));
+  const auto found = plan_.empty() ? plan_.end() : plan_.find(place + std::to_string(number));
+  return found == plan_.end() ? Fault::none : found->second;
 }
 
 Fault World::pass(Kind kind, std::string_view name) {

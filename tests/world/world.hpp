@@ -62,6 +62,7 @@ class Time : public test::VirtualTime {
 
 class World {
  public:
+  /// Throws std::invalid_argument when the plan names a fault that is none.
   explicit World(const Run& run);
   ~World();
   World(const World&) = delete;
@@ -140,6 +141,7 @@ class World {
   bool cancel_all();
   void end_loop();
 
+  std::map<std::string, Fault> plan_;
   std::mt19937_64 rng_;
   bool ends_loop_ = false, can_go_on_ = false;
   std::optional<Duration> stands_for_;  // the worker, in the middle of its job

@@ -160,9 +160,15 @@ int run(std::vector<std::string> words) {
   };
   if (words[0] == "replay") return replay(words[1], number(2, 0), words[3]);
   try {
-    if (words[0] == "single") campaign.singles();
-    if (words[0] == "pairs") campaign.pairs(number(1, 1));
-    if (words[0] == "random") campaign.random(number(1, 400), number(2, 1000));
+    if (words[0] == "single") {
+      campaign.singles();
+    } else if (words[0] == "pairs") {
+      campaign.pairs(number(1, 1));
+    } else if (words[0] == "random") {
+      campaign.random(number(1, 400), number(2, 1000));
+    } else {
+      throw std::invalid_argument("no part is named \"" + words[0] + "\"");
+    }
   } catch (const Stopped&) {
   }
   return campaign.finish(words[0]);
