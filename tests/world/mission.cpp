@@ -159,10 +159,7 @@ asio::awaitable<boost::json::value> Host::respond(Visit visit, std::size_t place
     give_up(mission, mission.calls[place], mission.threw(std::current_exception()) ? visit.fault : Fault::none);
     throw;
   }
-  co_return answer(mission, mission.calls[place]);
-}
-
-boost::json::value Host::answer(Mission& mission, Call& call) {
+  Call& call = mission.calls[place];
   const auto& answers = mission.scenario.answers;
   call.answer = mission.next_answer < answers.size() ? answers[mission.next_answer] : Answer{"escalate_to_cua"};
   const std::string& verb = call.answer.verb;
@@ -176,7 +173,7 @@ boost::json::value Host::answer(Mission& mission, Call& call) {
   if (rest == 0s) call.fate = Fate::either;
   if (rest < 0s || mission.cancelled_at) call.fate = Fate::dropped;
   if (call.fate != Fate::dropped) mission.answered(call.answer);
-  return boost::json::parse(response_to(call.answer));
+  co_return boost::json::parse(response_to(call.answer));
 }
 
 // A request that failed, or that was ended from outside.

@@ -148,7 +148,6 @@ class Host : private MessagesClient {
   asio::awaitable<boost::json::value> create(const MessagesRequest& request) override;
   Call& call_of(Mission& mission, const MessagesRequest& request);
   asio::awaitable<boost::json::value> respond(Visit visit, std::size_t place);
-  boost::json::value answer(Mission& mission, Call& call);
   void give_up(Mission& mission, Call& call, Fault fault);
   asio::awaitable<void> hook(const ActionResult& result, const FlowContext& context);
 

@@ -121,7 +121,7 @@ class Campaign {
     const auto is_new = [&](const auto& text) { return ++messages_[text.substr(0, text.find(" (m"))] == 1; };
     if (std::count_if(report.violations.begin(), report.violations.end(), is_new) > 0) {
       const std::string name = run.scenario ? run.scenario->name : "random";
-      std::cout << "world_test replay " << name << " " << run.seed << " " << run.plan << "\n";
+      std::cout << "world_test replay " << name << " " << run.seed << (run.plan.empty() ? "" : " ") << run.plan << "\n";
       for (const auto& violation : report.violations) std::cout << "  " << violation << "\n";
     }
     if (stops_at_first_) throw Stopped();
