@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -123,7 +124,7 @@ inline pid_t main_process(const std::string& profiles) {
     const auto line = vision::test::read_file("/proc/" + std::to_string(id) + "/cmdline");
     if (line.starts_with("/") && line.find("--type=") == line.npos) return id;
   }
-  return -1;
+  throw std::runtime_error("no browser runs in " + profiles);
 }
 
 /// Runs a mission and gives its verdict as "action: reason".

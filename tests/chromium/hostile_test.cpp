@@ -2,7 +2,7 @@
 #include <sys/mount.h>
 
 #include <boost/asio/ip/tcp.hpp>
-#include <regex>
+#include <fstream>
 
 #include "tests/chromium/browser_fixture.hpp"
 #include "tests/support/scripted.hpp"
@@ -53,17 +53,25 @@ class HostileWorld {
 struct Misbehaviour {
   const char* name;
   std::string on_click;                                           // what the page does when it is clicked
-  std::string ending;                                             // of the mission: a regular expression
-  std::function<void(const std::string& profiles)> befalls = {};  // what happens before that to the browser
+  std::string ending;                                             // of the mission, or a part of it
+  std::function<void(const std::string& profiles)> befalls = {};  // what happens to the browser before the click
   bool hangs = false;                                             // for ever, once on_click or befalls has begun
-  std::function<bool(const std::string& profiles)> before = {};   // before the launch; false: cannot be tried here
 };
 
 const std::string success = "declare_success: because";
-const std::string timed_out =
-    R"(escalate_to_cua: execute_action\(click\) failed at step 1: TimeoutError: Input.dispatchMouseEvent: Timeout 30000ms.*)";
-const std::string page_closed = "escalate_to_cua: .*PageClosedError: Target page, context or browser has been closed.*";
+const std::string timed_out = "failed at step 1: TimeoutError: Input.dispatchMouseEvent: Timeout 30000ms exceeded";
+const std::string page_closed = closed + " (the browser has exited or ended the connection)";
 
+std::function<void(const std::string&)> signalled(int signal) {
+  return [signal](const std::string& profiles) { ::kill(main_process(profiles), signal); };
+}
+
+void fill_disk(const std::string& profiles) {
+  std::ofstream rest(profiles + "/rest");
+  while (rest << std::string(4096, 'x') << std::flush) continue;
+}
+
+const char* const full_disk = "a full disk";
 const Misbehaviour misbehaviours[] = {
     {"dialogs", "alert(1), confirm(2), prompt(3)", success},
     {"a window with a dialog", "window.open('about:blank').document.write('<script>alert(1)</' + 'script>')", success},
@@ -76,21 +84,13 @@ const Misbehaviour misbehaviours[] = {
     {"another document in mid-step", "document.open(), document.write('gone'), document.close()", success},
     {"reloading without end", "name = 'again', location.reload()", success},
     {"frames without end", "setInterval(() => document.body.append(document.createElement('iframe')), 1)", success},
-    {"a script without end", "TELL for (;;);", timed_out, {}, true},
-    {"dialogs without end", "TELL for (;;) alert(1)", timed_out, {}, true},
-    {"a browser that stops", "", timed_out,
-     [](const std::string& profiles) { ::kill(main_process(profiles), SIGSTOP); }, true},
-    {"a browser that is killed", "", page_closed,
-     [](const std::string& profiles) { ::kill(main_process(profiles), SIGKILL); }},
-    {"a browser that crashes", "", page_closed,
-     [](const std::string& profiles) { ::kill(main_process(profiles), SIGSEGV); }},
-    // A browser without room for its profile may go on or end; both were seen.
-    {"a full disk",
-     "",
-     success + "|" + page_closed,
-     {},
-     false,
-     [](const std::string& profiles) { return ::mount("none", profiles.c_str(), "tmpfs", 0, "size=2m") == 0; }},
+    {"a script without end", "for (;;);", timed_out, {}, true},
+    {"dialogs without end", "for (;;) alert(1)", timed_out, {}, true},
+    {"a browser that stops", "", timed_out, signalled(SIGSTOP), true},
+    {"a browser that is killed", "", page_closed, signalled(SIGKILL)},
+    {"a browser that crashes", "", page_closed, signalled(SIGSEGV)},
+    // It was started with room for its files, so that it only fails to write more.
+    {full_disk, "", success, fill_disk},
 };
 
 TEST(Hostile, AMissionEndsInItsDocumentedValueAndNothingIsLeft) {
@@ -99,18 +99,19 @@ TEST(Hostile, AMissionEndsInItsDocumentedValueAndNothingIsLeft) {
   for (const auto& row : misbehaviours) {
     SCOPED_TRACE(row.name);
     const ProfilesHere profiles;
-    if (row.before && !row.before(profiles.path())) {
+    const bool mounts = row.name == full_disk;
+    if (mounts && ::mount("none", profiles.path().c_str(), "tmpfs", 0, "size=64m") != 0) {
       std::printf("not tried, for want of rights: %s\n", row.name);
       continue;
     }
     HostileWorld world;
-    const std::string act = std::regex_replace(row.on_click, std::regex("TELL"), world.tell());
+    const std::string act = (row.hangs ? world.tell() : "") + row.on_click;
     auto model = std::make_shared<vision::test::ScriptedModel>();
     model->answer(proposal("click", 0.9, R"(, "x_ratio": 0.5, "y_ratio": 0.5)"), 0)
         .answer(proposal("declare_success", 0.9), 0);
     VisionClientOptions hooks;
-    hooks.on_action([&](const ActionResult&, const FlowContext&) -> asio::awaitable<void> {
-      if (row.befalls && !world.hangs) {
+    hooks.on_action([&](const ActionResult& result, const FlowContext&) -> asio::awaitable<void> {
+      if (row.befalls && result.action == "click") {
         row.befalls(profiles.path());
         world.hangs = row.hangs;
       }
@@ -125,7 +126,7 @@ TEST(Hostile, AMissionEndsInItsDocumentedValueAndNothingIsLeft) {
         page_url("<body style='height:700px' onclick=\"" + act +
                  "\"><a id=gift download=gift href='data:,x'></a><script>if (name) location.reload()</script>")));
     const std::string ending = run(verdict_of(*page, std::move(mission)));
-    EXPECT_TRUE(std::regex_match(ending, std::regex(row.ending))) << ending;
+    EXPECT_THAT(ending, testing::HasSubstr(row.ending));
     const bool downloads = row.on_click.starts_with("gift");
     for (fs::recursive_directory_iterator file(profiles.path()); downloads && file != fs::end(file); ++file) {
       EXPECT_NE(file->path().stem(), "gift");
@@ -134,21 +135,10 @@ TEST(Hostile, AMissionEndsInItsDocumentedValueAndNothingIsLeft) {
     world.hangs = world.pauses_pass = false;
     if (!row.befalls) run(browser->close());
     browser.reset();
-    if (row.before) ::umount2(profiles.path().c_str(), MNT_DETACH);
+    fs::remove(profiles.path() + "/rest");
     EXPECT_TRUE(profiles.empty());
+    if (mounts) ::umount2(profiles.path().c_str(), MNT_DETACH);
   }
-}
-
-TEST(Hostile, WindowsCloseWithThePageThatOpenedThem) {
-  auto browser = run(launch());
-  auto page = run(browser->new_page()), other = run(browser->new_page());
-  run(page->navigate(page_url("<body style='height:700px' onclick=\"window.open('about:blank')\">")));
-  run(page->mouse().click(50, 50));
-  while (run(browser->pages()).size() < 3) continue;
-  run(page->close());
-  while (run(browser->pages()).size() > 1) continue;
-  EXPECT_EQ(run(browser->pages())[0].target_id, other->target_id());
-  run(browser->close());
 }
 
 }  // namespace

@@ -9,8 +9,6 @@ namespace {
 const std::string recorder = R"(<!doctype html><title>recorder</title><body style="margin:0;height:3000px">
 <button id=button style="position:absolute;left:100px;top:50px;width:80px;height:30px">B</button>
 <textarea id=area style="position:absolute;left:100px;top:100px;width:300px;height:60px"></textarea>
-<div id=list style="position:absolute;left:500px;top:100px;width:200px;height:200px;overflow:auto">
-<div style="height:2000px"></div></div>
 <script>
 var log = [];
 const held = e => (e.ctrlKey ? 'C' : '') + (e.shiftKey ? 'S' : '') + (e.altKey ? 'A' : '') + (e.metaKey ? 'M' : '');
@@ -34,23 +32,22 @@ class Input : public PageTest {
   }
   std::string log() { return run(page_->evaluate("log.splice(0).join('|')")).as_string().c_str(); }
   std::string area() { return run(page_->evaluate("area.value")).as_string().c_str(); }
+  void focus_with(const std::string& text) {
+    run(page_->evaluate("area.value = " + text::to_json(json::value(text)) + "; area.focus()"));
+  }
 };
 
 TEST_F(Input, MouseClicksAndScrollsWhereItIs) {
+  run(page_->mouse().wheel(0, 300));
+  EXPECT_EQ(value_of(*page_, "until(() => scrollY === 300)"), "true");
+  EXPECT_EQ(log(), "wheel 0 0 0 300") << "the mouse starts in the corner";
+  run(page_->evaluate("scrollTo(0, 0)"));
   run(page_->mouse().click(139.5, 65));
   EXPECT_EQ(log(), "mousedown 139 65 1 button|mouseup 139 65 0 button|click 139 65 0 button");
-
-  run(page_->mouse().click(600, 150));
-  log();
   run(page_->mouse().wheel(0, 240));
-  EXPECT_EQ(value_of(*page_, "until(() => list.scrollTop === 240)"), "true");
-  EXPECT_EQ(log(), "wheel 600 150 0 240");
+  EXPECT_EQ(value_of(*page_, "until(() => scrollY === 240)"), "true");
+  EXPECT_EQ(log(), "wheel 139 65 0 240");
   run(page_->mouse().wheel(0, 0));
-
-  auto fresh = run(browser_->new_page());
-  run(fresh->navigate(page_url(recorder)));
-  run(fresh->mouse().wheel(0, 300));
-  EXPECT_EQ(value_of(*fresh, "until(() => scrollY === 300)"), "true") << "the mouse starts in the corner";
 
   const double nan = std::numeric_limits<double>::quiet_NaN();
   EXPECT_EQ(error_of(page_->mouse().click(1, nan)), "invalid_argument: mouse.click: y is nan, not a finite number");
@@ -59,58 +56,36 @@ TEST_F(Input, MouseClicksAndScrollsWhereItIs) {
 }
 
 TEST_F(Input, TypesAnyText) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"Hello, World!", "Hello, World!"},
+  const std::pair<std::string, std::string> rows[] = {
       {"~`|\\{}[]\"'<>?", "~`|\\{}[]\"'<>?"},
       {"gr\u00fc\u00df \U0001F600 \u4f60", "gr\u00fc\u00df \U0001F600 \u4f60"},
       {"one\ntwo\r\nthree\rfour", "one\ntwo\nthree\nfour"},
       {"bad\xff\xc3(", "bad\ufffd\ufffd("},
       {"", ""},
   };
-  run(page_->evaluate("area.focus()"));
-  for (const auto& [text, expected] : cases) {
-    run(page_->evaluate("area.value = ''"));
-    run(page_->keyboard().type(text, milliseconds(0)));
+  for (const auto& [text, expected] : rows) {
+    focus_with("");
+    run(page_->keyboard().type(text, milliseconds(1)));
     EXPECT_EQ(area(), expected);
   }
-  log();
-  run(page_->evaluate("area.value = ''"));
-  run(page_->keyboard().type("aB\u00fc", milliseconds(1)));
-  EXPECT_EQ(log(),
-            "keydown a KeyA|keypress a KeyA|input a|keyup a KeyA|keydown B KeyB|keypress B KeyB|input B|keyup B KeyB|"
-            "input \u00fc");
 }
 
 TEST_F(Input, PressesKeysAndChords) {
-  struct Case {
-    const char* before;
-    const char* chord;
-    const char* after;
-    const char* events;
-  };
-  const Case cases[] = {
-      {"ab", "Enter", "ab\n", "keydown Enter Enter|keypress Enter Enter|input insertLineBreak|keyup Enter Enter"},
-      {"ab", "Backspace", "a", "keydown Backspace Backspace|input deleteContentBackward|keyup Backspace Backspace"},
-      {"", "Shift+a", "A",
+  const std::tuple<const char*, const char*, const char*> rows[] = {
+      {"Enter", "ab\n", "keydown Enter Enter|keypress Enter Enter|input insertLineBreak|keyup Enter Enter"},
+      {"Shift+a", "abA",
        "keydown Shift ShiftLeft S|keydown A KeyA S|keypress A KeyA S|input A|keyup A KeyA S|keyup Shift ShiftLeft"},
-      {"", "Shift+Digit1", "!",
-       "keydown Shift ShiftLeft S|keydown ! Digit1 S|keypress ! Digit1 S|input !|keyup ! Digit1 S|keyup Shift "
-       "ShiftLeft"},
-      {"", "Control++", "",
-       "keydown Control ControlLeft C|keydown + Equal C|keyup + Equal C|keyup Control ControlLeft"},
-      {"", "Control+Shift+T", "",
+      {"Control+Shift+T", "ab",
        "keydown Control ControlLeft C|keydown Shift ShiftLeft CS|keydown T KeyT CS|keyup T KeyT CS|keyup Shift "
        "ShiftLeft C|keyup Control ControlLeft"},
-      {"", "AltRight+x", "", "keydown Alt AltRight A|keydown x KeyX A|keyup x KeyX A|keyup Alt AltRight"},
-      {"", "F5", "", "keydown F5 F5|keyup F5 F5"},
+      {"F5", "ab", "keydown F5 F5|keyup F5 F5"},
   };
-  for (const auto& c : cases) {
-    run(page_->evaluate("area.value = " + text::to_json(json::value(c.before)) + "; area.focus()"));
-    run(page_->keyboard().press(c.chord));
-    EXPECT_EQ(area(), c.after) << c.chord;
-    EXPECT_EQ(log(), c.events) << c.chord;
+  for (const auto& [chord, after, events] : rows) {
+    focus_with("ab");
+    run(page_->keyboard().press(chord));
+    EXPECT_EQ(area(), after) << chord;
+    EXPECT_EQ(log(), events) << chord;
   }
-  run(page_->evaluate("area.value = 'to be replaced'"));
   run(page_->keyboard().press("ControlOrMeta+a"));
   run(page_->keyboard().type("new", milliseconds(0)));
   EXPECT_EQ(area(), "new");
@@ -133,62 +108,57 @@ TEST_F(Input, NothingStaysPressedAfterACancel) {
   press.cancel();
   click.error();
   press.error();
-  EXPECT_EQ(
-      value_of(*page_,
-               "until(() => log.some(x => x.startsWith('mouseup')) && "
-               "log.filter(x => x.startsWith('keyup')).length >= log.filter(x => x.startsWith('keydown')).length)"),
-      "true");
+  run(page_->evaluate("count = type => log.filter(x => x.startsWith(type)).length"));
+  EXPECT_EQ(value_of(*page_, "until(() => count('mouseup') && count('keyup') >= count('keydown'))"), "true");
 }
 
-std::pair<unsigned, unsigned> png_size(const Bytes& png) {
+std::string png_size(const Bytes& png) {
   EXPECT_EQ(png.view().substr(0, 8), "\x89PNG\r\n\x1a\n");
   EXPECT_EQ(png.view().substr(png.size() - 8, 4), "IEND");
-  const auto number = [&](std::size_t at) {
-    unsigned out = 0;
-    for (std::size_t i = at; i < at + 4; ++i) out = out << 8 | static_cast<unsigned char>(png.view()[i]);
-    return out;
-  };
-  return {number(16), number(20)};
+  const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(png.view()[at]); };
+  return std::to_string(byte(18) << 8 | byte(19)) + " x " + std::to_string(byte(22) << 8 | byte(23));
 }
 
 TEST_F(PageTest, ScreenshotsHaveTheRightSize) {
-  const std::pair<double, unsigned> ratios[] = {{1, 1}, {2, 2}};
-  for (const auto& [ratio, factor] : ratios) {
-    PageOptions options;
-    options.viewport(640, 400).device_pixel_ratio(ratio);
-    auto page = run(browser_->new_page(options));
+  const std::tuple<double, const char*, const char*> rows[] = {{1, "640 x 400", "640 x 1500"},
+                                                               {2, "1280 x 800", "1280 x 3000"}};
+  for (const auto& [ratio, viewport, whole] : rows) {
+    auto page = run(browser_->new_page(PageOptions().viewport(640, 400).device_pixel_ratio(ratio)));
     run(page->navigate(page_url("<body style='margin:0;height:1500px;background:linear-gradient(red,blue)'>")));
     const Bytes small = run(page->screenshot({}));
     page->optimize_for_speed(true);
     const Bytes fast = run(page->screenshot({}));
-    EXPECT_EQ(png_size(small), std::pair(640 * factor, 400 * factor));
-    EXPECT_EQ(png_size(fast), png_size(small));
+    EXPECT_EQ(png_size(small), viewport);
+    EXPECT_EQ(png_size(fast), viewport);
     EXPECT_GT(fast.size(), small.size());
-    EXPECT_EQ(png_size(run(page->screenshot(ScreenshotOptions().full_page(true)))),
-              std::pair(640 * factor, 1500 * factor));
+    EXPECT_EQ(png_size(run(page->screenshot(ScreenshotOptions().full_page(true)))), whole);
     EXPECT_EQ(text::to_json(*page->viewport_size()), R"({"width": 640, "height": 400})");
-    EXPECT_EQ(value_of(*page, "[innerWidth, innerHeight, devicePixelRatio]"),
-              "[640, 400, " + std::to_string(factor) + "]");
   }
   EXPECT_EQ(error_of(browser_->new_page(PageOptions().viewport(0, 5))),
             "invalid_argument: a viewport of 0 by 5 pixels");
+  EXPECT_EQ(error_of(browser_->new_page(PageOptions().device_pixel_ratio(0))),
+            "invalid_argument: a device pixel ratio of 0.000000");
 }
 
-TEST_F(PageTest, AHiddenPageIsShown) {
+TEST_F(PageTest, WindowsAreShownAndCloseWithThePageThatOpenedThem) {
+  auto other = run(browser_->new_page());
   open("<body onclick=\"window.open('about:blank')\" style='height:500px'>");
   run(page_->mouse().click(50, 50));
-  std::shared_ptr<ChromiumPage> tab;
+  std::shared_ptr<ChromiumPage> window;
   for (const auto& info : run(browser_->pages())) {
-    if (info.target_id != page_->target_id()) tab = run(browser_->attach(info.target_id));
+    const bool known = info.target_id == page_->target_id() || info.target_id == other->target_id();
+    if (!known) window = run(browser_->attach(info.target_id));
   }
-  ASSERT_TRUE(tab);
-  EXPECT_FALSE(run(page_->screenshot({})).empty());  // in front of the tab that was opened over it
-  EXPECT_EQ(value_of(*tab,
+  ASSERT_TRUE(window);
+  EXPECT_FALSE(run(page_->screenshot({})).empty());  // in front of the window that was opened over it
+  EXPECT_EQ(value_of(*window,
                      "new Promise(done => { const look = () => document.visibilityState === 'hidden' ? "
                      "done(true) : setTimeout(look, 5); look(); })"),
             "true");
-  EXPECT_FALSE(run(tab->screenshot({})).empty());
-  run(tab->close());
+  EXPECT_FALSE(run(window->screenshot({})).empty());
+  run(page_->close());
+  while (run(browser_->pages()).size() > 1) continue;
+  EXPECT_EQ(run(browser_->pages())[0].target_id, other->target_id());
 }
 
 TEST_F(PageTest, DialogsAreDismissed) {
@@ -202,39 +172,29 @@ TEST_F(PageTest, DialogsAreDismissed) {
 }
 
 TEST_F(PageTest, EvaluateGivesValuesAndErrors) {
-  std::string deep = "1";
-  for (int i = 0; i < 100; ++i) deep = "[" + deep + "]";
-  const std::pair<std::string, std::string> cases[] = {
+  const std::string deep = std::string(100, '[') + "1" + std::string(100, ']');
+  const std::pair<std::string, std::string> rows[] = {
       {"({a: [1, 2.5, 'x', null, true]})", R"({"a": [1, 2.5, "x", null, true]})"},
       {"Promise.resolve(7)", "7"},
-      {"undefined", "null"},
       {"[NaN, 1/0].map(x => x)", "[null, null]"},
-      {"NaN", "null"},
       {"-Infinity", "null"},
-      {"-0", "0"},
       {"12n", "12"},
       {"2n ** 70n", "null"},
-      {"() => 1", "null"},
-      {"Symbol('s')", "null"},
       {"window", "null"},
-      {"'\\ud800x\\\\ud800'", R"("\ufffdx\\ud800")"},
-      {"'\u00fc\U0001F600'", R"("\u00fc\ud83d\ude00")"},
+      {"'\\ud800x\\\\ud800\u00fc\U0001F600'", R"("\ufffdx\\ud800\u00fc\ud83d\ude00")"},
+      {"'\\xe4'.repeat(3e6).length", "3000000"},
       {deep, deep},
       {"noSuchName", "EvaluationError: ReferenceError: noSuchName is not defined"},
-      {"(() => { throw new TypeError('two\\nlines') })()", "EvaluationError: TypeError: two\nlines"},
       {"(() => { throw 'plain' })()", "EvaluationError: plain"},
-      {"(() => { throw {a: 1} })()", "EvaluationError: Object"},
       {"Promise.reject(5)", "EvaluationError: 5"},
       {"1 +", "EvaluationError: SyntaxError: Unexpected end of input"},
+      {"JSON.parse('['.repeat(270) + ']'.repeat(270))", "BrowserError: unreadable message from the browser: too deep"},
   };
-  for (const auto& [expression, expected] : cases) {
+  for (const auto& [expression, expected] : rows) {
     Running<json::value> evaluation(page_->evaluate(expression));
     const std::string error = evaluation.error();
     EXPECT_EQ(error == "no error" ? text::to_json(evaluation.get()) : error, expected) << expression;
   }
-  EXPECT_EQ(error_of(page_->evaluate("JSON.parse('['.repeat(270) + ']'.repeat(270))")),
-            "BrowserError: unreadable message from the browser: too deep");
-  EXPECT_EQ(value_of(*page_, "'\\xe4'.repeat(3e6).length"), "3000000");
 }
 
 }  // namespace
