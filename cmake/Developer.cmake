@@ -31,8 +31,9 @@ if(VISION_SANITIZE)
 endif()
 
 if(VISION_COVERAGE)
-  # The tests too: they are what instantiates the templates of the public headers.
-  add_compile_options(-fprofile-instr-generate -fcoverage-mapping)
-  # One file per program, to which each of its runs adds.
-  add_link_options(-fprofile-instr-generate=${PROJECT_BINARY_DIR}/profiles/%m.profraw)
+  # One file per program, to which each of its runs adds. The tests are counted too:
+  # they are what instantiates the templates of the public headers.
+  set(VISION_PROFILE -fprofile-instr-generate=${PROJECT_BINARY_DIR}/profiles/%m.profraw)
+  add_compile_options(${VISION_PROFILE} -fcoverage-mapping)
+  add_link_options(${VISION_PROFILE})
 endif()
