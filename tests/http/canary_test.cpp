@@ -55,7 +55,6 @@ std::vector<Reply> replies(const std::string& echo) {
   out.push_back({"HTTP/1.1 200 OK\r\ncontent-length: " + echo + "\r\n\r\n", Then::close});
   out.push_back({response("200 OK", tool_call(R"({"action": )" + quoted + R"(, "reason": )" + quoted + R"(, "key": )" +
                                               quoted + ", " + quoted + ": {" + quoted + R"(: 1}, "confidence": 1})"))});
-  out.push_back({"", Then::reset});
   return out;
 }
 

@@ -3,8 +3,6 @@
 #include <openssl/x509v3.h>
 
 #include "tests/http/http_world.hpp"
-#include "tests/support/scripted.hpp"
-#include "vision/client/response.hpp"
 
 namespace vision {
 namespace {
@@ -44,7 +42,6 @@ TEST(HttpFailure, EveryStatusHasItsError) {
       {"401 Unauthorized", "request-id: req_2\r\n",
        vendor_error("authentication_error", "invalid x-api-key " + api_key),
        "AuthenticationError: invalid x-api-key [API key] (HTTP 401, authentication_error, request req_2)"},
-      {"402 X", "", vendor_error("t", "no credit"), "APIStatusError: no credit (HTTP 402, t)"},
       {"403 X", "", vendor_error("t", "no"), "PermissionDeniedError: no (HTTP 403, t)"},
       {"404 X", "", vendor_error("t", "model: model-x"), "NotFoundError: model: model-x (HTTP 404, t)"},
       {"409 X", "", vendor_error("t", "m"), "ConflictError: m (HTTP 409, t)"},
@@ -52,12 +49,10 @@ TEST(HttpFailure, EveryStatusHasItsError) {
       {"422 X", "", vendor_error("t", "a\\n\\u001b["), "UnprocessableEntityError: a\\n\\u001b[ (HTTP 422, t)"},
       {"429 X", "retry-after: 3\r\n", vendor_error("t", "slow down"), "RateLimitError: slow down (HTTP 429, t)"},
       {"500 X", "Request-Id: a\tb\r\n", "", "InternalServerError: Internal Server Error (HTTP 500, request a\\tb)"},
-      {"502 X", "", "", "InternalServerError: Bad Gateway (HTTP 502)"},
       {"503 X", "", std::string(195, 'x') + api_key,
        "InternalServerError: Service Unavailable: " + std::string(195, 'x') + "[API ... (HTTP 503)"},
       {"504 X", "content-encoding: gzip\r\n", "\x1f\x8b\x08", "InternalServerError: Gateway Timeout (HTTP 504)"},
       {"529 X", "", R"({"error": ["\u0000"]})", R"(InternalServerError: Overloaded: {"error": ["\u0000"]} (HTTP 529))"},
-      {"598 X", "", "\xff", "InternalServerError: unknown status: \xef\xbf\xbd (HTTP 598)"},
   };
   for (const auto& [status, headers, body, expected] : rows) {
     EXPECT_EQ(ask_scripted({response(status, body, headers)}), expected);
@@ -105,12 +100,12 @@ TEST(HttpFailure, ResponsesThatAreNoneOrBreakOffOrNeverEnd) {
        validation + "the response is incomplete JSON, ending after 1 bytes (HTTP 200, request req_9)"},
       {{response("200 OK", exact + " ")}, validation + "the body of the response"},
       {{head + "content-length: 1001\r\n\r\n", Then::drain}, long_body},
+      {{response("200 OK", R"({"a":[1e400,-1e400,1e-400,-99999999999999999999]})")}, "[Infinity,-Infinity,0E0,-1E20]"},
       {{response("200 OK", nested(64))}, nested(64)},
       {{response("200 OK", nested(65))}, validation + "the response nests deeper than 64 levels (HTTP 200)"},
       {{response("200 OK", "")}, validation + "the response is empty (HTTP 200)"},
       {{"HTTP/1.1 204 No Content\r\n\r\n"}, validation + "the response is empty (HTTP 204)"},
       {{response("200 OK", "<html> " + api_key)}, validation + "the response is not JSON (syntax error"},
-      {{response("200 OK", "{} {}")}, "the response is not JSON (extra data"},
       {{response("200 OK", "[1, 2]")}, validation + "the response is no JSON object: [1, 2] (HTTP 200)"},
       {{response("200 OK", bomb, "Content-Encoding: deflate\r\n")}, "the response is encoded as \"deflate\""},
       {{head + "transfer-encoding: deflate\r\n\r\n" + deflated, Then::close}, long_body},
@@ -119,12 +114,9 @@ TEST(HttpFailure, ResponsesThatAreNoneOrBreakOffOrNeverEnd) {
       {{head + "content-length: 50\r\n\r\n{", Then::reset}, broken},
       {{chunked + "50\r\n{", Then::close}, connection},
       {{head + "content-length: many\r\n\r\n{}", Then::close}, "Invalid Content-Length"},
-      {{head + "content-length: -1\r\n\r\n{}", Then::close}, "Invalid Content-Length"},
       {{head + "content-length: 99999999999999999999999\r\n\r\n{}", Then::close}, long_body},
       {{chunked + "fffffffffffffffff\r\n{}", Then::close}, connection},
       {{"HTTP/1.1 99999 X\r\n\r\n", Then::close}, connection},
-      {{"HTTP/99.9 200 OK\r\n\r\n{}", Then::close}, connection},
-      {{"rubbish\r\n\r\n", Then::close}, connection},
       {{"", Then::reset}, broken},
       {{"", Then::reset, Read::none}, broken},
       {{head + std::string(1 << 20, 'h'), Then::drain}, long_head},
@@ -139,21 +131,6 @@ TEST(HttpFailure, ResponsesThatAreNoneOrBreakOffOrNeverEnd) {
   }
   for (std::size_t size = 0; size < ok.size(); ++size) {
     EXPECT_THAT(ask_scripted({ok.substr(0, size), Then::close}), StartsWith(connection)) << size;
-  }
-}
-
-TEST(HttpFailure, NumbersBeyondEveryRange) {
-  for (const std::string number :
-       {"1e400", "-1e400", "1e-400", "99999999999999999999999", "-99999999999999999999999"}) {
-    asio::io_context io;
-    const std::string input = R"({"confidence": 1, "x_ratio": )" + number + R"(, "scroll_dy_ratio": )" + number + "}";
-    ScriptedServer server(io, {{response("200 OK", tool_call(input))}});
-    HttpMessagesClient client = client_for(server);
-    Call call;
-    call.start(io.get_executor(), client, make_request());
-    call.wait(io);
-    const ActionResult result = _parse_response(call.value, "m", 1.0, std::nullopt);
-    EXPECT_TRUE(!result.x_ratio || (*result.x_ratio >= 0 && *result.x_ratio <= 1)) << number;
   }
 }
 
