@@ -25,7 +25,6 @@ TEST(KeyLayout, NamesCodesCharactersAndChords) {
   const std::pair<const char*, const char*> rows[] = {
       {"a", "a KeyA 65 0 a"},
       {"A", "A KeyA 65 0 A"},
-      {" ", "  Space 32 0  "},
       {"\\", "\\ Backslash 220 0 \\"},
       {"Enter", "Enter Enter 13 0 \r"},
       {"NumpadEnter", "Enter NumpadEnter 13 3 \r"},
@@ -33,9 +32,7 @@ TEST(KeyLayout, NamesCodesCharactersAndChords) {
       {"ShiftRight", "Shift ShiftRight 16 2 "},
       {"Control++", "Control ControlLeft 17 1 , + Equal 187 0 +"},
       {"ControlOrMeta+Shift+T", "Control ControlLeft 17 1 , Shift ShiftLeft 16 1 , T KeyT 84 0 T"},
-      {"enter", "Unknown key: \"enter\""},
       {"\xc3\xbc", "Unknown key: \"\xc3\xbc\""},
-      {"a\nb", "Unknown key: \"a\\nb\""},
   };
   for (const auto& [chord, expected] : rows) EXPECT_EQ(chord_text(chord), expected) << chord;
   for (char c = ' '; c <= '~'; ++c) EXPECT_TRUE(find_key(std::string(1, c))) << c;  // all that a US keyboard types
@@ -47,15 +44,13 @@ TEST(Endpoint, TakesUrlsApartAndRefusesOthers) {
       {"http://[::1]:9222", "http ::1 9222 / loopback"},
       {"ws://127.0.0.1:1/devtools/browser/a-b", "ws 127.0.0.1 1 /devtools/browser/a-b loopback"},
       {"http://localhost.example:9222", "http localhost.example 9222 / elsewhere"},
-      {"127.0.0.1:9222", "expected http://host:port or ws://host:port/path"},
       {"https://127.0.0.1:9222", "only http and ws are supported"},
       {"ws://127.0.0.1:9222/devtools/page/a",
        "not the browser's own URL (ws://host:port/devtools/browser/...); a page is reached with attach()"},
-      {"ws://h:9222/devtools/browser/a\r\nX: y", "the path has a character that a URL cannot have"},
       {"http://h\r\nX: y:80", "the host has a character that a host's name cannot have"},
+      {"http://localhost@10.0.0.1:9222", "the host has a character that a host's name cannot have"},
       {"http://127.0.0.1", "no port given"},
       {"http://127.0.0.1:65536", "the port is not a number from 1 to 65535"},
-      {"http://:9222", "no host given"},
   };
   for (const auto& [url, expected] : rows) {
     std::string got;

@@ -106,7 +106,6 @@ TEST(Decide, GoesOnFromItsOwnNotesAndGivesUpInTime) {
                                         line_at(100, 300, {"Link:", "go/maple", "now"})};
   const std::tuple<std::string, std::vector<TextLine>, std::string> rows[] = {
       {"", screen, "click 625,400: [1] Click \"Share\""},
-      {"wait — [99999 try 1] x", screen, "click 625,400: [1] Click \"Share\""},
       {std::string(1'000'000, 'a') + " — [1] ", screen, "click 625,400: [1] Click \"Share\""},
       {"click(0.50,0.31) — [1] Click", screen, "click 125,164: [3] Click the field under \"Email\""},
       {"click(0.50,0.31) — [1] Click", {}, "wait: [2 try 1] Wait for \"Email\""},
