@@ -145,6 +145,7 @@ TEST_F(Modes, ShadowTakesAnyResult) {
   EXPECT_EQ(shadow(agent(panel)), panel);
   shadow(agent(boost::json::value({{"text", false}})));
   shadow(agent(std::map<std::string, int>{{"text", 5}}));
+  shadow(agent(std::map<std::string, const char*>{{"text", nullptr}}));
   shadow(agent(std::map<std::string, std::any>{{"text", 5}}));
   shadow([]() -> asio::awaitable<void> { return pause(1.2349); });
   std::vector<std::string> heads;
@@ -153,7 +154,7 @@ TEST_F(Modes, ShadowTakesAnyResult) {
     EXPECT_EQ(cua.at("latency_ms"), 1234);
     heads.push_back(std::string(cua.at("text_head").as_string()));
   }
-  EXPECT_THAT(heads, ElementsAre("", "", std::string(200, 'p'), "", "5", "", ""));
+  EXPECT_THAT(heads, ElementsAre("", "", std::string(200, 'p'), "", "5", "", "", ""));
 }
 
 TEST_F(Modes, ObserverInTheBackground) {

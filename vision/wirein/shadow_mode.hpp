@@ -31,7 +31,9 @@ boost::json::value text_entry(const Result& result) {
     using Text = std::decay_t<decltype(result.find(std::string("text"))->second)>;
     if constexpr (boost::json::has_value_from<Text>::value) {
       const auto text = result.find(std::string("text"));
-      if (text != result.end()) return boost::json::value_from(text->second);
+      bool has_text = text != result.end();
+      if constexpr (std::is_pointer_v<Text>) has_text = has_text && text->second;
+      if (has_text) return boost::json::value_from(text->second);
     }
     return {};
   } else {
