@@ -14,13 +14,13 @@ namespace asio = boost::asio;
 
 /// What one call carries from its start to its result.
 struct VisionClient::Call {
-  Call(std::string model_name, ImgMeta meta, const FlowContext& context, runtime::TimeSource& time_source)
-      : model(std::move(model_name)), img_meta(meta), flow_context(context), time(time_source), t0(time.wall_now()) {}
+  Call(const std::string& model_name, const ImgMeta& meta, const FlowContext& context, runtime::TimeSource& time_source)
+      : model(model_name), img_meta(meta), flow_context(context), time(time_source), t0(time.wall_now()) {}
 
   double elapsed_ms() const { return runtime::to_seconds(time.wall_now() - t0) * 1000.0; }
 
-  std::string model;
-  ImgMeta img_meta;
+  const std::string& model;
+  const ImgMeta& img_meta;
   const FlowContext& flow_context;
   runtime::TimeSource& time;
   runtime::Duration t0;
@@ -34,6 +34,10 @@ asio::awaitable<boost::json::value> send(MessagesClient& client, const MessagesR
   co_return co_await client.create(request);
 }
 
+auto boxed(ActionResult result) {
+  return std::make_unique<ActionResult>(std::move(result));
+}
+
 asio::awaitable<void> call_hook(const OnAction& hook, const ActionResult& result, const FlowContext& flow_context) {
   co_await hook(result, flow_context);
 }
@@ -42,61 +46,79 @@ asio::awaitable<void> call_hook(const OnAction& hook, const ActionResult& result
 
 asio::awaitable<ActionResult> VisionClient::ask(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
                                                 AskOptions options) {
-  return runtime::entry(ask_body(std::move(image), img_meta, flow_context, std::move(options)));
+  return runtime::entry(ask_owning(std::move(image), img_meta, flow_context, std::move(options)));
 }
 
-asio::awaitable<ActionResult> VisionClient::ask_body(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
-                                                     const AskOptions options) {
+auto VisionClient::ask_owning(Bytes image, ImgMeta img_meta, const FlowContext& flow_context, AskOptions options)
+    -> asio::awaitable<Answer> {
+  co_return co_await ask_body(std::move(image), img_meta, flow_context, options);
+}
+
+auto VisionClient::ask_body(Bytes image, ImgMeta img_meta, const FlowContext& flow_context, const AskOptions& options)
+    -> asio::awaitable<Answer> {
   if (metrics.call_count >= _call_budget) throw BudgetExceeded(_call_budget);
-  std::string model = _pick_model(flow_context, options.high_stakes(), _default_model);
-  const MessagesRequest request(model, prefix_of(model), std::move(image),
-                                _build_user_message(flow_context, options.prompt(), img_meta));
+  const MessagesRequest request = make_request(std::move(image), img_meta, flow_context, options);
   const auto executor = co_await asio::this_coro::executor;
-  Call call(std::move(model), img_meta, flow_context, runtime::time_source(executor));
+  const Call call(request.model(), img_meta, flow_context, runtime::time_source(executor));
   const auto limit = runtime::to_duration(options.timeout_s().value());
 
   const int attempts = options.transport_retry() ? 2 : 1;
-  for (int attempt = 0; attempt < attempts; ++attempt) {
+  Answer result;
+  for (int attempt = 1; !result && attempt <= attempts; ++attempt) {
+    if (attempt > 1) co_await runtime::sleep_for(runtime::to_duration(TRANSPORT_RETRY_DELAY_S));
     auto response = co_await runtime::with_deadline(send(*_client, request), limit);
     std::exception_ptr error = response.error();
-    if (response.has_value()) {
-      auto result = accept(response.value(), call, error);
-      if (result) {
-        co_await run_hook(*result, flow_context);
-        _log_call(*result, flow_context);
-        co_return std::move(*result);
-      }
+    if (response.has_value()) result = accept(response.value(), call, error);
+    if (result) {
+      co_await run_hook(*result, flow_context);
+      _log_call(*result, flow_context);
+    } else {
+      result = give_up(call, error, attempt == attempts, options);
     }
-    const double latency_ms = call.elapsed_ms();
-    if (response.timed_out()) {
-      log::line(spdlog::level::warn, "vision: timeout after %.0fms (model=%s, workflow=%s)", latency_ms, call.model,
-                [&] { return detail::context_text(flow_context, "workflow_name", "?"); });
-      co_return _failure("vision timeout after " + options.timeout_s().text() + "s", call.model, latency_ms);
-    }
-    const std::string error_text = text::full_exception_text(error);
-    if (!is_transport_error(error)) {
-      log::error_with_stack("vision: unexpected error", error_text);
-      co_return _failure("unexpected error: " + error_text, call.model, latency_ms);
-    }
-    if (attempt + 1 == attempts) co_return _failure("transport error: " + error_text, call.model, latency_ms);
-    log::line(spdlog::level::info, "vision: transport error, retrying once: %s",
-              [&] { return text::describe(error).message; });
-    co_await runtime::sleep_for(runtime::to_duration(TRANSPORT_RETRY_DELAY_S));
   }
-  co_return _failure("unreachable retry branch exhausted", call.model, 0.0);
+  if (!result) result = boxed(_failure("unreachable retry branch exhausted", call.model, 0.0));
+  co_return result;
+}
+
+MessagesRequest VisionClient::make_request(Bytes image, const ImgMeta& img_meta, const FlowContext& flow_context,
+                                           const AskOptions& options) {
+  const std::string model = _pick_model(flow_context, options.high_stakes(), _default_model);
+  auto& prefix = prefixes_[model];
+  if (!prefix) prefix = std::make_shared<const std::string>(request_prefix(model));
+  return {model, prefix, std::move(image), _build_user_message(flow_context, options.prompt(), img_meta)};
+}
+
+// Of an attempt that failed. Null when it is to be tried again; a time-out has no error.
+VisionClient::Answer VisionClient::give_up(const Call& call, const std::exception_ptr& error, bool is_last,
+                                           const AskOptions& options) {
+  const double latency_ms = call.elapsed_ms();
+  if (!error) {
+    log::line(spdlog::level::warn, "vision: timeout after %.0fms (model=%s, workflow=%s)", latency_ms, call.model,
+              [&] { return detail::context_text(call.flow_context, "workflow_name", "?"); });
+    return boxed(_failure("vision timeout after " + options.timeout_s().text() + "s", call.model, latency_ms));
+  }
+  const std::string error_text = text::full_exception_text(error);
+  if (!is_transport_error(error)) {
+    log::error_with_stack("vision: unexpected error", error_text);
+    return boxed(_failure("unexpected error: " + error_text, call.model, latency_ms));
+  }
+  if (is_last) return boxed(_failure("transport error: " + error_text, call.model, latency_ms));
+  log::line(spdlog::level::info, "vision: transport error, retrying once: %s",
+            [&] { return text::describe(error).message; });
+  return nullptr;
 }
 
 // Parses and records without suspending, so that a call is either cancelled or
 // recorded.
-std::optional<ActionResult> VisionClient::accept(const boost::json::value& response, const Call& call,
-                                                 std::exception_ptr& error) {
+VisionClient::Answer VisionClient::accept(const boost::json::value& response, const Call& call,
+                                          std::exception_ptr& error) {
   try {
-    ActionResult result = _parse_response(response, call.model, call.elapsed_ms(), call.img_meta);
-    metrics.record(result);
+    auto result = boxed(_parse_response(response, call.model, call.elapsed_ms(), call.img_meta));
+    metrics.record(*result);
     return result;
   } catch (...) {
     error = std::current_exception();
-    return std::nullopt;
+    return nullptr;
   }
 }
 

@@ -56,12 +56,6 @@ VisionClient::VisionClient(std::shared_ptr<MessagesClient> client, VisionClientO
   if (!_client) throw std::invalid_argument("VisionClient: the MessagesClient is null");
 }
 
-std::shared_ptr<const std::string> VisionClient::prefix_of(const std::string& model) {
-  auto& prefix = prefixes_[model];
-  if (!prefix) prefix = std::make_shared<const std::string>(request_prefix(model));
-  return prefix;
-}
-
 asio::awaitable<std::pair<Bytes, ImgMeta>> VisionClient::screenshot(BrowserPage& page, bool full_page) {
   return runtime::entry(screenshot_body(page, full_page));
 }
@@ -83,8 +77,8 @@ asio::awaitable<ActionResult> VisionClient::act(BrowserPage& page, const FlowCon
   return runtime::entry(act_body(page, flow_context, std::move(options)));
 }
 
-asio::awaitable<ActionResult> VisionClient::act_body(BrowserPage& page, const FlowContext& flow_context,
-                                                     AskOptions options) {
+auto VisionClient::act_body(BrowserPage& page, const FlowContext& flow_context, AskOptions options)
+    -> asio::awaitable<Answer> {
   auto [image, meta] = co_await screenshot_body(page, false);
   FlowContext context = flow_context;
   if (!context.contains("viewport")) {
@@ -94,7 +88,7 @@ asio::awaitable<ActionResult> VisionClient::act_body(BrowserPage& page, const Fl
     viewport["dpr"] = meta.dpr;
   }
   options.transport_retry(true);
-  co_return co_await ask_body(std::move(image), meta, context, std::move(options));
+  co_return co_await ask_body(std::move(image), meta, context, options);
 }
 
 VisionClient& default_client() {

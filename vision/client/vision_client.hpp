@@ -21,6 +21,9 @@
 namespace vision {
 
 class BrowserPage;
+namespace detail {
+class ClientInMode;
+}
 
 /// A hook that sees the result of every response, that of one without a tool call
 /// included, and the flow_context that `ask` received; calls that got no response
@@ -126,18 +129,24 @@ class VisionClient {
 
  private:
   struct Call;
+  friend class detail::ClientInMode;
+  using Answer = std::unique_ptr<ActionResult>;  // by value it would have a place in every frame on its way
 
   ActionResult _failure(std::string reason, const std::string& model, double latency_ms, std::int64_t in_tok = 0,
                         std::int64_t out_tok = 0);
   void _log_call(const ActionResult& result, const FlowContext& flow_context) const;
 
-  std::optional<ActionResult> accept(const boost::json::value& response, const Call& call, std::exception_ptr& error);
+  MessagesRequest make_request(Bytes image, const ImgMeta& img_meta, const FlowContext& flow_context,
+                               const AskOptions& options);
+  Answer accept(const boost::json::value& response, const Call& call, std::exception_ptr& error);
+  Answer give_up(const Call& call, const std::exception_ptr& error, bool is_last, const AskOptions& options);
   boost::asio::awaitable<void> run_hook(const ActionResult& result, const FlowContext& flow_context);
-  boost::asio::awaitable<ActionResult> ask_body(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
-                                                AskOptions options);
+  boost::asio::awaitable<Answer> ask_owning(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
+                                            AskOptions options);
+  boost::asio::awaitable<Answer> ask_body(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
+                                          const AskOptions& options);
   boost::asio::awaitable<std::pair<Bytes, ImgMeta>> screenshot_body(BrowserPage& page, bool full_page);
-  boost::asio::awaitable<ActionResult> act_body(BrowserPage& page, const FlowContext& flow_context, AskOptions options);
-  std::shared_ptr<const std::string> prefix_of(const std::string& model);
+  boost::asio::awaitable<Answer> act_body(BrowserPage& page, const FlowContext& flow_context, AskOptions options);
 
   std::shared_ptr<MessagesClient> _client;
   std::string _default_model;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
+#include <boost/asio/cancellation_type.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/deferred.hpp>
 #include <boost/asio/experimental/parallel_group.hpp>
@@ -69,6 +70,20 @@ class Outcome {
 /// The value type that stands for void.
 using Done = std::monostate;
 
+/// Takes every cancellation request as a terminal one and never forgets it: a
+/// later, weaker signal would otherwise erase an earlier terminal one.
+class LatchedCancellation {
+ public:
+  /// The filter: gives what the coroutine is to see of a request.
+  boost::asio::cancellation_type_t operator()(boost::asio::cancellation_type_t requested) noexcept {
+    if (requested != boost::asio::cancellation_type::none) latched_ = boost::asio::cancellation_type::terminal;
+    return latched_;
+  }
+
+ private:
+  boost::asio::cancellation_type_t latched_ = boost::asio::cancellation_type::none;
+};
+
 /// Throws operation_aborted when the calling coroutine has been cancelled.
 boost::asio::awaitable<void> pass_cancellation();
 
@@ -76,8 +91,14 @@ namespace detail {
 
 boost::asio::awaitable<void> quiet_wait(Duration limit);
 
+// How a guarded operation begins. A leg of a group starts once the whole group has:
+// what the caller cancels from within host code before that would reach no leg.
+enum class Start { at_once, as_leg, latched };
+
 template <class T>
-boost::asio::awaitable<Outcome<T>> guard(boost::asio::awaitable<T> operation) {
+boost::asio::awaitable<Outcome<T>> guard(boost::asio::awaitable<T> operation, Start start = Start::at_once) {
+  if (start == Start::as_leg) co_await boost::asio::post(boost::asio::use_awaitable);
+  if (start == Start::latched) co_await boost::asio::this_coro::reset_cancellation_state(LatchedCancellation());
   std::optional<Outcome<T>> outcome;  // no assignment: T may have none
   try {
     outcome.emplace(Outcome<T>::of(co_await std::move(operation)));
@@ -91,12 +112,9 @@ boost::asio::awaitable<Outcome<T>> guard(boost::asio::awaitable<T> operation) {
   co_return std::move(*outcome);
 }
 
-// A leg of a group. Its operation starts once the whole group has: what the caller
-// cancels from within host code before that would reach no leg.
 template <class T>
-boost::asio::awaitable<Outcome<T>> leg(boost::asio::awaitable<T> operation) {
-  co_await boost::asio::post(boost::asio::use_awaitable);
-  co_return co_await guard(std::move(operation));
+auto leg(boost::asio::awaitable<T> operation) {
+  return guard(std::move(operation), Start::as_leg);
 }
 
 }  // namespace detail

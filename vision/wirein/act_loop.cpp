@@ -12,46 +12,40 @@ namespace vision {
 namespace asio = boost::asio;
 namespace {
 
-using detail::hand_over;
 using detail::Terminal;
 
 // One mission: its state lives as long as the call.
 class Mission {
  public:
-  Mission(BrowserPage& page, const ActLoopOptions& options)
+  Mission(BrowserPage& page, FlowContext flow_context, const ActLoopOptions& options)
       : page_(page),
         options_(options),
         client_(options.vision() ? *options.vision() : default_client()),
-        context_(options.flow_context()),
+        context_(std::move(flow_context)),
         site_(options.hotspot_id(), options.run_id()) {
     ask_options_.prompt(_act_mission_text(options.mission_prompt())).high_stakes(options.high_stakes());
   }
 
-  asio::awaitable<ActionResult> run() {
-    std::optional<Terminal> terminal;
-    for (std::int64_t step = 1; !terminal && step <= options_.max_steps(); ++step) {
-      steps_used_ = step;
-      terminal = co_await take_step(step);
-    }
-    if (!terminal) {
-      terminal = hand_over("step cap (" + std::to_string(options_.max_steps()) + ") reached without a terminal action");
-    }
-    co_await log_final(*terminal);
-    co_return std::move(terminal->result);
+  /// Whether there is to be another step. Without one the mission has its terminal.
+  bool goes_on() {
+    if (terminal_) return false;
+    if (step_ < options_.max_steps()) return true;
+    hand_over("step cap (" + std::to_string(options_.max_steps()) + ") reached without a terminal action");
+    return false;
   }
 
- private:
-  // Absent when the mission goes on.
-  asio::awaitable<std::optional<Terminal>> take_step(std::int64_t step) {
-    if (abort_requested()) co_return hand_over("aborted by caller before step " + std::to_string(step));
+  asio::awaitable<void> take_step() {
+    ++step_;
+    if (abort_requested()) co_return hand_over("aborted by caller before step " + std::to_string(step_));
     const auto limit = runtime::to_duration(DEFAULT_TIMEOUT_S * 2 + 12);
     auto operation = detail::shot_and_ask(client_, detail::borrowed(page_), context_, site_, ask_options_);
     auto answer = co_await runtime::with_deadline(std::move(operation), limit);
-    if (!answer.has_value()) co_return unanswered(step, answer.timed_out(), answer.error());
-    auto& [result, meta] = answer.value();
-    co_await _log_step(step, _observe_action_record(result));
+    if (!answer.has_value()) co_return unanswered(answer.timed_out(), answer.error());
+    auto& [result, meta] = *answer.value();
+    co_await _log_step(_observe_action_record(result));
 
-    if (auto terminal = detail::rail_for(result, options_.read_only())) co_return terminal;
+    terminal_ = detail::rail_for(result, options_.read_only());
+    if (terminal_) co_return;
     const int repeats = repeat_guard_.note(result);
     if (repeats >= ACT_REPEAT_LIMIT) {
       co_return hand_over("repeated identical " + result.action + " " + std::to_string(repeats) + "x with no progress");
@@ -62,15 +56,33 @@ class Mission {
     auto action = runtime::done(execute_action(page_, result, meta));
     const auto executed = co_await runtime::settle(std::move(action));
     if (executed.error()) {
-      co_return hand_over("execute_action(" + result.action + ") failed at step " + std::to_string(step) + ": " +
+      co_return hand_over("execute_action(" + result.action + ") failed at step " + std::to_string(step_) + ": " +
                           text::exception_text(executed.error()));
     }
     co_await let_page_settle(result.action);
-    breadcrumbs_.add(step, options_.max_steps(), result);
+    breadcrumbs_.add(step_, options_.max_steps(), result);
     context_["last_action"] = breadcrumbs_.text();
-    co_return std::nullopt;
   }
 
+  /// Writes the final record and gives the verdict.
+  asio::awaitable<std::unique_ptr<ActionResult>> finish() {
+    auto& [result, outcome] = *terminal_;
+    const bool is_own = result->model_used == "act_loop";
+    boost::json::object vision;
+    if (is_own) {
+      vision = _observe_action_record(*result);
+    } else {
+      vision["terminal"] = result->action;
+    }
+    auto record = co_await act_record(std::move(vision));
+    record["final"] = true;
+    record["outcome"] = is_own ? "escalate" : outcome;
+    record["steps_used"] = step_;
+    _append_shadow_record(record);
+    co_return std::move(result);
+  }
+
+ private:
   bool abort_requested() const {
     if (!options_.should_abort()) return false;
     try {
@@ -80,8 +92,10 @@ class Mission {
     }
   }
 
-  static Terminal unanswered(std::int64_t step, bool timed_out, const std::exception_ptr& error) {
-    const std::string step_name = "act step " + std::to_string(step);
+  void hand_over(std::string reason) { terminal_ = detail::hand_over(std::move(reason)); }
+
+  void unanswered(bool timed_out, const std::exception_ptr& error) {
+    const std::string step_name = "act step " + std::to_string(step_);
     if (timed_out) return hand_over(step_name + " timed out (screenshot hung?)");
     try {
       std::rethrow_exception(error);
@@ -100,32 +114,17 @@ class Mission {
     }
   }
 
-  asio::awaitable<boost::json::object> act_record(std::int64_t step, boost::json::object vision) {
+  asio::awaitable<boost::json::object> act_record(boost::json::object vision) {
     auto record = detail::record_header(co_await runtime::wall_seconds(), site_.run_id, site_.hotspot_id, context_);
     record["source"] = "act";
-    record["step"] = step;
+    record["step"] = step_;
     record["max_steps"] = options_.max_steps();
     record["vision"] = std::move(vision);
     co_return record;
   }
 
-  asio::awaitable<void> _log_step(std::int64_t step, boost::json::object vision) {
-    _append_shadow_record(co_await act_record(step, std::move(vision)));
-  }
-
-  asio::awaitable<void> log_final(const Terminal& terminal) {
-    const bool is_own = terminal.result.model_used == "act_loop";
-    boost::json::object vision;
-    if (is_own) {
-      vision = _observe_action_record(terminal.result);
-    } else {
-      vision["terminal"] = terminal.result.action;
-    }
-    auto record = co_await act_record(steps_used_, std::move(vision));
-    record["final"] = true;
-    record["outcome"] = is_own ? "escalate" : terminal.outcome;
-    record["steps_used"] = steps_used_;
-    _append_shadow_record(record);
+  asio::awaitable<void> _log_step(boost::json::object vision) {
+    _append_shadow_record(co_await act_record(std::move(vision)));
   }
 
   BrowserPage& page_;
@@ -136,12 +135,15 @@ class Mission {
   AskOptions ask_options_;
   detail::RepeatGuard repeat_guard_;
   detail::Breadcrumbs breadcrumbs_;
-  std::int64_t steps_used_ = 0;
+  std::int64_t step_ = 0;  // counted from 1
+  std::optional<Terminal> terminal_;
 };
 
-asio::awaitable<ActionResult> act_loop_body(BrowserPage& page, ActLoopOptions options) {
-  Mission mission(page, options);
-  co_return co_await mission.run();
+asio::awaitable<std::unique_ptr<ActionResult>> act_loop_body(BrowserPage& page, ActLoopOptions options) {
+  FlowContext context = std::move(options).flow_context();
+  Mission mission(page, std::move(context), options);
+  while (mission.goes_on()) co_await mission.take_step();
+  co_return co_await mission.finish();
 }
 
 }  // namespace

@@ -62,7 +62,8 @@ class ActLoopOptions {
 
   ///@{
   /// The value that was set, or its default.
-  const FlowContext& flow_context() const noexcept { return flow_context_; }
+  const FlowContext& flow_context() const& noexcept { return flow_context_; }
+  FlowContext flow_context() && noexcept { return std::move(flow_context_); }
   const std::string& hotspot_id() const noexcept { return hotspot_id_; }
   const std::optional<std::string>& mission_prompt() const noexcept { return mission_prompt_; }
   VisionClient* vision() const noexcept { return vision_; }

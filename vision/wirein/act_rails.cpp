@@ -6,7 +6,7 @@
 namespace vision {
 namespace {
 
-constexpr const char* mission_frame =
+constexpr std::string_view mission_frame =
     "MULTI-STEP MISSION — you are driving this mission ONE action per response; after each action you receive a "
     "fresh screenshot to continue from (your recent actions appear in last_action). The mission brief below was "
     "written for a computer-use agent; wherever it says to say/answer/respond with a status phrase, verdict, or "
@@ -14,7 +14,7 @@ constexpr const char* mission_frame =
     "type status phrases into the page.\n"
     "--- MISSION BRIEF ---\n";
 
-constexpr const char* mission_end =
+constexpr std::string_view mission_end =
     "\n--- END BRIEF ---\n"
     "If the mission cannot proceed from what you can see (wrong page, target absent, captcha/human-verification), "
     "respond escalate_to_cua.";
@@ -29,7 +29,9 @@ std::string guess_reason(const std::string& what, const ActionResult& proposal, 
 
 std::optional<std::string> _act_mission_text(const std::optional<std::string>& mission_prompt) {
   if (!mission_prompt || mission_prompt->empty()) return {};
-  return mission_frame + *mission_prompt + mission_end;
+  std::string text;
+  text.reserve(mission_frame.size() + mission_prompt->size() + mission_end.size());  // kept as long as the mission
+  return text.append(mission_frame).append(*mission_prompt).append(mission_end);
 }
 
 ActionResult _act_synth(std::string reason) {
@@ -62,7 +64,7 @@ std::optional<Terminal> rail_for(const ActionResult& proposal, bool read_only) {
 
 RepeatGuard::Signature RepeatGuard::signature_of(const ActionResult& proposal) {
   const auto rounded = [](const std::optional<double>& ratio) -> Coordinate {
-    if (!ratio) return {};
+    if (!ratio) return "";
     return text::fixed(*ratio == 0 ? 0.0 : *ratio, 2);  // -0.0 equals 0.0
   };
   return {proposal.action, rounded(proposal.x_ratio), rounded(proposal.y_ratio), proposal.text, proposal.key};
@@ -82,8 +84,8 @@ void Breadcrumbs::add(std::int64_t step, std::int64_t max_steps, const ActionRes
     line += "(" + text::fixed(*executed.x_ratio, 2) + "," + text::fixed(*executed.y_ratio, 2) + ")";
   }
   line.append(" — ").append(text::first_code_points(executed.reason, reason_code_points));
+  if (lines_.size() == kept) lines_.erase(lines_.begin());
   lines_.push_back(std::move(line));
-  if (lines_.size() > kept) lines_.pop_front();
 }
 
 std::string Breadcrumbs::text() const {

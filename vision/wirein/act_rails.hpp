@@ -1,10 +1,12 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
+#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <tuple>
+#include <vector>
 
 #include "vision/records/action_result.hpp"
 
@@ -24,9 +26,9 @@ namespace detail {
 
 /// How a mission ended, and the word for it in the final record.
 struct Terminal {
-  Terminal(ActionResult r, std::string o) : result(std::move(r)), outcome(std::move(o)) {}
-  ActionResult result;
-  std::string outcome;  ///< "success", "failure" or "escalate"
+  Terminal(ActionResult r, std::string_view o) : result(std::make_unique<ActionResult>(std::move(r))), outcome(o) {}
+  std::unique_ptr<ActionResult> result;  ///< not null
+  std::string_view outcome;              ///< "success", "failure" or "escalate"
 };
 
 /// A terminal of the loop's own making.
@@ -44,7 +46,7 @@ class RepeatGuard {
   int note(const ActionResult& proposal);
 
  private:
-  using Coordinate = std::optional<std::string>;
+  using Coordinate = std::string;  // to the hundredth; empty when absent
   using Signature =
       std::tuple<std::string, Coordinate, Coordinate, std::optional<std::string>, std::optional<std::string>>;
   static Signature signature_of(const ActionResult& proposal);
@@ -61,7 +63,7 @@ class Breadcrumbs {
   std::string text() const;
 
  private:
-  std::deque<std::string> lines_;
+  std::vector<std::string> lines_;
 };
 
 }  // namespace detail

@@ -22,13 +22,14 @@ inline std::shared_ptr<BrowserPage> borrowed(BrowserPage& page) {
   return std::shared_ptr<BrowserPage>(std::shared_ptr<void>(), &page);
 }
 
+/// An answer and the metadata of the screenshot that it is about. Never null.
+using Answered = std::unique_ptr<std::pair<ActionResult, ImgMeta>>;
+
 /// The step that the modes share: a screenshot, its fixture, one ask about it.
-/// Gives the answer with the metadata of the screenshot that it is about. `page`
-/// is let go of as soon as the screenshot is taken; all references must outlive
-/// the operation.
-boost::asio::awaitable<std::pair<ActionResult, ImgMeta>> shot_and_ask(VisionClient& client,
-                                                                      std::shared_ptr<BrowserPage> page,
-                                                                      const FlowContext& flow_context, const Site& site,
-                                                                      AskOptions options);
+/// `page` is let go of as soon as the screenshot is taken; all references must
+/// outlive the operation.
+boost::asio::awaitable<Answered> shot_and_ask(VisionClient& client, std::shared_ptr<BrowserPage> page,
+                                              const FlowContext& flow_context, const Site& site,
+                                              const AskOptions& options);
 
 }  // namespace vision::detail
