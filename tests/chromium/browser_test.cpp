@@ -39,6 +39,21 @@ TEST(Connection, TakesWhateverAPeerSends) {
     const std::string error = call.error();
     EXPECT_EQ(error == "no error" ? text::to_json(call.get()) : error, expected);
   }
+  const std::string malformed = "BrowserError: the browser's picture is not base64 text";
+  const std::pair<std::string, std::string> pictures[] = {
+      {R"({"id":7,"result":{"data":"UE5H"}})", "PNG"},
+      {R"({"id": 8, "result": {"data": "UE4="}})", "PN"},
+      {R"({"id":9,"result":{"data":"UE5H","more":1}})", "PNG"},
+      {R"({"id":10,"result":{"data":"UE5"}})", malformed},
+      {R"({"id":11,"result":{"data":"UE5*"}})", malformed},
+      {R"({"id":12})", "BrowserError: E.f: the browser's answer has no result"},
+  };
+  for (const auto& [answer, expected] : pictures) {
+    Running<Bytes> call(session->call_for_picture("E.f", {}));
+    send(answer);
+    const std::string error = call.error();
+    EXPECT_EQ(error == "no error" ? call.get().view() : error, expected);
+  }
   Running<json::object> last(session->call("C.d"));
   peer.close();
   EXPECT_EQ(last.error(), closed + " (the browser has exited or ended the connection)");

@@ -1,6 +1,7 @@
 #include <boost/asio/ip/tcp.hpp>
 
 #include "tests/chromium/browser_fixture.hpp"
+#include "tests/http/scripted_server.hpp"
 #include "tests/support/scripted.hpp"
 #include "vision/wirein/observer.hpp"
 
@@ -101,6 +102,18 @@ TEST_F(Connect, SaysWhatIsWrong) {
             "ConnectOptions::allow_remote permits that");
   EXPECT_THAT(error_of(connect("ws://127.0.0.1:" + port_ + "/devtools/browser/other")),
               testing::HasSubstr("handshake was declined"));
+  using vision::test::response;
+  const std::pair<std::string, const char*> liars[] = {
+      {response("404 Not Found", "{}"), "answered status 404, not a browser's answer"},
+      {response("200 OK", "{"), "did not tell a webSocketDebuggerUrl"},
+      {response("200 OK", R"({"webSocketDebuggerUrl": 5})"), "did not tell a webSocketDebuggerUrl"},
+      {response("200 OK", R"({"webSocketDebuggerUrl": "ws://x"})"), "told an unusable webSocketDebuggerUrl"},
+      {response("200 OK", R"({"webSocketDebuggerUrl": "ws://x/a b"})"), "told an unusable webSocketDebuggerUrl"},
+  };
+  for (const auto& [reply, expected] : liars) {
+    const vision::test::ScriptedServer liar(loop(), {{reply}});
+    EXPECT_THAT(error_of(connect(liar.url())), testing::HasSubstr(expected));
+  }
   asio::ip::tcp::acceptor silent(loop(), {asio::ip::address_v4::loopback(), 0});
   const std::string port = std::to_string(silent.local_endpoint().port());
   for (const std::string& url : {"http://127.0.0.1:" + port, "ws://127.0.0.1:" + port + "/devtools/browser/x"}) {

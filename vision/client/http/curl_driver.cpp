@@ -1,5 +1,7 @@
 #include "vision/client/http/curl_driver.hpp"
 
+#include <fcntl.h>
+
 #include <boost/asio/post.hpp>
 #include <stdexcept>
 #include <utility>
@@ -81,7 +83,7 @@ void CurlDriver::close() noexcept {
     idle_.clear();
     ::curl_multi_cleanup(multi_);
     multi_ = nullptr;
-    while (!watches_.empty()) unwatch(watches_.begin()->first);
+    watches_.clear();
     timer_.reset();
     executor_ = asio::any_io_executor();
   }
@@ -91,7 +93,7 @@ void CurlDriver::close() noexcept {
 int CurlDriver::on_socket(CURL*, curl_socket_t fd, int what, void* self, void*) noexcept {
   auto& driver = *static_cast<CurlDriver*>(self);
   if (what == CURL_POLL_REMOVE) {
-    driver.unwatch(fd);
+    driver.watches_.erase(fd);
   } else {
     driver.watch(fd, what);
   }
@@ -117,18 +119,12 @@ void CurlDriver::watch(curl_socket_t fd, int what) {
   watch.wanted = what & CURL_POLL_INOUT;
   if (is_new) {
     watch.generation = ++last_watch_;
+    // A descriptor of our own: libcurl 7.88 closes a socket that has not connected yet
+    // before it says so, and by then the number may be another thread's.
     error_code refused;  // waiting on it fails then, and libcurl is told of that
-    watch.descriptor.assign(fd, refused);
+    watch.descriptor.assign(::fcntl(fd, F_DUPFD_CLOEXEC, 0), refused);
   }
   arm(fd, watch);
-}
-
-void CurlDriver::unwatch(curl_socket_t fd) noexcept {
-  const auto found = watches_.find(fd);
-  if (found == watches_.end()) return;
-  // libcurl means "not watched": the descriptor stays open, it is the pool's.
-  if (found->second.descriptor.is_open()) (void)found->second.descriptor.release();
-  watches_.erase(found);
 }
 
 void CurlDriver::arm(curl_socket_t fd, Watch& watch) {

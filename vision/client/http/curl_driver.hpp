@@ -58,7 +58,7 @@ class CurlDriver {
   };
   struct Watch {
     explicit Watch(const boost::asio::any_io_executor& executor) : descriptor(executor) {}
-    boost::asio::posix::stream_descriptor descriptor;
+    boost::asio::posix::stream_descriptor descriptor;  // another one of the same socket
     std::uint64_t generation = 0;
     int wanted = 0;  // CURL_POLL_IN and CURL_POLL_OUT, as libcurl last said
     int armed = 0;   // of these, the ones waited for
@@ -70,7 +70,6 @@ class CurlDriver {
   static int on_timer(CURLM* multi, long timeout_ms, void* self) noexcept;
 
   void watch(curl_socket_t fd, int what);
-  void unwatch(curl_socket_t fd) noexcept;
   void arm(curl_socket_t fd, Watch& watch);
   void wait_for(curl_socket_t fd, Watch& watch, int event);
   Watch* find(curl_socket_t fd, std::uint64_t generation) noexcept;
