@@ -56,8 +56,7 @@ int main(int argc, char** argv) {
     for (VisionClient* const client : {&asked, &driven}) client->metrics.reset();  // as between two runs of a pipeline
     samples.push_back(boost::json::object{{"resident_kb", bench::process_status("VmRSS")},
                                           {"descriptors", bench::open_descriptors()},
-                                          {"threads", bench::process_status("Threads")},
-                                          {"timers", world.time->pending()}});
+                                          {"threads", bench::process_status("Threads")}});
   }
   bench::print({{"samples", std::move(samples)}});
 }

@@ -83,6 +83,7 @@ int __wrap_mkostemps(char* path, int suffix, int flags) {
     return (may_fail) && fails(#name) ? type{-1} : __real_##name arguments; \
   }
 VISION_WORLD_WRAP(ssize_t, pread, (int fd, void* data, size_t size, off_t at), (fd, data, size, at), is_ours(fd))
+VISION_WORLD_WRAP(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), is_ours(fd))
 VISION_WORLD_WRAP(int, fstat, (int fd, struct stat* info), (fd, info), is_ours(fd))
 VISION_WORLD_WRAP(int, mkdir, (const char* path, mode_t mode), (path, mode), true)
 VISION_WORLD_WRAP(int, rename, (const char* from, const char* to), (from, to), true)

@@ -36,16 +36,18 @@ class Check {
       case Mode::act_loop: return act_loop();
       case Mode::shadow: return shadow();
       case Mode::observer: return observer();
-      case Mode::wrapper: wrapper(); [[fallthrough]];
-      default: m_.expect(records_.empty(), "4. a record of a mode that writes none");
+      case Mode::wrapper: wrapper(); break;
+      default: answer();
     }
+    m_.expect(records_.empty(), "4. a record of a mode that writes none");
   }
 
  private:
   // 9, and 8 for what nothing in the mode bounds.
   void ending() {
-    const bool own = m_.threw(m_.error), budget = kind_ == "BudgetExceeded";
-    const bool unusable = kind_ == "invalid_argument", unreadable = kind_ == "ConversionError";
+    const bool own = m_.threw(m_.error), budget = kind_ == "BudgetExceeded" && is_budget_spent();
+    const bool unusable = kind_ == "invalid_argument" && !last().answer.has_all_needs;
+    const bool unreadable = kind_ == "ConversionError" && m_.scenario.with.unreadable_context;
     const Duration host = 30s, ask = 41500ms, observation = 28s + m_.patience;
     // By mode: what it may throw, and take; generous for the host's own operations.
     const std::pair<bool, Duration> rules[] = {{false, probes() * (52s + 11s + host + m_.patience)},
@@ -99,7 +101,7 @@ class Check {
     const int expected = answers_ - (hook_overran && answers_ == probes()) + !is_cancelled_;
     m_.expect(is_count(expected) || open_calls_ != 0, "2. not one record per answered step and a final one");
     m_.expect(is_cut_ || finals == 1 || m_.world.faulty_appends != 0, "2. no final record");
-    if (!is_cut_ && m_.result) terminal(m_.calls.empty() ? Call() : m_.calls.back());
+    if (!is_cut_ && m_.result) terminal();
   }
 
   std::string outcome() const {
@@ -108,13 +110,15 @@ class Check {
     return result.action == "declare_success" ? "success" : "failure";
   }
 
-  void terminal(const Call& last) {
+  void terminal() {
     const ActionResult& result = *m_.result;
     const bool is_own = result.model_used == "act_loop";
-    const bool is_answered = last.fate >= Fate::either;
+    const bool is_answered = last().fate >= Fate::either;
     m_.expect(ActionVerb::is_verdict(result.action), "2. the act loop returned no verdict");
-    m_.expect(is_own || (is_answered && result.latency_ms == last.latency_ms()), "2. a verdict of no call");
-    const bool is_claimed = is_answered && last.answer.verb == result.action && last.answer.confidence >= 0.6;
+    m_.expect(is_own || (is_answered && result.latency_ms == last().latency_ms()), "2. a verdict of no call");
+    const bool is_spent = !result.reason.starts_with("vision budget exhausted: ") || is_budget_spent();
+    m_.expect(is_spent, "1. a budget that is not spent was called so");
+    const bool is_claimed = is_answered && last().answer.verb == result.action && last().answer.confidence >= 0.6;
     m_.expect(result.action != "declare_success" || is_claimed, "7. a success that the model did not claim");
     const bool is_told = !m_.was_aborted || result.reason.starts_with("aborted by caller before step ");
     m_.expect(is_told, "2. an abort that was not reported");
@@ -127,7 +131,7 @@ class Check {
     m_.expect(is_count(1), "3. not one record");
     if (is_cut_) return;
     const json::object value = {{"text", long_text()}, {"run", 1}, {"of", "agent"}};
-    m_.expect(m_.error ? m_.threw(m_.error) : m_.value == value, "3. another end than the agent's");
+    m_.expect(m_.error ? m_.threw(m_.error, "agent") : m_.value == value, "3. another end than the agent's");
     m_.expect(is_cua_origin(m_.error) == (kind_ == "HostError"), "3. the mark of the agent's error");
     for (const auto& [record, line] : records_) {
       const bool is_right = record.at("cua").as_object().contains("error") == (m_.error != nullptr);
@@ -138,18 +142,17 @@ class Check {
 
   // Whether the "vision" member tells what became of the call.
   bool block_fits(const json::object& block) const {
-    const Call call = m_.calls.empty() ? Call() : m_.calls.back();
-    const bool is_proposal = call.fate == Fate::answered && call.answer.verb != "no_tool";
+    const bool is_proposal = last().fate == Fate::answered && last().answer.verb != "no_tool";
     const bool has_failed = block.contains("error") || block.contains("timeout");
     if (open_calls_ != 0 || !is_proposal) return open_calls_ != 0 || has_failed;
     if (has_failed) return block.contains("timeout");  // the hook took too long
-    return block.at("action") == json::string(call.answer.verb);
+    return block.at("action") == json::string(last().answer.verb);
   }
 
   void observer() {
     m_.expect(!is_cancelled_ || records_.empty(), "4. a record of a cancelled call");
     m_.expect(is_count(1), "4. not one record");
-    if (m_.value.empty()) return;
+    if (is_cut_) return;
     std::string keys;
     for (const auto& member : m_.value) keys += std::string(member.key()) + " ";
     m_.expect(keys == "ts run_id hotspot_id phase agent source vision dom_ground_truth ", "4. the record's keys");
@@ -168,10 +171,32 @@ class Check {
     const bool hands_over = steps == 1 && m_.errors.size() == 1 && m_.visits["screenshot"] == 1;
     const bool is_unasked = hands_over && kind_ == "HostError" && m_.scenario.with.has_agent;
     m_.expect(!is_unasked, "5. the step's error although there is an agent");
-    if (m_.error || !m_.has_ended) return;
-    const bool is_right[] = {m_.value["of"] == "step" && m_.value["run"] == steps && (steps == 2 || m_.calls.empty()),
-                             m_.result && m_.result->action == "declare_success", m_.value["of"] == "fallback"};
-    m_.expect(is_right[m_.value["way"].to_number<std::size_t>()], "5. the result of another way");
+    if (m_.error || !m_.has_ended || open_calls_ != 0) return;
+    const bool gives_up = ActionVerb::is_verdict(verb()) || last().answer.confidence < 0.6;
+    const std::size_t way = m_.calls.empty() ? 0 : verb() == "declare_success" ? 1 : gives_up ? 2 : 0;
+    const bool is_right[] = {
+        m_.value["of"] == "step" && m_.value["run"] == steps && steps == (m_.calls.empty() ? 1 : 2),
+        m_.result && m_.result->action == "declare_success", m_.value["of"] == "fallback"};
+    m_.expect(m_.value["way"] == way && is_right[way], "5. the result of another way");
+  }
+
+  void answer() {
+    if (is_cut_ || !m_.result || open_calls_ != 0) return;
+    const bool is_right = m_.result->action == verb() && m_.result->latency_ms == last().latency_ms();
+    m_.expect(is_right, "1. the result of another call");
+  }
+
+  const Call& last() const {
+    static const Call none;
+    return m_.calls.empty() ? none : m_.calls.back();
+  }
+  // What the last call's result proposes.
+  std::string_view verb() const {
+    const bool is_proposal = last().fate == Fate::answered && last().answer.verb != "no_tool";
+    return is_proposal ? std::string_view(last().answer.verb) : ActionVerb::declare_failure;
+  }
+  bool is_budget_spent() const {
+    return m_.world.missions.size() > 1 || std::ssize(m_.calls) >= m_.scenario.with.budget;
   }
 
   int probes() const { return m_.visits["should_abort"]; }

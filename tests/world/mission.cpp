@@ -76,6 +76,8 @@ void Mission::visit_begins(const Visit& visit) {
     permit.clear();
   }
   if (name == "screenshot") unit_start = visit.start;
+  const bool is_next_step = name == "should_abort" && visits[name] > 1;
+  expect(!is_next_step || visit.start <= last_end + 10s, "8. a step went on after its longest wait");
   if (scenario.mode != Mode::act_loop || (name != "screenshot" && name != "should_abort")) return;
   expect(permit.empty(), "7. not carried out: ", permit);
   expect(visit.start >= settled_at, "8. the page was given no time to settle");
@@ -84,6 +86,7 @@ void Mission::visit_begins(const Visit& visit) {
 void Mission::visit_ended(const Visit& visit) {
   const Duration now = world.now();
   const std::string_view name = visit.name;
+  last_end = now;
   if (name == "agent") agent_ended = now;
   if (is_page_action(name)) settled_at = now + (name == "scroll" ? 500ms : 1000ms);
   const bool is_slow = name == "create" && now > visit.start + 20s + patience;
@@ -145,7 +148,8 @@ Call& Host::call_of(Mission& mission, const MessagesRequest& request) {
   mission.expect(!is_retry || now == call.end + 1500ms, "8. the pause before a retry");
   mission.expect(++call.requests <= 2, "1. a call made more than two requests");
   if (!is_retry) call.start = now;
-  call.model = request.model();
+  call.model = mission.scenario.with.high_stakes ? "heavy-model" : "light-model";
+  mission.expect(request.model() == call.model, "1. another model was asked");
   call.request_start = now;
   call.fate = Fate::open;
   return call;

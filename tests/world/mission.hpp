@@ -82,9 +82,14 @@ struct Mission {
   // Told by the world about every visit.
   void visit_begins(const Visit& visit);
   void visit_ended(const Visit& visit);
-  std::exception_ptr thrown(Fault fault) { return errors.emplace_back(planned_error(fault).error); }
-  bool threw(const std::exception_ptr& what) const {
-    return std::find(errors.begin(), errors.end(), what) != errors.end();
+  std::exception_ptr thrown(Fault fault, std::string_view seam) {
+    return errors.emplace_back(seam, planned_error(fault).error).second;
+  }
+  /// By any seam, when none is named.
+  bool threw(const std::exception_ptr& what, std::string_view seam = {}) const {
+    return std::any_of(errors.begin(), errors.end(), [&](const auto& thrown) {
+      return thrown.second == what && (seam.empty() || thrown.first == seam);
+    });
   }
 
   /// How long the screenshot and the ask of one step may take; `never` for modes
@@ -125,11 +130,11 @@ struct Mission {
 
   // What the parties saw.
   std::vector<Call> calls;
-  std::vector<std::exception_ptr> errors;  ///< thrown by the parties, in order
-  std::map<std::string_view, int> visits;  ///< how often each seam was begun
+  std::vector<std::pair<std::string_view, std::exception_ptr>> errors;  ///< thrown by the parties, in order
+  std::map<std::string_view, int> visits;                               ///< how often each seam was begun
   bool was_aborted = false, has_unbounded_hang = false;
   int actions = 0;  ///< on the page
-  Duration unit_start{0}, agent_ended{0}, settled_at{0};
+  Duration unit_start{0}, agent_ended{0}, settled_at{0}, last_end{0};
   Duration patience{0};  ///< what its parties take to end after a cancellation
   std::string permit;    ///< the page action that the last answer allows
   std::size_t next_answer = 0;

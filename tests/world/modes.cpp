@@ -16,7 +16,7 @@ using boost::json::object;
 asio::awaitable<object> finish(Visit visit, int run) {
   co_await visit.mission.world.perform(visit);
   const bool fails = visit.name == "step" && run <= visit.mission.scenario.with.failing_runs;
-  if (fails) std::rethrow_exception(visit.mission.thrown(Fault::page_error));
+  if (fails) std::rethrow_exception(visit.mission.thrown(Fault::page_error, visit.name));
   const object value = {{"text", long_text()}, {"run", run}, {"of", visit.name}};
   co_return value;
 }
@@ -31,7 +31,8 @@ asio::awaitable<object> run(Mission& mission, std::string_view name) {
 
 asio::awaitable<void> run_act_loop(Mission& mission, VisionClient& client) {
   ActLoopOptions options(mission.context, mission.id);
-  options.vision(client).max_steps(mission.scenario.with.max_steps).read_only(mission.scenario.with.read_only);
+  const Details& with = mission.scenario.with;
+  options.vision(client).max_steps(with.max_steps).read_only(with.read_only).high_stakes(with.high_stakes);
   options.should_abort([&mission] {
     mission.world.call(mission, "should_abort");
     return mission.was_aborted = mission.visits["should_abort"] == mission.scenario.with.abort_at;
@@ -48,13 +49,13 @@ asio::awaitable<void> run_shadow(Mission& mission, VisionClient& client) {
 
 asio::awaitable<void> run_observer(Mission& mission, VisionClient& client) {
   ObserverOptions options(mission.context, mission.id);
-  options.vision(client).dom_ground_truth({{"label", "Speichern: ä"}});
+  options.vision(client).high_stakes(mission.scenario.with.high_stakes).dom_ground_truth({{"label", "Speichern: ä"}});
   mission.value = co_await observe_only(mission.page, std::move(options));
 }
 
 asio::awaitable<void> run_wrapper(Mission& mission, VisionClient& client) {
   FallbackOptions options(mission.context);
-  options.vision(client);
+  options.vision(client).high_stakes(mission.scenario.with.high_stakes);
   auto step = [&mission] { return run(mission, "step"); };
   std::function<asio::awaitable<object>(BrowserPage&, const FlowContext&, const std::string&)> agent;
   const auto fallback = [&mission](BrowserPage&, const FlowContext& context, const std::string& reason) {
@@ -77,7 +78,8 @@ asio::awaitable<void> run_act(Mission& mission, VisionClient& client) {
 }
 
 asio::awaitable<void> run_ask(Mission& mission, VisionClient& client) {
-  const auto options = AskOptions().transport_retry(mission.scenario.with.transport_retry);
+  const Details& with = mission.scenario.with;
+  const auto options = AskOptions().transport_retry(with.transport_retry).high_stakes(with.high_stakes);
   Bytes image(std::string("PNG"));
   mission.result = co_await client.ask(std::move(image), ImgMeta(1280, 800, 2.0, 0.0), mission.context, options);
 }

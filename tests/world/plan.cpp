@@ -18,7 +18,8 @@ constexpr struct {
 const std::string centre = R"(, "x_ratio": 0.5, "y_ratio": 0.25)";
 const Answer click{"click", 0.9, centre}, elsewhere{"click", 0.6, R"(, "x_ratio": 0.1, "y_ratio": 0.25)"};
 const Answer type{"type", 0.9, R"(, "text": "añ")"}, key{"key", 0.9, R"(, "key": "Enter")"};
-const Answer scroll{"scroll"}, long_wait{"wait", 0.9, R"(, "duration_ms": 60000)"};
+const Answer scroll{"scroll"}, short_wait{"wait", 0.9, R"(, "duration_ms": 300)"},
+    long_wait{"wait", 0.9, R"(, "duration_ms": 60000)"};
 const Answer success{"declare_success"}, failure{"declare_failure"}, escalate{"escalate_to_cua"};
 const Answer guess{"click", 0.59, centre}, guessed_success{"declare_success", 0.3};
 const Answer no_tool{"no_tool"}, broken{"broken"}, unknown{"juggle"}, pointless{"click", 0.9, "", false};
@@ -49,8 +50,9 @@ const std::vector<Fault>& faults_of(Kind of) {
 const std::vector<Scenario>& scenarios() {
   using enum Mode;
   static const std::vector<Scenario> all = {
-      {act_loop, "act_loop/every_action", {click, type, scroll, key, long_wait, unknown, success}},
+      {act_loop, "act_loop/every_action", {click, type, scroll, key, short_wait, long_wait, unknown, success}},
       {act_loop, "act_loop/click_with_fixtures", {click, success}, {.fixtures = true}},
+      {act_loop, "act_loop/heavy_model", {click, click}, {.high_stakes = true}},
       {act_loop, "act_loop/without_hook", {click, failure}, {.hook = false}},
       {act_loop, "act_loop/repeats", {click, click, click}},
       {act_loop, "act_loop/broken_repeats", {click, click, elsewhere, click, escalate}},
@@ -71,11 +73,12 @@ const std::vector<Scenario>& scenarios() {
       {shadow, "shadow/no_tool_call", {no_tool}},
       {shadow, "shadow/spent_budget", {}, {.budget = 0}},
       {observer, "observer/proposal", {click}, {.fixtures = true}},
-      {observer, "observer/verdict", {failure}, {.hook = false}},
+      {observer, "observer/verdict", {failure}, {.hook = false, .high_stakes = true}},
       {observer, "observer/broken_answer", {broken}},
       {observer, "observer/spent_budget", {}, {.budget = 0}},
       {wrapper, "wrapper/no_failure", {}, {.failing_runs = 0}},
       {wrapper, "wrapper/click", {click}},
+      {wrapper, "wrapper/wait", {short_wait}, {.high_stakes = true}},
       {wrapper, "wrapper/click_in_vain", {click}, {.hook = false, .failing_runs = 2}},
       {wrapper, "wrapper/guessed_success", {guessed_success}},
       {wrapper, "wrapper/escalation", {escalate}},
@@ -87,7 +90,7 @@ const std::vector<Scenario>& scenarios() {
       {act, "act/spent_budget", {}, {.budget = 0}},
       {ask, "ask/click", {click}},
       {ask, "ask/without_retry", {success}, {.hook = false, .transport_retry = false}},
-      {ask, "ask/no_tool_call", {no_tool}},
+      {ask, "ask/no_tool_call", {no_tool}, {.high_stakes = true}},
       {ask, "ask/unreadable_context", {}, {.unreadable_context = true}},
   };
   return all;

@@ -66,6 +66,7 @@ struct Answer {
 struct Details {
   bool fixtures = false;  ///< screenshots are stored
   bool hook = true;       ///< the client has an on_action hook
+  bool high_stakes = false;
   std::int64_t budget = 50;
   std::int64_t max_steps = 8;   ///< act loop
   bool read_only = false;       ///< act loop
@@ -85,7 +86,7 @@ struct Scenario {
   Details with = {};
 };
 
-/// Together they reach every branch of each mode.
+/// Together they reach every way in which a mode can end, and every rail.
 const std::vector<Scenario>& scenarios();
 
 /// The same run gives the same trace.

@@ -103,7 +103,7 @@ void World::enter(const Visit& visit) {
   }
   if (visit.fault != Fault::call_throws && visit.fault != Fault::call_throws_odd) return;
   mission.visit_ended(visit);
-  std::rethrow_exception(mission.thrown(visit.fault));
+  std::rethrow_exception(mission.thrown(visit.fault, visit.name));
 }
 
 asio::awaitable<void> World::seam(Mission& mission, std::string_view name) {
@@ -141,7 +141,7 @@ asio::awaitable<void> World::perform(Visit visit) {
       // Most of what takes no time does not suspend either.
       if (visit.latency != 0s || visit.fault >= Fault::cancel_during) co_await time->sleep_ranked(visit.latency, 0);
   }
-  if (planned_error(visit.fault).error) std::rethrow_exception(mission.thrown(visit.fault));
+  if (planned_error(visit.fault).error) std::rethrow_exception(mission.thrown(visit.fault, visit.name));
 }
 
 void World::cancel(Mission& mission) {

@@ -54,8 +54,8 @@ auto VisionClient::ask_owning(Bytes image, ImgMeta img_meta, const FlowContext& 
   co_return co_await ask_body(std::move(image), img_meta, flow_context, options);
 }
 
-auto VisionClient::ask_body(Bytes image, ImgMeta img_meta, const FlowContext& flow_context, const AskOptions& options)
-    -> asio::awaitable<Answer> {
+auto VisionClient::ask_body(Bytes image, const ImgMeta& img_meta, const FlowContext& flow_context,
+                            const AskOptions& options) -> asio::awaitable<Answer> {
   if (metrics.call_count >= _call_budget) throw BudgetExceeded(_call_budget);
   const MessagesRequest request = make_request(std::move(image), img_meta, flow_context, options);
   const auto executor = co_await asio::this_coro::executor;

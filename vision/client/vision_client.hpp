@@ -143,7 +143,7 @@ class VisionClient {
   boost::asio::awaitable<void> run_hook(const ActionResult& result, const FlowContext& flow_context);
   boost::asio::awaitable<Answer> ask_owning(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
                                             AskOptions options);
-  boost::asio::awaitable<Answer> ask_body(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
+  boost::asio::awaitable<Answer> ask_body(Bytes image, const ImgMeta& img_meta, const FlowContext& flow_context,
                                           const AskOptions& options);
   boost::asio::awaitable<std::pair<Bytes, ImgMeta>> screenshot_body(BrowserPage& page, bool full_page);
   boost::asio::awaitable<Answer> act_body(BrowserPage& page, const FlowContext& flow_context, AskOptions options);

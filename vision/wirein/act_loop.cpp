@@ -22,7 +22,7 @@ class Mission {
         options_(options),
         client_(options.vision() ? *options.vision() : default_client()),
         context_(std::move(flow_context)),
-        site_(options.hotspot_id(), options.run_id()) {
+        site_{options.hotspot_id(), options.run_id()} {
     ask_options_.prompt(_act_mission_text(options.mission_prompt())).high_stakes(options.high_stakes());
   }
 

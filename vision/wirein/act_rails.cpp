@@ -84,6 +84,7 @@ void Breadcrumbs::add(std::int64_t step, std::int64_t max_steps, const ActionRes
     line += "(" + text::fixed(*executed.x_ratio, 2) + "," + text::fixed(*executed.y_ratio, 2) + ")";
   }
   line.append(" — ").append(text::first_code_points(executed.reason, reason_code_points));
+  lines_.reserve(kept);
   if (lines_.size() == kept) lines_.erase(lines_.begin());
   lines_.push_back(std::move(line));
 }

@@ -28,7 +28,7 @@ class GonePage : public BrowserPage {
 
 asio::awaitable<boost::json::object> observe_body(std::shared_ptr<BrowserPage> page, const ObserverOptions options) {
   VisionClient& client = options.vision() ? *options.vision() : default_client();
-  const detail::Site site(options.hotspot_id(), options.run_id());
+  const detail::Site site{options.hotspot_id(), options.run_id()};
   auto vision = co_await detail::observe(client, std::move(page), options.flow_context(), site, options.high_stakes());
   auto record =
       detail::record_header(co_await runtime::wall_seconds(), site.run_id, site.hotspot_id, options.flow_context());

@@ -94,7 +94,7 @@ asio::awaitable<std::exception_ptr> shadow_body(BrowserPage& page, asio::awaitab
                                                 std::function<boost::json::value()> cua_text,
                                                 const ObserverOptions options) {
   VisionClient& client = options.vision() ? *options.vision() : default_client();
-  const Site site(options.hotspot_id(), options.run_id());
+  const Site site{options.hotspot_id(), options.run_id()};
   auto vision_leg = observe(client, borrowed(page), options.flow_context(), site, options.high_stakes());
   auto cua_leg = _cua_run(std::move(cua));
   auto [vision, agent] = co_await runtime::both(std::move(vision_leg), std::move(cua_leg));

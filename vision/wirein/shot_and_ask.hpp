@@ -11,10 +11,10 @@
 namespace vision::detail {
 
 /// Where in the pipeline a mode was called: goes into records and fixture names.
+/// Refers to the options of the call.
 struct Site {
-  Site(std::string hotspot, std::optional<std::string> run) : hotspot_id(std::move(hotspot)), run_id(std::move(run)) {}
-  std::string hotspot_id;
-  std::optional<std::string> run_id;
+  const std::string& hotspot_id;
+  const std::optional<std::string>& run_id;
 };
 
 /// A page that the caller keeps alive.

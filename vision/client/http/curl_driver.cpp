@@ -14,9 +14,7 @@ namespace {
 
 constexpr std::size_t max_idle_handles = 8;
 
-// libcurl's own limit shrinks with the requests in flight and closes connections
-// at the end of every burst.
-constexpr long max_connections_kept = 32;
+constexpr long max_idle_connections = 32;
 
 }  // namespace
 
@@ -28,7 +26,6 @@ CurlDriver::CurlDriver(const asio::any_io_executor& executor) : executor_(execut
   ::curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
   ::curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &CurlDriver::on_timer);
   ::curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
-  ::curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, max_connections_kept);
 }
 
 CurlDriver::~CurlDriver() {
@@ -46,6 +43,7 @@ void CurlDriver::start(std::shared_ptr<Exchange> exchange, Completion completion
       if (code == CURLE_OK) {
         const Exchange* const key = exchange.get();
         running_.emplace(key, Running{std::move(exchange), easy, std::move(completion)});
+        limit_pool();
         return;
       }
       ::curl_easy_cleanup(easy);
@@ -206,7 +204,14 @@ CURL* CurlDriver::take_easy() noexcept {
   return easy;
 }
 
+// libcurl counts the connections in use, too. Its own limit, four times those, closes
+// them all at the end of every burst.
+void CurlDriver::limit_pool() noexcept {
+  ::curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, static_cast<long>(running_.size()) + max_idle_connections);
+}
+
 void CurlDriver::retire(CURL* easy) noexcept {
+  limit_pool();
   ::curl_multi_remove_handle(multi_, easy);
   ::curl_easy_reset(easy);
   if (idle_.size() < max_idle_handles) {

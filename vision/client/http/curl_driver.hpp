@@ -80,6 +80,7 @@ class CurlDriver {
 
   CURL* take_easy() noexcept;
   void retire(CURL* easy) noexcept;
+  void limit_pool() noexcept;
 
   std::mutex mutex_;
   boost::asio::any_io_executor executor_;
