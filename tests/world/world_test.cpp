@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -52,6 +53,19 @@ Report perform(const Run& run) {
   check(world, host, test::read_lines(log_path));
   if (fixtures) check_fixtures(world);
   return world.report;
+}
+
+const Run* running = nullptr;
+
+void print_replay(const Run& run) {
+  const std::string name = run.scenario ? run.scenario->name : "random";
+  std::cout << "world_test replay " << name << " " << run.seed << (run.plan.empty() ? "" : " ") << run.plan << "\n";
+}
+
+// What ends the whole program leaves the line, too.
+void print_running() {
+  if (running) print_replay(*running);
+  std::cout.flush();
 }
 
 std::string place(const char* what, std::size_t number) {
@@ -118,16 +132,17 @@ class Campaign {
 
   // Runs it; every eighth run twice, which must not differ.
   Report take(const Run& run) {
+    running = &run;
     Report report = perform(run);
     if ((run.seed == 0 || !run.scenario) && run.plan.empty()) seams_ += report.seams.size();
     const bool differs = ++runs_ % 8 == 0 && perform(run).hash != report.hash;
     if (differs) report.violations.push_back("the same run went another way");
+    running = nullptr;
     if (report.violations.empty()) return report;
     ++failures_;
     const auto is_new = [&](const auto& text) { return ++messages_[text.substr(0, text.find(" (m"))] == 1; };
     if (std::count_if(report.violations.begin(), report.violations.end(), is_new) > 0) {
-      const std::string name = run.scenario ? run.scenario->name : "random";
-      std::cout << "world_test replay " << name << " " << run.seed << (run.plan.empty() ? "" : " ") << run.plan << "\n";
+      print_replay(run);
       for (const auto& violation : report.violations) std::cout << "  " << violation << "\n";
     }
     if (stops_at_first_) throw Stopped();
@@ -183,7 +198,20 @@ int run(std::vector<std::string> words) {
 }  // namespace
 }  // namespace vision::world
 
+extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
+
 int main(int argc, char** argv) {
+  if (__sanitizer_set_death_callback) {
+    __sanitizer_set_death_callback(vision::world::print_running);
+  } else {
+    for (const int fatal : {SIGSEGV, SIGABRT}) {
+      std::signal(fatal, [](int signal) {
+        vision::world::print_running();
+        std::signal(signal, SIG_DFL);
+        std::raise(signal);
+      });
+    }
+  }
   try {
     if (argc > 1) return vision::world::run({argv + 1, argv + argc});
     std::cerr << "usage: world_test single | pairs [ROUNDS] | random [COUNT [FIRST_SEED]], and --first to stop early\n"
