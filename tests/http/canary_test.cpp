@@ -36,6 +36,7 @@ const std::string echoes[] = {
     each("%%%02X"),
     each("%02X"),
     each("\\u%04x"),
+    "\\u000" + each("%02x"),  // the escape swallows the first digit
 };
 
 std::vector<Reply> replies(const std::string& echo) {

@@ -17,12 +17,12 @@ constexpr std::size_t max_depth = 64;
 constexpr std::size_t excerpt_code_points = 200;
 constexpr std::size_t message_code_points = 1000;
 
-// Text from outside in the form in which errors quote it. The key goes first: cut
-// or escaped it would no longer be found.
+// Text from outside in the form in which errors quote it. The key goes first: cut it
+// would no longer be found. And last: escaping can bring its first digits back.
 std::string quote(const SecretKey& key, std::string_view text, std::size_t code_points) {
   const std::string clean = key.scrub(text::trim(text));
   const std::string_view start = text::first_code_points(clean, code_points);
-  return text::one_line(start) + (start.size() < clean.size() ? "..." : "");
+  return key.scrub(text::one_line(start)) + (start.size() < clean.size() ? "..." : "");
 }
 
 bool is_plain(const RawResponse& response) {

@@ -159,7 +159,7 @@ void Exchange::throw_no_response() const {
   const Reason why = reason();
   if (why == Reason::old_protocol) detail += ", TLS 1.2 is the oldest version accepted";
   const char* const doing = code_ == CURLE_PARTIAL_FILE ? "the response was cut short by " : activity(why);
-  const std::string message = doing + endpoint_->authority + ": " + text::one_line(endpoint_->key.scrub(detail));
+  const std::string message = doing + endpoint_->authority + ": " + endpoint_->key.scrub(text::one_line(detail));
   if (why == Reason::timed_out) throw APITimeoutError(message, why);
   throw APIConnectionError(message, why);
 }

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "vision/records/base64.hpp"
+#include "vision/text/json_text.hpp"
 #include "vision/text/utf8.hpp"
 
 namespace vision::http {
@@ -98,6 +99,18 @@ std::string SecretKey::scrub(std::string_view text) const {
   return clean;
 }
 
+// An escape in an answer can swallow the first of the key's hexadecimal digits, as in
+// "\u00073..." for "73...", and writing the text as JSON brings them back.
+std::string SecretKey::scrub_for_json(std::string_view text) const {
+  std::string clean = scrub(text);
+  if (std::all_of(clean.begin(), clean.end(), [](char c) { return c >= ' ' && c <= '~'; })) return clean;
+  std::string written;
+  text::append_json_string(written, clean);
+  written = written.substr(1, written.size() - 2);  // without the quotes
+  std::string scrubbed = scrub(written);
+  return scrubbed == written ? clean : scrubbed;
+}
+
 void SecretKey::scrub(boost::json::value& value) const {
   if (auto* array = value.if_array()) {
     for (auto& element : *array) scrub(element);
@@ -105,16 +118,16 @@ void SecretKey::scrub(boost::json::value& value) const {
     bool has_clean_names = true;
     for (auto& member : *object) {
       scrub(member.value());
-      has_clean_names = has_clean_names && scrub(std::string_view(member.key())) == std::string_view(member.key());
+      has_clean_names = has_clean_names && scrub_for_json(member.key()) == std::string_view(member.key());
     }
     if (has_clean_names) return;
     boost::json::object renamed(object->storage());
     for (auto& member : *object) {
-      renamed.insert_or_assign(scrub(std::string_view(member.key())), std::move(member.value()));
+      renamed.insert_or_assign(scrub_for_json(member.key()), std::move(member.value()));
     }
     *object = std::move(renamed);
   } else if (auto* text = value.if_string()) {
-    const std::string clean = scrub(std::string_view(*text));
+    const std::string clean = scrub_for_json(*text);
     if (clean != std::string_view(*text)) *text = clean;
   }
 }

@@ -25,10 +25,13 @@ class SecretKey {
   /// or more of its first characters at the end. Keys shorter than that are left
   /// alone: they occur by chance.
   std::string scrub(std::string_view text) const;
-  /// Does so in every string of `value`, names of members included.
+  /// Does so in every string of `value`, names of members included. A string that
+  /// would show the key when written as JSON becomes that JSON text without it.
   void scrub(boost::json::value& value) const;
 
  private:
+  std::string scrub_for_json(std::string_view text) const;
+
   std::string value_;
   std::vector<std::string> forms_;  // in which it is looked for
 };
