@@ -114,7 +114,8 @@ asio::awaitable<void> World::seam(Mission& mission, std::string_view name) {
 
 asio::awaitable<void> World::perform(Visit visit) {
   Mission& mission = visit.mission;
-  const auto at_end = [&visit, held = in_flight](void*) { visit.mission.visit_ended(visit); };
+  const auto held = in_flight;
+  const auto at_end = [&visit](void*) { visit.mission.visit_ended(visit); };
   const std::shared_ptr<void> alive(nullptr, at_end);
   cancel_around(visit.fault, mission, visit.latency, 0, alive);
   if (visit.fault == Fault::late) mission.patience += tick;
