@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "chromium/errors.hpp"
+#include "vision/text/json_limits.hpp"
 
 namespace vision::chromium {
 namespace json = boost::json;
@@ -43,6 +44,11 @@ std::string without_lone_surrogates(std::string text) {
 }  // namespace
 
 json::value parse_message(std::string_view text) {
+  constexpr std::size_t max_size = 8u << 20, max_members = 1000;
+  if (text.size() > max_size) throw BrowserError("the browser sent a message above 8 MiB");
+  if (text::has_crowded_object(text, max_members)) {
+    throw BrowserError("the browser sent an object of more than 1000 members");
+  }
   json::parse_options options;
   options.max_depth = 256;
   boost::system::error_code error;

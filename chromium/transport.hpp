@@ -7,7 +7,7 @@
 namespace vision::chromium {
 
 /// Messages above this size end the connection. The browser's full-page shots
-/// stay well below it.
+/// stay well below it; of what is no picture parse_message takes much less.
 inline constexpr std::size_t max_message_size = 512u << 20;
 
 /// The browser drops a connection on which it gets a larger one.

@@ -26,12 +26,15 @@ TEST(Connection, TakesWhateverAPeerSends) {
     send(noise);
   }
   const std::string deep = R"({"id":5,"result":)" + std::string(300, '[') + std::string(300, ']') + "}";
+  std::string crowded = R"({"id":6,"result":{"":0)";
+  for (int i = 0; i < 1000; ++i) crowded += ",\"\":0";
   const std::pair<std::string, std::string> cases[] = {
       {R"({"id":2,"result":{"v":"\ud800"}})", R"({"v": "\ufffd"})"},
       {R"({"id":3,"error":{"code":-32601,"message":"no such thing"}})", "ProtocolError: C.d: no such thing (-32601)"},
       {R"({"id":4})", "BrowserError: C.d: the browser's answer has no result"},
       {deep, "BrowserError: unreadable message from the browser: too deep"},
-      {R"({"id":6,"error":{"code":-32001,"message":"Session not found"}})", closed},
+      {crowded + "}}", "BrowserError: the browser sent an object of more than 1000 members"},
+      {R"({"id":7,"error":{"code":-32001,"message":"Session not found"}})", closed},
   };
   for (const auto& [answer, expected] : cases) {
     Running<json::object> call(session->call("C.d"));
@@ -41,12 +44,12 @@ TEST(Connection, TakesWhateverAPeerSends) {
   }
   const std::string malformed = "BrowserError: the browser's picture is not base64 text";
   const std::pair<std::string, std::string> pictures[] = {
-      {R"({"id":7,"result":{"data":"UE5H"}})", "PNG"},
-      {R"({"id": 8, "result": {"data": "UE4="}})", "PN"},
-      {R"({"id":9,"result":{"data":"UE5H","more":1}})", "PNG"},
-      {R"({"id":10,"result":{"data":"UE5"}})", malformed},
-      {R"({"id":11,"result":{"data":"UE5*"}})", malformed},
-      {R"({"id":12})", "BrowserError: E.f: the browser's answer has no result"},
+      {R"({"id":8,"result":{"data":"UE5H"}})", "PNG"},
+      {R"({"id": 9, "result": {"data": "UE4="}})", "PN"},
+      {R"({"id":10,"result":{"data":"UE5H","more":1}})", "PNG"},
+      {R"({"id":11,"result":{"data":"UE5"}})", malformed},
+      {R"({"id":12,"result":{"data":"UE5*"}})", malformed},
+      {R"({"id":13})", "BrowserError: E.f: the browser's answer has no result"},
   };
   for (const auto& [answer, expected] : pictures) {
     Running<Bytes> call(session->call_for_picture("E.f", {}));

@@ -187,6 +187,7 @@ TEST_F(PageTest, EvaluateGivesValuesAndErrors) {
       {"noSuchName", "EvaluationError: ReferenceError: noSuchName is not defined"},
       {"(() => { throw 'plain' })()", "EvaluationError: plain"},
       {"Promise.reject(5)", "EvaluationError: 5"},
+      {"'x'.repeat(9e6)", "BrowserError: the browser sent a message above 8 MiB"},
       {"1 +", "EvaluationError: SyntaxError: Unexpected end of input"},
       {"JSON.parse('['.repeat(270) + ']'.repeat(270))", "BrowserError: unreadable message from the browser: too deep"},
   };

@@ -81,6 +81,12 @@ std::string nested(std::size_t depth) {
   return "{\"a\":" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
 }
 
+std::string crowded(int members) {
+  std::string text = "{\"[{,\\\"\":[0,0]";
+  for (int i = 1; i < members; ++i) text += ",\"\":0";
+  return text + "}";
+}
+
 TEST(HttpFailure, ResponsesThatAreNoneOrBreakOffOrNeverEnd) {
   const std::string head = "HTTP/1.1 200 OK\r\n";
   const std::string bomb("x\xda\xed\xc1\x31\x01\0\0\0\xc2\xa0*\xeb\x9f\xd2\x10\xbe@", 18);
@@ -129,6 +135,8 @@ TEST(HttpFailure, ResponsesThatAreNoneOrBreakOffOrNeverEnd) {
   for (const auto& [reply, expected] : rows) {
     EXPECT_THAT(ask_scripted(reply, HttpOptions().max_response_bytes(1000)), HasSubstr(expected));
   }
+  EXPECT_THAT(ask_scripted({response("200 OK", crowded(256))}), StartsWith("{\"[{"));
+  EXPECT_THAT(ask_scripted({response("200 OK", crowded(257))}), HasSubstr("an object of more than 256 members"));
   for (std::size_t size = 0; size < ok.size(); ++size) {
     EXPECT_THAT(ask_scripted({ok.substr(0, size), Then::close}), StartsWith(connection)) << size;
   }

@@ -7,13 +7,14 @@
 #include <string_view>
 
 #include "vision/client/api_error.hpp"
+#include "vision/text/json_limits.hpp"
 #include "vision/text/utf8.hpp"
 
 namespace vision::http {
 namespace json = boost::json;
 namespace {
 
-constexpr std::size_t max_depth = 64;
+constexpr std::size_t max_depth = 64, max_members = 256;
 constexpr std::size_t excerpt_code_points = 200;
 constexpr std::size_t message_code_points = 1000;
 
@@ -31,6 +32,10 @@ bool is_plain(const RawResponse& response) {
 
 // Parses into an arena that the value keeps alive, sized for the text at hand.
 json::value parse(std::string_view body, boost::system::error_code& error) {
+  if (text::has_crowded_object(body, max_members)) {
+    error = json::error::object_too_large;
+    return {};
+  }
   json::parse_options options;
   options.max_depth = max_depth;
   json::parser parser({}, options);
@@ -130,6 +135,9 @@ json::value parse_response(const RawResponse& response, const SecretKey& key) {
   if (text::trim(response.body).empty()) reject("the response is empty", response, key);
   boost::system::error_code error;
   json::value value = parse(response.body, error);
+  if (error == json::error::object_too_large) {
+    reject("the response holds an object of more than " + std::to_string(max_members) + " members", response, key);
+  }
   if (error == json::error::too_deep) {
     reject("the response nests deeper than " + std::to_string(max_depth) + " levels", response, key);
   }

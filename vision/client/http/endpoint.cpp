@@ -2,6 +2,7 @@
 
 #include <string.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
 #include <stdexcept>
@@ -20,15 +21,24 @@ using Url = std::unique_ptr<CURLU, FreeUrl>;
 struct BaseUrl {
   std::string source;  // what an error calls it
   std::string value;
+  std::string shown;  // in an error
 };
 
-BaseUrl base_url_of(const HttpOptions& options) {
-  BaseUrl base{"base_url", "https://api.anthropic.com"};
+// Without credentials, a query, in which some gateways keep theirs, and the key.
+std::string shown_form(const std::string& url, const SecretKey& key) {
+  if (url.find('@') != std::string::npos) return "";
+  const auto end = url.find_first_of("?#");
+  return " \"" + key.scrub(text::one_line(url.substr(0, end))) + (end == std::string::npos ? "\"" : "...\"");
+}
+
+BaseUrl base_url_of(const HttpOptions& options, const SecretKey& key) {
+  BaseUrl base{"base_url", "https://api.anthropic.com", ""};
   if (options.base_url()) {
     base.value = *options.base_url();
   } else if (const char* value = std::getenv("ANTHROPIC_BASE_URL"); value && *value) {
-    base = {"ANTHROPIC_BASE_URL", value};
+    base = {"ANTHROPIC_BASE_URL", value, ""};
   }
+  base.shown = shown_form(base.value, key);
   return base;
 }
 
@@ -40,10 +50,7 @@ std::string part(const Url& url, CURLUPart which) {
 }
 
 [[noreturn]] void refuse(const BaseUrl& base, const std::string& why) {
-  // A URL that holds credentials is not shown.
-  const bool secret = base.value.find('@') != std::string::npos;
-  const std::string shown = secret ? "" : " \"" + text::one_line(base.value) + "\"";
-  throw std::invalid_argument(base.source + shown + " " + why);
+  throw std::invalid_argument(base.source + base.shown + " " + why);
 }
 
 Url parse(const BaseUrl& base) {
@@ -51,6 +58,8 @@ Url parse(const BaseUrl& base) {
   if (!url) throw std::bad_alloc();
   const std::string trimmed(text::trim(base.value));
   if (trimmed.empty()) refuse(base, "is empty");
+  const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7f; };
+  if (std::any_of(trimmed.begin(), trimmed.end(), is_control)) refuse(base, "contains a control character");
   const CURLUcode code = ::curl_url_set(url.get(), CURLUPART_URL, trimmed.c_str(), CURLU_NON_SUPPORT_SCHEME);
   if (code != CURLUE_OK) refuse(base, std::string("is no URL: ") + ::curl_url_strerror(code));
   const std::string scheme = part(url, CURLUPART_SCHEME);
@@ -84,7 +93,7 @@ Endpoint::Endpoint(std::string_view api_key, const HttpOptions& options)
       connect_timeout(options.connect_timeout()),
       max_response_bytes(options.max_response_bytes()) {
   initialise_libcurl();
-  const BaseUrl base = base_url_of(options);
+  const BaseUrl base = base_url_of(options, key);
   const Url parsed = parse(base);
   const std::string host = part(parsed, CURLUPART_HOST);
   is_tls = part(parsed, CURLUPART_SCHEME) == "https";

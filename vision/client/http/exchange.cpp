@@ -2,7 +2,9 @@
 
 #include <openssl/x509_vfy.h>
 
+#include <algorithm>
 #include <boost/beast/core/string.hpp>
+#include <cstdint>
 #include <cstdio>
 #include <system_error>
 #include <utility>
@@ -95,7 +97,8 @@ CURLcode Exchange::configure(CURL* easy) noexcept {
       .set(CURLOPT_HEADERDATA, this)
       .set(CURLOPT_WRITEFUNCTION, &Exchange::on_body)
       .set(CURLOPT_WRITEDATA, this)
-      .set(CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(endpoint_->max_response_bytes))
+      .set(CURLOPT_MAXFILESIZE_LARGE,
+           static_cast<curl_off_t>(std::min<std::size_t>(endpoint_->max_response_bytes, PTRDIFF_MAX)))
       .set(CURLOPT_ERRORBUFFER, error_text_.data());
   if (endpoint_->direct) options.set(CURLOPT_NOPROXY, "*");
   if (!endpoint_->ca_file.empty()) {

@@ -47,7 +47,7 @@ class HttpOptions {
     connect_timeout_ = value;
     return *this;
   }
-  /// Largest response body accepted, in bytes. Default 16 MiB.
+  /// Largest response body accepted, in bytes. Default 1 MiB: an answer has a few kB.
   HttpOptions& max_response_bytes(std::size_t value) {
     max_response_bytes_ = value;
     return *this;
@@ -67,7 +67,7 @@ class HttpOptions {
   bool allow_plain_http_ = false;
   std::string ca_file_;
   std::chrono::milliseconds connect_timeout_{10'000};
-  std::size_t max_response_bytes_ = std::size_t{16} << 20;
+  std::size_t max_response_bytes_ = std::size_t{1} << 20;
 };
 
 /// The Messages API over HTTP/1.1, one request per `create`.

@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <boost/algorithm/string/replace.hpp>
 #include <cctype>
 #include <stdexcept>
 
@@ -86,9 +87,7 @@ std::string SecretKey::scrub(std::string_view text) const {
   for (const auto& form : forms_) {
     // Whole or cut short it begins with this, which almost no text holds.
     if (clean.find(form.data(), 0, shortest_secret) == std::string::npos) continue;
-    for (auto at = clean.find(form); at != std::string::npos; at = clean.find(form, at)) {
-      clean.replace(at, form.size(), placeholder);
-    }
+    boost::algorithm::replace_all(clean, form, placeholder);
     // A text that broke off may end with the beginning of it.
     for (std::size_t size = form.size() - 1; size >= shortest_secret; --size) {
       if (!clean.ends_with(std::string_view(form).substr(0, size))) continue;
