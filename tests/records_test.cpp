@@ -108,6 +108,22 @@ TEST(Settings, RegistryIsCopiedOnceAndFixed) {
   EXPECT_EQ(detail::make_price_map("same", 3.0, "same", 5.0), (detail::PriceMap{{"same", 5.0}}));
 }
 
+// A process chooses its models once.
+TEST(SettingsDeathTest, SaysWhatTheRegistryLacks) {
+  const auto use = [](const char* light, const char* heavy) {
+    if (light) set_model_registry(std::make_shared<StaticModelRegistry>(light, heavy));
+    try {
+      MODEL_SONNET();
+    } catch (const std::runtime_error& error) {
+      std::fputs(error.what(), stderr);
+    }
+    std::exit(0);
+  };
+  EXPECT_EXIT(use(nullptr, nullptr), testing::ExitedWithCode(0), "no model registry");
+  EXPECT_EXIT(use("", "heavy"), testing::ExitedWithCode(0), "gives no VISION_LIGHT_MODEL");
+  EXPECT_EXIT(use("light", ""), testing::ExitedWithCode(0), "gives no VISION_HEAVY_MODEL");
+}
+
 TEST(Coercion, NormRatio) {
   const std::tuple<value, std::optional<std::int64_t>, std::optional<double>> rows[] = {
       {1238, 1280, 0.9671875},  {2000, 1280, 1.0},

@@ -35,7 +35,7 @@ asio::awaitable<Done> host_that_allows_all(World& world) {
 
 TEST(Entry, EveryKindOfRequestEndsItAndNoneIsForgotten) {
   World weak, erased, filtered;
-  weak.cancel_after(1, ct::total);
+  weak.time->at(1s, 0, [&] { weak.cancel.emit(ct::total); });
   EXPECT_THROW(weak.run(host_that_allows_all(weak)), boost::system::system_error);
   EXPECT_EQ(weak.seconds(), 1);
   EXPECT_THROW(erased.run(entered(erased, {ct::terminal, ct::total})), boost::system::system_error);

@@ -66,8 +66,6 @@ class VirtualTime : public runtime::TimeSource {
     return timers_.empty() ? runtime::to_duration(1e300) : std::get<0>(timers_.begin()->first) - now_;
   }
 
-  std::size_t pending() const { return timers_.size(); }
-
   static constexpr Duration wall_start = std::chrono::seconds(1763319900);  // 2025-11-16T19:05:00Z
 
  private:
@@ -140,23 +138,9 @@ class World {
 
   void run(asio::awaitable<void> operation) { run(with_value(std::move(operation))); }
 
-  /// Cancels what runs then, `seconds` from now.
-  void cancel_after(double seconds, asio::cancellation_type type = asio::cancellation_type::terminal) {
-    asio::co_spawn(io, emit_after(seconds, type), [](std::exception_ptr) {});
-  }
-
-  /// Cancels what runs next before its `turn`th handler, counted from 0; each
-  /// run counts anew and forgets it.
-  void cancel_at_turn(std::size_t turn) { cancel_turn_ = turn; }
-
   double seconds() const { return runtime::to_seconds(time->steady_now()); }
 
  private:
-  asio::awaitable<void> emit_after(double seconds, asio::cancellation_type type) {
-    co_await runtime::sleep_for(runtime::to_duration(seconds));
-    cancel.emit(type);
-  }
-
   template <class T>
   static asio::awaitable<void> keep(asio::awaitable<T> operation, std::optional<T>& value) {
     value.emplace(co_await std::move(operation));
@@ -168,22 +152,14 @@ class World {
   }
 
   void loop(const bool& ended) {
-    std::size_t turn = 0;
     while (!ended) {
       io.restart();
-      if (cancel_turn_ == turn) cancel.emit(asio::cancellation_type::terminal);
-      if (io.poll_one() > 0) {
-        ++turn;
-        continue;
-      }
+      if (io.poll_one() > 0) continue;
       if (runtime::jobs_in_flight(io) == 0 && time->advance()) continue;
       io.restart();
       if (io.run_one() == 0) throw std::logic_error("the operation waits for something that never comes");
     }
-    cancel_turn_.reset();
   }
-
-  std::optional<std::size_t> cancel_turn_;
 };
 
 }  // namespace vision::test
