@@ -84,7 +84,8 @@ int __wrap_mkostemps(char* path, int suffix, int flags) {
   }
 VISION_WORLD_WRAP(ssize_t, pread, (int fd, void* data, size_t size, off_t at), (fd, data, size, at), is_ours(fd))
 VISION_WORLD_WRAP(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), is_ours(fd))
-VISION_WORLD_WRAP(int, fstat, (int fd, struct stat* info), (fd, info), is_ours(fd))
+VISION_WORLD_WRAP(int, statx, (int fd, const char* path, int flags, unsigned mask, struct statx* info),
+                  (fd, path, flags, mask, info), is_ours(fd))
 VISION_WORLD_WRAP(int, mkdir, (const char* path, mode_t mode), (path, mode), true)
 VISION_WORLD_WRAP(int, rename, (const char* from, const char* to), (from, to), true)
 VISION_WORLD_WRAP(int, unlink, (const char* path), (path), true)

@@ -33,13 +33,25 @@ class Descriptor {
   int fd_;
 };
 
-// A log that may only be written can still be appended to, but not checked for a
-// cut last line. Without O_NONBLOCK a FIFO would wait for its reader.
+// Only the owner of a file may look into it without having the time of that kept,
+// which would cost more than the look. A log that may only be written can still be
+// appended to, but not checked for a cut last line. Without O_NONBLOCK a FIFO would
+// wait for its reader.
 int open_for_append(const std::string& path) {
   constexpr int flags = O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
   constexpr mode_t mode = 0600;
-  const int fd = ::open(path.c_str(), O_RDWR | flags, mode);
-  return fd < 0 && errno == EACCES ? ::open(path.c_str(), O_WRONLY | flags, mode) : fd;
+  int fd = -1;
+  for (const int access : {O_RDWR | O_NOATIME, O_RDWR, O_WRONLY}) {
+    fd = ::open(path.c_str(), access | flags, mode);
+    if (fd >= 0 || (errno != EACCES && errno != EPERM)) break;
+  }
+  return fd;
+}
+
+// Its kind and size alone: who asks for the time of the last change, too, as fstat
+// does, has Linux 6.13 and later keep the next one more exactly, at 1.3 us a write.
+bool look_at(int fd, struct statx& info) {
+  return ::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE | STATX_SIZE, &info) == 0;
 }
 
 // Gives how much went out in one write, or -1 with errno. A write beyond the
@@ -77,8 +89,8 @@ bool has_torn_tail(int fd, off_t size) {
     char last = '\n';
     if (size == 0 || ::pread(fd, &last, 1, size - 1) != 1 || last == '\n') return false;
     ::sched_yield();
-    struct stat now {};
-    if (::fstat(fd, &now) != 0 || now.st_size != size) return false;
+    struct statx now {};
+    if (!look_at(fd, now) || static_cast<off_t>(now.stx_size) != size) return false;
   }
   return true;
 }
@@ -119,13 +131,14 @@ void append_line(const std::string& path, std::string line) {
   const Descriptor file(opened);
   const int fd = file.get();
   if (fd < 0) fail(errno, path);
-  struct stat info {};
-  if (::fstat(fd, &info) != 0) fail(errno, path);
-  if (!S_ISREG(info.st_mode) && !S_ISCHR(info.st_mode)) fail(EINVAL, path + " is no regular file");
-  const bool is_file = S_ISREG(info.st_mode);
-  if (is_file && has_torn_tail(fd, info.st_size)) line.insert(line.begin(), '\n');
+  struct statx info {};
+  if (!look_at(fd, info)) fail(errno, path);
+  const bool is_file = S_ISREG(info.stx_mode);
+  if (!is_file && !S_ISCHR(info.stx_mode)) fail(EINVAL, path + " is no regular file");
+  const auto size = static_cast<off_t>(info.stx_size);
+  if (is_file && has_torn_tail(fd, size)) line.insert(line.begin(), '\n');
   append(fd, path, line);
-  if (is_file && line.front() != '\n' && is_joined(fd, line.size(), info.st_size)) append(fd, path, "\n" + line);
+  if (is_file && line.front() != '\n' && is_joined(fd, line.size(), size)) append(fd, path, "\n" + line);
 }
 
 void write_file(const std::string& directory, const std::string& name, std::string_view content) {

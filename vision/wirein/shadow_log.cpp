@@ -22,7 +22,12 @@ std::string _shadow_log_path() {
 
 void _append_shadow_record(const boost::json::object& rec) noexcept {
   try {
-    detail::append_line(_shadow_log_path(), text::to_json(rec) + "\n");
+    constexpr std::size_t usual_size = 1000;
+    std::string line;
+    line.reserve(usual_size);
+    text::append_json(line, rec);
+    line += '\n';
+    detail::append_line(_shadow_log_path(), std::move(line));
   } catch (...) {
     losses.fetch_add(1, std::memory_order_relaxed);
     log::line(spdlog::level::debug, "shadow log append failed: %s", text::describe(std::current_exception()).message);
