@@ -296,7 +296,7 @@ def growth(setup):
         cases = [
             ("processor µs of an ask", "kB of image", 1e-3, (250_000, 500_000, 1_000_000, 2_000_000, 4_000_000),
              lambda n: setup.run("ask", url, setup.image(n), "--calls", setup.few(200))["cpu_s"]),
-            ("processor µs of a mission", "steps", 1, (1000, 2000, 4000, 8000, 16000),
+            ("processor µs of a mission", "steps", 1, (4000, 8000, 16_000, 32_000, 64_000),
              lambda n: setup.run("missions", 1, n)["cpu_s"] * n),
             ("processor µs of all steps", "missions of 8 steps", 1, (500, 1000, 2000, 4000, 8000),
              lambda n: setup.run("missions", n, 8)["cpu_s"] * 8 * n),

@@ -177,6 +177,7 @@ TEST_F(Client, ApiKeyAndTheProcessWideClient) {
     registry.resolver = resolver;
     EXPECT_EQ(detail::resolve_api_key(""), "from-env");
   }
+  EXPECT_THROW(VisionClient(std::shared_ptr<MessagesClient>()), std::invalid_argument);
   reset_default_metrics();
   VisionClient& made = default_client();
   EXPECT_EQ(&made, &default_client());
