@@ -10,14 +10,16 @@
 namespace vision::fuzz {
 namespace {
 
-// The key, its base64 text and its hexadecimal digits.
+// The key, its base64 text, its hexadecimal digits, and its base64 text when it stands
+// after one and after two other bytes.
 constexpr std::string_view key_forms[] = {"sk-fuzz-0123456789abcdef", "c2stZnV6ei0wMTIzNDU2Nzg5YWJjZGVm",
-                                          "736b2d66757a7a2d30313233343536373839616263646566"};
+                                          "736b2d66757a7a2d30313233343536373839616263646566",
+                                          "NrLWZ1enotMDEyMzQ1Njc4OWFiY2RlZ", "zay1mdXp6LTAxMjM0NTY3ODlhYmNkZW"};
 
-// A peer may echo the key wherever it likes: the bytes 1 to 3 stand for its forms.
+// A peer may echo the key wherever it likes: the bytes 1 to 5 stand for its forms.
 std::string echo(std::string_view text) {
   std::string out;
-  for (const char c : text) c >= 1 && c <= 3 ? out.append(key_forms[c - 1]) : out.append(1, c);
+  for (const char c : text) c >= 1 && c <= 5 ? out.append(key_forms[c - 1]) : out.append(1, c);
   return out;
 }
 
