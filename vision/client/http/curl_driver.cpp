@@ -14,8 +14,7 @@ namespace {
 
 constexpr std::size_t max_idle_handles = 8;
 
-constexpr std::size_t spare_connections = 32;
-constexpr std::chrono::milliseconds busy_time(100);
+constexpr long max_idle_connections = 32;
 
 }  // namespace
 
@@ -205,16 +204,10 @@ CURL* CurlDriver::take_easy() noexcept {
   return easy;
 }
 
-// As many connections as were in use at once lately, and some: many calls may end in
-// one moment, with as many to follow in the next. libcurl, which counts those in use,
-// too, would close them then by its own limit, four times as many as are in use.
+// libcurl counts the connections in use, too. Its own limit, four times those, closes
+// them all at the end of every burst.
 void CurlDriver::limit_pool() noexcept {
-  const auto now = runtime::time_source(executor_).steady_now();
-  if (running_.size() >= most_running_ || now >= most_until_) {
-    most_running_ = running_.size();
-    most_until_ = now + busy_time;
-  }
-  ::curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, static_cast<long>(most_running_ + spare_connections));
+  ::curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, static_cast<long>(running_.size()) + max_idle_connections);
 }
 
 void CurlDriver::retire(CURL* easy) noexcept {

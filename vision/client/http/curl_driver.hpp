@@ -90,8 +90,6 @@ class CurlDriver {
   std::uint64_t last_watch_ = 0;
   std::map<curl_socket_t, Watch> watches_;
   std::map<const Exchange*, Running> running_;
-  std::size_t most_running_ = 0;  // at once, lately
-  runtime::Duration most_until_{0};
   std::vector<CURL*> idle_;
 };
 
