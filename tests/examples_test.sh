@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Runs the example programs: each says what came of its mode, leaves its records,
 # and nothing else.
-#   examples_test.sh FOLDER
+#   examples_test.sh FOLDER [URL of a model that takes any key]
 set -euo pipefail
 programs=$(realpath "$1")
 unset ANTHROPIC_API_KEY ANTHROPIC_BASE_URL KX_VISION_SHADOW_LOG KX_VISION_FIXTURE_AUTO
+[ -z "${2:-}" ] || export ANTHROPIC_API_KEY=any ANTHROPIC_BASE_URL=$2 no_proxy='*'
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 mkdir "$scratch/tmp"

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs what was built and runs tests/consumer/ against it: every mode, on a real
-# page, by CMake and by pkg-config. Shared libraries are tried as Debian packages
-# and from a FetchContent build too.
+# Installs what was built, builds the examples of the modes against it as the project
+# tests/consumer/, by CMake and by make with pkg-config, and runs them on a real page.
+# Shared libraries are tried as Debian packages and from a FetchContent build too.
 #   install_test.sh SOURCE BUILD LOCAL_MODEL
 set -euo pipefail
 source=$1 build=$2 local_model=$3
@@ -21,34 +21,31 @@ fail() { echo "install_test: $*" >&2; exit 1; }
 
 exec 3< <(exec "$local_model")
 model_pid=$!
-export ANTHROPIC_API_KEY=any ANTHROPIC_BASE_URL KX_VISION_SHADOW_LOG=$scratch/shadow.jsonl
-export no_proxy='*' NO_PROXY='*'
-read -r ANTHROPIC_BASE_URL <&3 || fail "the local model did not start"
+read -r model_url <&3 || fail "the local model did not start"
 
-consume() {  # consume NAME PROGRAM
+# A project of its own: of this tree only the examples are copied.
+cp -r "$source/tests/consumer" "$scratch/consumer"
+mkdir "$scratch/consumer/examples"
+cp -r "$source/examples/modes" "$scratch/consumer/examples"
+
+consume() {  # consume NAME FOLDER
   echo "install_test: the consumer, $1"
-  rm -f "$KX_VISION_SHADOW_LOG"
-  (cd "$scratch" && "$2") || fail "the consumer failed, $1"
-  # Two steps and the end of the mission, two shadow records, one observation:
-  [ "$(wc -l < "$KX_VISION_SHADOW_LOG")" -eq 6 ] || fail "the shadow log is not complete, $1"
+  "$source/tests/examples_test.sh" "$2" "$model_url" || fail "the consumer failed, $1"
 }
 
 by_cmake() {  # by_cmake NAME CMAKE-OPTION...
-  cmake -G Ninja -S "$source/tests/consumer" -B "$scratch/$1" -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_CXX_FLAGS="$flags" "${@:2}" > "$scratch/log" ||
+  cmake -G Ninja -S "$scratch/consumer" -B "$scratch/$1" -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_CXX_FLAGS="$flags" "${@:2}" > "$scratch/log" ||
     { cat "$scratch/log"; fail "configuring failed, $1"; }
   cmake --build "$scratch/$1" > "$scratch/log" || { cat "$scratch/log"; fail "building failed, $1"; }
-  consume "$1" "$scratch/$1/consumer"
+  consume "$1" "$scratch/$1"
 }
 
 by_pkg_config() {
-  local libraries
   PKG_CONFIG_PATH=$(find "$scratch/prefix" -name pkgconfig)
   export PKG_CONFIG_PATH
-  libraries=$(pkg-config --variable=libdir vision)
-  # shellcheck disable=SC2046,SC2086
-  "$compiler" -std=c++20 $flags "$source/tests/consumer/main.cpp" -o "$scratch/by_pkg_config" \
-    $(pkg-config --cflags --libs vision-chromium) "-Wl,-rpath,$libraries"
-  consume "by pkg-config" "$scratch/by_pkg_config"
+  CXX=$compiler CXXFLAGS=$flags make -s -j 2 -C "$scratch/consumer" > "$scratch/log" 2>&1 ||
+    { cat "$scratch/log"; fail "make failed"; }
+  consume "by pkg-config" "$scratch/consumer"
 }
 
 # Debian packages, in a package database of their own that knows what is

@@ -2,12 +2,9 @@
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
-#include <cstdlib>
 #include <exception>
 #include <iostream>
-#include <optional>
 
-#include "examples/local_model/local_model.hpp"
 #include "vision/vision.hpp"
 
 namespace stage {
@@ -42,17 +39,11 @@ int run(Example example) {
   vision::set_model_registry(std::make_shared<vision::StaticModelRegistry>("claude-haiku-4-5", "claude-opus-4-6"));
   try {
     asio::io_context io;
-    std::optional<local_model::LocalModel> model;
-    if (!std::getenv("ANTHROPIC_API_KEY")) {
-      model.emplace(io.get_executor());
-      ::setenv("ANTHROPIC_API_KEY", "any", 1);
-      ::setenv("ANTHROPIC_BASE_URL", model->base_url().c_str(), 1);
-      ::setenv("no_proxy", "127.0.0.1", 1);
-    }
+    const auto stop_model = serve_model(io);
     std::exception_ptr failure;
     asio::co_spawn(io, play(example), [&](std::exception_ptr error) {
       failure = error;
-      if (model) model->stop();
+      stop_model();
     });
     io.run();
     if (failure) std::rethrow_exception(failure);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
+#include <boost/asio/io_context.hpp>
 #include <functional>
 #include <memory>
 
@@ -12,10 +13,13 @@ namespace stage {
 
 using Example = std::function<boost::asio::awaitable<void>(std::shared_ptr<vision::chromium::ChromiumPage> page)>;
 
-/// Runs `example` on a page that shows the board, and gives main's exit status.
-/// The model is the hosted one when ANTHROPIC_API_KEY is set, else the local one,
-/// served by this process.
+/// Runs `example` on a page that shows the board, with the model of serve_model(),
+/// and gives main's exit status.
 int run(Example example);
+
+/// Called by run(). Without ANTHROPIC_API_KEY it serves the local model on `io` and
+/// points the environment at it; what is returned ends that.
+std::function<void()> serve_model(boost::asio::io_context& io);
 
 /// Shows the board, unshared, again.
 boost::asio::awaitable<void> reset(vision::chromium::ChromiumPage& page);
