@@ -3,7 +3,6 @@
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 
-#include "tests/support/scripted.hpp"
 #include "vision/client/api_error.hpp"
 
 namespace vision::world {

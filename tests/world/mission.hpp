@@ -2,17 +2,12 @@
 
 #include <algorithm>
 
+#include "tests/support/scripted.hpp"
 #include "tests/world/world.hpp"
-#include "vision/client/vision_client.hpp"
-#include "vision/page/browser_page.hpp"
-#include "vision/wirein/cua_origin.hpp"
 
 namespace vision::world {
 
-/// The page driver's and the agent's own error type.
-struct HostError : std::runtime_error, CuaOriginMark {
-  using std::runtime_error::runtime_error;
-};
+using test::HostError;
 
 /// The error that a party throws for a seam, null when the fault is none, and the
 /// reason of a call that it ends.

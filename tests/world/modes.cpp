@@ -1,13 +1,7 @@
-#include <boost/asio/bind_cancellation_slot.hpp>
-#include <boost/asio/co_spawn.hpp>
-
 #include "tests/world/mission.hpp"
-#include "vision/wirein/act_loop.hpp"
-#include "vision/wirein/fallback.hpp"
-#include "vision/wirein/observer.hpp"
-#include "vision/wirein/shadow_mode.hpp"
 
-/// Each mode, called as a host calls it.
+/// Each mode, called as a host should: callables have a name, own something where a
+/// copy is not needed, and are moved in.
 namespace vision::world {
 namespace {
 
@@ -41,10 +35,15 @@ asio::awaitable<void> run_act_loop(Mission& mission, VisionClient& client) {
 }
 
 asio::awaitable<void> run_shadow(Mission& mission, VisionClient& client) {
-  auto agent = [&mission] { return run(mission, "agent"); };
+  auto agent = [&mission, owned = std::make_unique<int>()] { return run(mission, "agent"); };
   ObserverOptions options(mission.context, mission.id);
   options.vision(client);
-  mission.value = co_await shadow_observe_then_cua(mission.page, std::move(agent), std::move(options));
+  try {
+    mission.value = co_await shadow_observe_then_cua(mission.page, std::move(agent), std::move(options));
+  } catch (const HostError& error) {
+    mission.expect(error._kx_cua_origin && is_cua_origin(error), "3. the agent's error is not marked");
+    throw;
+  }
 }
 
 asio::awaitable<void> run_observer(Mission& mission, VisionClient& client) {
@@ -56,7 +55,7 @@ asio::awaitable<void> run_observer(Mission& mission, VisionClient& client) {
 asio::awaitable<void> run_wrapper(Mission& mission, VisionClient& client) {
   FallbackOptions options(mission.context);
   options.vision(client).high_stakes(mission.scenario.with.high_stakes);
-  auto step = [&mission] { return run(mission, "step"); };
+  auto step = [&mission, owned = std::make_unique<int>()] { return run(mission, "step"); };
   std::function<asio::awaitable<object>(BrowserPage&, const FlowContext&, const std::string&)> agent;
   const auto fallback = [&mission](BrowserPage&, const FlowContext& context, const std::string& reason) {
     const std::string_view hint = context.at("context_hint").as_string();
@@ -87,6 +86,7 @@ asio::awaitable<void> run_ask(Mission& mission, VisionClient& client) {
 asio::awaitable<void> lead(Mission& mission, VisionClient& client) {
   constexpr decltype(&run_act) operations[] = {run_act_loop, run_shadow, run_observer, run_wrapper, run_act, run_ask};
   const auto guard = mission.world.in_flight;
+  co_await asio::this_coro::reset_cancellation_state(asio::enable_total_cancellation());
   mission.has_started = true;  // not before: Asio 1.81 does not survive a cancellation before the first turn
   mission.started = mission.world.now();
   co_await operations[static_cast<std::size_t>(mission.scenario.mode)](mission, client);

@@ -92,8 +92,10 @@ const std::vector<Scenario>& scenarios();
 /// The same run gives the same trace.
 struct Run {
   const Scenario* scenario = nullptr;  ///< null for a world of several missions and seeded faults
-  std::uint64_t seed = 0;              ///< of latencies and scheduling; 0 for latencies of 100 ms, 1 for none
-  std::string plan = {};               ///< faults and what they hit: "seam12:hang,turn20:loop_ends"
+  /// Of latencies and scheduling; 0 for latencies of 100 ms, 1 for none. And how the
+  /// caller cancels: by the terminal request, the total one or both, in turns.
+  std::uint64_t seed = 0;
+  std::string plan = {};  ///< faults and what they hit: "seam12:hang,turn20:loop_ends"
   bool prints_trace = false;
 };
 

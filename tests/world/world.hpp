@@ -65,8 +65,6 @@ class World {
   /// Throws std::invalid_argument when the plan names a fault that is none.
   explicit World(const Run& run);
   ~World();
-  World(const World&) = delete;
-  World& operator=(const World&) = delete;
 
   /// The one that runs, for the seams that no party owns.
   static inline World* current = nullptr;

@@ -7,7 +7,6 @@
 
 #include "tests/support/environment.hpp"
 #include "tests/support/log_capture.hpp"
-#include "tests/support/scripted.hpp"
 #include "tests/world/mission.hpp"
 
 namespace vision::world {
@@ -188,7 +187,9 @@ int run(std::vector<std::string> words) {
     } else if (words[0] == "random") {
       campaign.random(number(1, 400), number(2, 1000));
     } else {
-      throw std::invalid_argument("no part is named \"" + words[0] + "\"");
+      throw std::invalid_argument(
+          "usage: world_test single | pairs [ROUNDS] | random [COUNT [FIRST_SEED]], and --first to stop early\n"
+          "       world_test replay SCENARIO SEED [seamN:FAULT,turnN:FAULT...]");
     }
   } catch (const Stopped&) {
   }
@@ -213,11 +214,9 @@ int main(int argc, char** argv) {
     }
   }
   try {
-    if (argc > 1) return vision::world::run({argv + 1, argv + argc});
-    std::cerr << "usage: world_test single | pairs [ROUNDS] | random [COUNT [FIRST_SEED]], and --first to stop early\n"
-                 "       world_test replay SCENARIO SEED [seamN:FAULT,turnN:FAULT...]\n";
+    return vision::world::run({argv + 1, argv + argc});
   } catch (const std::exception& e) {
     std::cerr << "world_test: " << e.what() << "\n";
+    return 2;
   }
-  return 2;
 }
