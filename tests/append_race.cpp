@@ -8,20 +8,15 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <boost/json/parse.hpp>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <map>
 #include <random>
-#include <string>
-#include <vector>
 
+#include "tests/support/environment.hpp"
 #include "vision/wirein/shadow_log.hpp"
 
 namespace {

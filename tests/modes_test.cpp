@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <any>
 #include <map>
@@ -9,19 +8,15 @@
 #include "tests/support/scripted.hpp"
 #include "vision/client/response.hpp"
 #include "vision/text/json_text.hpp"
-#include "vision/vision.hpp"
 
 namespace vision {
 namespace {
 
+using test::pause;
 using test::proposal;
 using testing::ElementsAre;
 using testing::HasSubstr;
 namespace asio = boost::asio;
-
-asio::awaitable<void> pause(double seconds) {
-  co_await runtime::sleep_for(runtime::to_duration(seconds));
-}
 
 class Modes : public testing::Test {
  protected:
@@ -189,25 +184,13 @@ TEST_F(Modes, WithoutAClientTheHostsCallablesAreNotRun) {
   };
   EXPECT_THROW(world.run(shadow_observe_then_cua(page, count, ObserverOptions(context, "s"))), std::runtime_error);
   EXPECT_THROW(world.run(with_vision_fallback(page, count, FallbackOptions(context))), std::runtime_error);
+  auto agent = [owned = std::make_unique<int>()](BrowserPage&, const FlowContext&, const std::string&) {
+    return pause(0);
+  };
+  EXPECT_THROW(world.run(with_vision_fallback(page, count, FallbackOptions(context), std::move(agent))),
+               std::runtime_error);
   EXPECT_THROW(world.run(observe_only(page, ObserverOptions(context, "s"))), std::runtime_error);
   EXPECT_EQ(runs, 0);
-}
-
-// The recommended way to call: named callables moved in, inside one coroutine.
-TEST_F(Modes, MoveOnlyCallablesInsideACoroutine) {
-  model->answer(proposal("escalate_to_cua", 1));
-  const auto host = [&]() -> asio::awaitable<void> {
-    auto step = [owned = std::make_unique<int>(1)]() -> asio::awaitable<int> { throw *owned; };
-    auto fallback = [owned = std::make_unique<std::string>("a long enough text to need the heap")](
-                        BrowserPage&, const FlowContext&, const std::string&) -> asio::awaitable<std::string> {
-      co_return *owned;
-    };
-    auto rescue_options = FallbackOptions(context).vision(client);
-    const auto result =
-        co_await with_vision_fallback(page, std::move(step), std::move(rescue_options), std::move(fallback));
-    EXPECT_EQ(std::get<2>(result).size(), 35u);
-  };
-  world.run(host());
 }
 
 }  // namespace

@@ -1,17 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <limits>
-
 #include "tests/support/environment.hpp"
 #include "tests/support/scripted.hpp"
 #include "vision/records/coercion.hpp"
 #include "vision/records/errors.hpp"
-#include "vision/settings/settings.hpp"
 #include "vision/text/errors.hpp"
 #include "vision/text/json_text.hpp"
 #include "vision/text/numbers.hpp"
-#include "vision/text/utf8.hpp"
 
 namespace vision {
 namespace {
@@ -49,14 +44,6 @@ TEST(Numbers, Read) {
   EXPECT_EQ(parse_integer("99999999999999999999"), limits::max());
   EXPECT_EQ(parse_integer("-99999999999999999999"), limits::min());
   for (const char* bad : {"", "2.5", "1e3", "two", "0x1", "- 1", "1 2"}) EXPECT_FALSE(parse_integer(bad)) << bad;
-}
-
-TEST(Utf8, CutsAtCodePointsAndSurvivesAnyBytes) {
-  EXPECT_EQ(first_code_points("añ—😀x", 4), "añ—😀");
-  const std::string broken = "a\xC3(\xF0\x9F\x98z\xED\xA0\x80\xFF";  // cut, cut, surrogate, never valid
-  EXPECT_EQ(first_code_points(broken, 4), "a\xC3(\xF0\x9F\x98");
-  EXPECT_EQ(one_line(broken), "a\uFFFD(\uFFFDz\uFFFD\uFFFD\uFFFD\uFFFD");
-  EXPECT_EQ(one_line("a\nb\r\t\x1b[0m\x7f\u0085\u2028ü"), "a\\nb\\r\\t\\u001b[0m\\u007f\\u0085\\u2028ü");
 }
 
 TEST(Json, ExactText) {

@@ -3,7 +3,6 @@
 #include <latch>
 
 #include "tests/support/virtual_time.hpp"
-#include "vision/runtime/entry.hpp"
 #include "vision/runtime/worker.hpp"
 
 namespace vision::runtime {
@@ -12,36 +11,6 @@ namespace {
 using namespace std::chrono_literals;
 using test::World;
 namespace asio = boost::asio;
-using ct = asio::cancellation_type;
-
-asio::awaitable<Done> nine_seconds(World& world, std::vector<ct> sent_before) {
-  co_await asio::post(asio::use_awaitable);
-  for (const ct request : sent_before) world.cancel.emit(request);
-  auto waiting = done(sleep_for(9s));
-  auto outcome = co_await with_deadline(std::move(waiting), 50s);
-  co_return outcome.value();
-}
-
-asio::awaitable<Done> entered(World& world, std::vector<ct> sent_before) {
-  auto body = nine_seconds(world, std::move(sent_before));
-  return entry(std::move(body));
-}
-
-asio::awaitable<Done> host_that_allows_all(World& world) {
-  co_await asio::this_coro::reset_cancellation_state(asio::enable_total_cancellation());
-  const std::vector<ct> none;
-  co_return co_await entered(world, none);
-}
-
-TEST(Entry, EveryKindOfRequestEndsItAndNoneIsForgotten) {
-  World weak, erased, filtered;
-  weak.time->at(1s, 0, [&] { weak.cancel.emit(ct::total); });
-  EXPECT_THROW(weak.run(host_that_allows_all(weak)), boost::system::system_error);
-  EXPECT_EQ(weak.seconds(), 1);
-  EXPECT_THROW(erased.run(entered(erased, {ct::terminal, ct::total})), boost::system::system_error);
-  EXPECT_EQ(erased.seconds(), 0);
-  EXPECT_NO_THROW(filtered.run(entered(filtered, {ct::total}))) << "the host lets no such request through";
-}
 
 asio::awaitable<void> run_job(std::function<void()> job) {
   co_await run_on_worker(std::move(job));
@@ -56,7 +25,7 @@ TEST(Worker, CanBeLeftByCancellationAndByItsContext) {
   {
     World world;
     const auto cancelled_job = [&] {
-      asio::post(world.io, [&] { world.cancel.emit(ct::terminal); });
+      asio::post(world.io, [&] { world.cancel(); });
       slow_job();
     };
     EXPECT_THROW(world.run(run_job(cancelled_job)), boost::system::system_error);

@@ -1,5 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -7,7 +6,6 @@
 #include <sys/wait.h>
 
 #include <boost/algorithm/string/replace.hpp>
-#include <boost/json/parse.hpp>
 #include <fstream>
 
 #include "tests/support/environment.hpp"
@@ -18,9 +16,7 @@
 #include "vision/runtime/one_shot.hpp"
 #include "vision/text/json_text.hpp"
 #include "vision/text/utf8.hpp"
-#include "vision/wirein/act_loop.hpp"
 #include "vision/wirein/fixtures.hpp"
-#include "vision/wirein/observer.hpp"
 #include "vision/wirein/shadow_log.hpp"
 
 namespace vision {

@@ -1,26 +1,14 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <boost/asio/awaitable.hpp>
-#include <boost/asio/bind_cancellation_slot.hpp>
-#include <boost/asio/cancellation_signal.hpp>
-#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <filesystem>
-#include <functional>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "chromium/browser.hpp"
 #include "tests/support/environment.hpp"
+#include "tests/support/running.hpp"
 #include "vision/records/base64.hpp"
-#include "vision/text/errors.hpp"
 #include "vision/text/json_text.hpp"
 #include "vision/wirein/act_loop.hpp"
 
@@ -43,40 +31,10 @@ inline asio::io_context& loop() {
 }
 inline std::function<void()> take_turn = [] { loop().run_one(); };
 
-/// An operation that runs on the loop while the test goes on.
 template <class T>
-class Running {
- public:
-  explicit Running(asio::awaitable<T> operation) {
-    const auto finish = [this](std::exception_ptr error, auto... value) {
-      error_ = error;
-      ((value_ = std::move(value)), ...);
-      done_ = true;
-    };
-    asio::co_spawn(loop(), std::move(operation), asio::bind_cancellation_slot(signal_.slot(), finish));
-  }
-  void cancel() { signal_.emit(asio::cancellation_type::terminal); }
-  /// Its value; throws its error.
-  T get() {
-    wait();
-    if (error_) std::rethrow_exception(error_);
-    if constexpr (!std::is_void_v<T>) return std::move(value_);
-  }
-  /// "Kind: message" of the error it ended with.
-  std::string error() {
-    wait();
-    return error_ ? text::exception_text(error_) : "no error";
-  }
-
- private:
-  void wait() {
-    while (!done_) take_turn();
-  }
-
-  asio::cancellation_signal signal_;
-  std::exception_ptr error_;
-  std::conditional_t<std::is_void_v<T>, int, T> value_{};
-  bool done_ = false;
+struct Running : vision::test::Running<T> {
+  explicit Running(asio::awaitable<T> operation)
+      : vision::test::Running<T>(loop(), std::move(operation), [] { take_turn(); }) {}
 };
 
 template <class T>

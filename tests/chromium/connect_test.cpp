@@ -1,15 +1,42 @@
 #include <boost/asio/ip/tcp.hpp>
 
+#include "chromium/endpoint.hpp"
 #include "tests/chromium/browser_fixture.hpp"
 #include "tests/http/scripted_server.hpp"
 #include "tests/support/scripted.hpp"
-#include "vision/wirein/observer.hpp"
 
 namespace vision::chromium::test {
 namespace {
 
 using vision::test::proposal;
 using vision::test::ScriptedModel;
+
+TEST(Endpoint, TakesUrlsApartAndRefusesOthers) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"http://127.0.0.1:9222", "http 127.0.0.1 9222 / loopback"},
+      {"http://[::1]:9222", "http ::1 9222 / loopback"},
+      {"ws://127.0.0.1:1/devtools/browser/a-b", "ws 127.0.0.1 1 /devtools/browser/a-b loopback"},
+      {"http://localhost.example:9222", "http localhost.example 9222 / elsewhere"},
+      {"https://127.0.0.1:9222", "only http and ws are supported"},
+      {"ws://127.0.0.1:9222/devtools/page/a",
+       "not the browser's own URL (ws://host:port/devtools/browser/...); a page is reached with attach()"},
+      {"http://h\r\nX: y:80", "the host has a character that a host's name cannot have"},
+      {"http://localhost@10.0.0.1:9222", "the host has a character that a host's name cannot have"},
+      {"http://127.0.0.1", "no port given"},
+      {"http://127.0.0.1:65536", "the port is not a number from 1 to 65535"},
+  };
+  for (const auto& [url, expected] : rows) {
+    std::string got;
+    try {
+      const Endpoint e = parse_endpoint(url);
+      got = e.scheme + " " + e.host + " " + e.port + " " + e.path + (is_loopback(e.host) ? " loopback" : " elsewhere");
+    } catch (const std::invalid_argument& error) {
+      got = error.what();
+      got = got.substr(got.find("\": ") + 3);
+    }
+    EXPECT_EQ(got, expected) << url;
+  }
+}
 
 // A browser with an open port and a page in it, started here and used by somebody
 // else, too.

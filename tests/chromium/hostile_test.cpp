@@ -16,26 +16,22 @@ using vision::test::proposal;
 
 // A mission on a real page with time limits in virtual time: the pauses between
 // steps pass at once, a limit only once it is known that nothing else can come.
-class HostileWorld {
+class HostileWorld : vision::test::World {
  public:
-  HostileWorld()
-      : time_(std::make_shared<vision::test::VirtualTime>(io_)), begins_(io_, {asio::ip::address_v4::loopback(), 0}) {
-    runtime::install_time_source(io_, time_);
+  HostileWorld() : begins_(io, {asio::ip::address_v4::loopback(), 0}) {
     begins_.async_accept([this](boost::system::error_code, tcp::socket) { hangs = true; });
-    current_loop = &io_;
-    take_turn = [this] {
-      const bool busy = io_.poll_one() > 0;
-      if (hangs && time_->advance()) return;
-      const bool pause = pauses_pass && time_->until_next() < milliseconds(2500);
-      if (!busy && !(pause && time_->advance())) io_.run_one();
+    current_loop = &io;
+    test::take_turn = [this] {
+      const bool busy = io.poll_one() > 0;
+      if (hangs && time->advance()) return;
+      const bool pause = pauses_pass && time->until_next() < milliseconds(2500);
+      if (!busy && !(pause && time->advance())) io.run_one();
     };
   }
   ~HostileWorld() {
     current_loop = nullptr;
-    take_turn = [] { loop().run_one(); };
+    test::take_turn = [] { loop().run_one(); };
   }
-  HostileWorld(const HostileWorld&) = delete;
-  HostileWorld& operator=(const HostileWorld&) = delete;
 
   /// A statement of a page's that tells that what follows it goes on for ever.
   std::string tell() const {
@@ -45,8 +41,6 @@ class HostileWorld {
   bool hangs = false, pauses_pass = true;
 
  private:
-  asio::io_context io_;
-  std::shared_ptr<vision::test::VirtualTime> time_;
   tcp::acceptor begins_;
 };
 

@@ -1,9 +1,40 @@
 #include <limits>
 
+#include "chromium/key_layout.hpp"
 #include "tests/chromium/browser_fixture.hpp"
 
 namespace vision::chromium::test {
 namespace {
+
+std::string chord_text(const std::string& chord) {
+  std::string out;
+  try {
+    for (const Key& key : parse_chord(chord)) {
+      const std::string numbers = std::to_string(key.virtual_code) + " " + std::to_string(key.location);
+      out += (out.empty() ? "" : ", ") + key.key + " " + key.code + " " + numbers + " " + key.text;
+    }
+  } catch (const std::invalid_argument& error) {
+    return error.what();
+  }
+  return out;
+}
+
+TEST(KeyLayout, NamesCodesCharactersAndChords) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"a", "a KeyA 65 0 a"},
+      {"A", "A KeyA 65 0 A"},
+      {"\\", "\\ Backslash 220 0 \\"},
+      {"Enter", "Enter Enter 13 0 \r"},
+      {"NumpadEnter", "Enter NumpadEnter 13 3 \r"},
+      {"F24", "F24 F24 135 0 "},
+      {"ShiftRight", "Shift ShiftRight 16 2 "},
+      {"Control++", "Control ControlLeft 17 1 , + Equal 187 0 +"},
+      {"ControlOrMeta+Shift+T", "Control ControlLeft 17 1 , Shift ShiftLeft 16 1 , T KeyT 84 0 T"},
+      {"\xc3\xbc", "Unknown key: \"\xc3\xbc\""},
+  };
+  for (const auto& [chord, expected] : rows) EXPECT_EQ(chord_text(chord), expected) << chord;
+  for (char c = ' '; c <= '~'; ++c) EXPECT_TRUE(find_key(std::string(1, c))) << c;  // all that a US keyboard types
+}
 
 // Records what reaches the page, in the page.
 const std::string recorder = R"(<!doctype html><title>recorder</title><body style="margin:0;height:3000px">

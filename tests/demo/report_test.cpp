@@ -26,19 +26,18 @@ TEST(Report, HostileTextStaysText) {
 }
 
 TEST(Verdict, IsRightOnlyWithTheRightAnswerAndTheRightPerson) {
-  const std::tuple<const char*, const char*, const char*, bool, std::string> rows[] = {
-      {"declare_success", "a/b", "a/b", true, ""},
-      {"declare_success", "a/c", "a/b", true, "The answer is wrong: the application says a/b, the model reported a/c."},
-      {"declare_success", "", "", true, "The answer is wrong: the application has given out no link."},
-      {"declare_success", "a/b", "a/b", false, "The answer is right, but"},
-      {"escalate_to_cua", "a/b", "a/b", true, "The mission did not succeed: a/b."},
+  const std::tuple<const char*, const char*, bool, std::string> rows[] = {
+      {"a/b", "a/b", true, ""},
+      {"a/c", "a/b", true, "The answer is wrong: the application says a/b, the model reported a/c."},
+      {"", "", true, "The answer is wrong: the application has given out no link."},
+      {"a/b", "a/b", false, "The answer is right, but"},
   };
-  for (const auto& [action, reason, expected, invited, sentence] : rows) {
-    MissionEnd end{vision::ActionResult(action, reason, 0.9, "")};
+  for (const auto& [reason, expected, invited, sentence] : rows) {
+    MissionEnd end{vision::ActionResult("declare_success", reason, 0.9, "")};
     end.expected = expected;
     end.invited_rightly = invited;
     EXPECT_EQ(end.right(), sentence.empty());
-    EXPECT_EQ(failure_sentence(end).substr(0, end.right() ? std::string::npos : sentence.size()), sentence);
+    EXPECT_TRUE(end.right() || failure_sentence(end).starts_with(sentence)) << sentence;
   }
 }
 

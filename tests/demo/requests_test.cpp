@@ -37,7 +37,7 @@ const std::string good_body = R"({"model": "m", "max_tokens": 512, "thinking": {
       {"type": "text", "text": "# Task\n1. Press \"Enter\"."}]}]})";
 
 /// A good request in which a text stands in another's place.
-std::string request_with(const std::string& text = "", const std::string& replacement = "") {
+std::string request_with(const std::string& text, const std::string& replacement) {
   std::string head = good_head, body = good_body;
   if (const auto at = body.find(text); at != body.npos) {
     body.replace(at, text.size(), replacement);
@@ -55,35 +55,32 @@ class LocalModelTest : public testing::Test {
     return peer;
   }
 
-  /// The response's status, and its body.
-  std::pair<int, value> send(const std::string& request) {
+  /// The response as its status with either the error or the tool's input.
+  std::string send(const std::string& request) {
     tcp::socket peer = connected();
     boost::asio::write(peer, boost::asio::buffer(request));
     std::string response;
     bool ended = false;
     boost::asio::async_read(peer, boost::asio::dynamic_buffer(response), [&](auto...) { ended = true; });
     while (!ended) io_.run_one();
-    const value body = boost::json::parse(response.substr(response.find("\r\n\r\n") + 4));
     EXPECT_NE(response.find("request-id: req_"), response.npos) << response;
-    return {std::stoi(response.substr(9)), body};
+    const value body = boost::json::parse(response.substr(response.find("\r\n\r\n") + 4));
+    const bool is_good = body.at("type") != "error";
+    const value& told = is_good ? body.at("content").at(0).at("input") : body.at("error");
+    const auto text = [&](const char* member) { return " " + std::string(told.at(member).as_string()); };
+    if (!is_good) return response.substr(9, 3) + text("type") + text("message");
+    EXPECT_GT(body.at("usage").at("input_tokens").as_int64(), 1);
+    return response.substr(9, 3) + " " + body.at("stop_reason").as_string().c_str() + text("action") + text("key");
   }
 
   boost::asio::io_context io_;
   LocalModel model_{io_.get_executor(), LocalModelOptions().api_key("right")};
 };
 
-TEST_F(LocalModelTest, AnswersInTheVendorsShape) {
-  const auto [status, body] = send(request_with());
-  ASSERT_EQ(status, 200) << body;
-  EXPECT_EQ(body.at("stop_reason"), "tool_use");
-  EXPECT_GT(body.at("usage").at("input_tokens").as_int64(), 1);
-  EXPECT_EQ(body.at("content").at(0).at("name"), "propose_action");
-  EXPECT_EQ(body.at("content").at(0).at("input").at("key"), "Enter");
-}
-
-TEST_F(LocalModelTest, RefusesFaultyRequests) {
+TEST_F(LocalModelTest, AnswersGoodRequestsAndRefusesFaultyOnes) {
   const std::string invalid = "400 invalid_request_error ", source = "messages.0.content.0.image.source.data: ";
   const std::tuple<std::string, std::string, std::string> rows[] = {
+      {"", "", "200 tool_use key Enter"},
       {"x-api-key: right", "x: y", "401 authentication_error x-api-key header"},
       {"x-api-key: right", "x-api-key: wrong", "401 authentication_error invalid x-api-key"},
       {"anthropic-version", "x", invalid + "anthropic-version: header"},
@@ -101,18 +98,13 @@ TEST_F(LocalModelTest, RefusesFaultyRequests) {
       {pixel, png_head(0), invalid + "Could not process image"},
   };
   for (const auto& [text, replacement, expected] : rows) {
-    const auto [status, body] = send(request_with(text, replacement));
-    const value& error = body.at("error");
-    const auto got = std::to_string(status) + " " + error.at("type").as_string().c_str() + " " +
-                     error.at("message").as_string().c_str();
-    EXPECT_EQ(got.substr(0, expected.size()), expected);
-    EXPECT_EQ(body.at("type"), "error");
+    EXPECT_EQ(send(request_with(text, replacement)).substr(0, expected.size()), expected);
   }
 }
 
 TEST_F(LocalModelTest, StopsInTheMiddleOfAPicture) {
   tcp::socket peer = connected();
-  boost::asio::write(peer, boost::asio::buffer(request_with()));
+  boost::asio::write(peer, boost::asio::buffer(request_with("", "")));
   for (int i = 0; i < 8; ++i) io_.run_one();
   model_.stop();
   io_.run();  // returns: nothing is left running

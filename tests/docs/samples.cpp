@@ -3,21 +3,19 @@
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/spdlog.h>
 
-#include <iostream>
-
 #include "tests/support/environment.hpp"
 #include "tests/support/scripted.hpp"
 #include "vision/client/api_error.hpp"
 #include "vision/text/json_text.hpp"
-#include "vision/vision.hpp"
 
 namespace vision {
 namespace {
 
 namespace asio = boost::asio;
 using boost::json::object;
+using test::pause;
 
-struct AgentError : std::runtime_error, CuaOriginMark {
+struct AgentError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
@@ -28,10 +26,6 @@ std::string proposal(object members) {
   return test::tool_call(text::to_json(input));
 }
 
-asio::awaitable<void> pause(double seconds) {
-  co_await runtime::sleep_for(runtime::to_duration(seconds));
-}
-
 asio::awaitable<object> agent(std::string text) {
   co_await pause(41.2);
   if (text.empty()) throw AgentError("no panel after 12 steps");
@@ -39,33 +33,36 @@ asio::awaitable<object> agent(std::string text) {
   co_return result;
 }
 
-class Samples {
- public:
-  void observe(const char* site, const std::string& answer, double x, double y) {
-    model->answer(answer, 1.8);
-    const object truth = {{"true_x_ratio", x}, {"true_y_ratio", y}, {"label", "Share"}, {"clickedTag", "BUTTON"}};
+struct Samples {
+  ObserverOptions at(const char* site) {
+    ObserverOptions options(context, site);
+    options.vision(client).run_id("run-42");
+    return options;
+  }
+
+  void observe(const std::string& answer, const char* site = "board-menu", double takes = 1.8) {
+    model->answer(answer, takes);
+    const object truth = {{"true_x_ratio", 0.92}, {"true_y_ratio", 0.06}, {"label", "Share"}, {"clickedTag", "BUTTON"}};
     auto options = at(site).dom_ground_truth(truth);
     world.run(observe_only(page, std::move(options)));
+    model->steps.clear();
   }
 
-  void shadow(const char* site, const std::string& agent_text) {
+  void shadow(const char* agent_text) {
     auto cua_fn = [agent_text] { return agent(agent_text); };
-    try {
-      world.run(shadow_observe_then_cua(page, cua_fn, at(site)));
-    } catch (const AgentError&) {  // what the sample is about
-    }
+    world.run(shadow_observe_then_cua(page, cua_fn, at("export-dialog")));
   }
 
-  void mission(std::vector<std::string> answers) {
-    for (auto& answer : answers) model->answer(std::move(answer), 1.8);
+  void mission(const std::vector<std::string>& answers) {
+    for (const auto& answer : answers) model->answer(answer, 1.8);
     ActLoopOptions options(context, "share-dialog");
     options.vision(client).run_id("run-42").mission_prompt("Share the board with ana@example.org.");
     world.run(act_loop(page, std::move(options)));
   }
 
-  void ask() {
+  void ask(VisionClient& asked) {
     const ImgMeta meta(1280, 800, 1.0, 0.0);
-    world.run(client.ask(Bytes(std::string("PNG")), meta, context));
+    world.run(asked.ask(Bytes(std::string("PNG")), meta, context));
   }
 
   test::TestRegistry& registry = test::TestRegistry::instance();
@@ -75,38 +72,31 @@ class Samples {
   VisionClientOptions client_options = VisionClientOptions().call_budget(1000);
   VisionClient client{model, client_options};
   FlowContext context = {{"workflow_name", "share"}, {"phase", 2}, {"platform", "acme"}};
-
- private:
-  ObserverOptions at(const char* site) {
-    ObserverOptions options(context, site);
-    options.vision(client).run_id("run-42");
-    return options;
-  }
 };
 
 void success_path(Samples& s) {
-  for (int i = 0; i < 8; ++i) s.observe("board-menu", proposal({{"x_ratio", 0.9}, {"y_ratio", 0.05}}), 0.92, 0.06);
-  s.observe("board-menu", proposal({{"x_ratio", 0.5}, {"y_ratio", 0.5}}), 0.92, 0.06);
-  s.observe("board-menu", proposal({{"action", "scroll"}, {"confidence", 0.7}}), 0.92, 0.06);
-  s.observe("board-menu", R"({"content": []})", 0.92, 0.06);
-  s.model->answer("", 1e9);  // not answered in time
-  s.observe("board-menu", "", 0.92, 0.06);
-  s.model->steps.clear();
+  for (int i = 0; i < 8; ++i) s.observe(proposal({{"x_ratio", 0.9}, {"y_ratio", 0.05}}));
+  s.observe(proposal({{"x_ratio", 0.5}, {"y_ratio", 0.5}}));
+  s.observe(proposal({{"action", "scroll"}, {"confidence", 0.7}}));
+  s.observe(R"({"content": []})");
+  s.observe("", "board-menu", 1e9);  // not answered in time
   s.page.before = [](std::string) -> asio::awaitable<void> { throw std::runtime_error("Target closed"); };
-  s.observe("board-menu", "", 0.92, 0.06);
+  s.observe("");
   s.page.before = [](std::string) { return pause(1e9); };
-  s.observe("board-menu", "", 0.92, 0.06);
+  s.observe("");
   s.page.before = nullptr;
-  s.model->steps.clear();
 }
 
 void miss_path(Samples& s) {
   s.model->answer(proposal({{"x_ratio", 0.5}, {"y_ratio", 0.25}}), 1.8);
-  s.shadow("export-dialog", "click 0.52,0.27: the export panel is open");
+  s.shadow("click 0.52,0.27: the export panel is open");
   s.model->answer(proposal({{"action", "escalate_to_cua"}, {"reason", "A captcha covers the page"}}), 1.8);
-  s.shadow("export-dialog", "click 0.52,0.27: the export panel is open");
+  s.shadow("click 0.52,0.27: the export panel is open");
   s.model->fail(APIConnectionError("cannot reach api.example"));
-  s.shadow("export-dialog", "");
+  try {
+    s.shadow("");
+  } catch (const AgentError&) {  // what the sample is about
+  }
 }
 
 void missions(Samples& s) {
@@ -120,48 +110,33 @@ void missions(Samples& s) {
 // Lines of the log channel that no record above caused.
 void log_lines(Samples& s) {
   s.model->fail(RateLimitError("slow down", {})).answer(proposal({}), 1.8);
-  s.ask();
+  s.ask(s.client);
   s.model->fail(BadRequestError("no such model", {}));
-  s.ask();
+  s.ask(s.client);
   const auto failing_hook = [](const ActionResult&, const FlowContext&) -> asio::awaitable<void> {
     throw std::runtime_error("the hook's own message");
   };
-  auto options = VisionClientOptions().on_action(failing_hook);
-  VisionClient hooked(s.model, options);
+  VisionClient hooked(s.model, VisionClientOptions().on_action(failing_hook));
   s.model->answer(proposal({}), 1.8);
-  const ImgMeta meta(1280, 800, 1.0, 0.0);
-  s.world.run(hooked.ask(Bytes(std::string("PNG")), meta, s.context));
-
-  const test::ScopedEnv harvesting("KX_VISION_FIXTURE_AUTO", "1");
-  const test::ScopedEnv no_file("KX_VISION_SHADOW_LOG", ".");
-  s.observe("..", proposal({}), 0.92, 0.06);
-}
-
-int write_samples() {
-  const test::ScopedEnv log_path("KX_VISION_SHADOW_LOG", std::nullopt);
-  const test::ScopedEnv no_harvest("KX_VISION_FIXTURE_AUTO", std::nullopt);
-  auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>("vision.log");
-  auto logger = std::make_shared<spdlog::logger>("vision", sink);
-  logger->set_level(spdlog::level::debug);
-  logger->set_pattern("%l %v");
-  spdlog::register_logger(logger);
-  Samples samples;
-  success_path(samples);
-  miss_path(samples);
-  missions(samples);
-  log_lines(samples);
-  logger->flush();
-  return 0;
+  s.ask(hooked);
+  const test::ScopedEnv harvesting("KX_VISION_FIXTURE_AUTO", "1"), no_file("KX_VISION_SHADOW_LOG", ".");
+  s.observe(proposal({}), "..");
 }
 
 }  // namespace
 }  // namespace vision
 
 int main() {
-  try {
-    return vision::write_samples();
-  } catch (const std::exception& error) {
-    std::cerr << "docs_samples: " << error.what() << "\n";
-    return 1;
-  }
+  using namespace vision;
+  const test::ScopedEnv log_path("KX_VISION_SHADOW_LOG", std::nullopt),
+      fixtures("KX_VISION_FIXTURE_AUTO", std::nullopt);
+  const auto logger = spdlog::basic_logger_mt("vision", "vision.log");
+  logger->set_level(spdlog::level::debug);
+  logger->set_pattern("%l %v");
+  Samples samples;
+  success_path(samples);
+  miss_path(samples);
+  missions(samples);
+  log_lines(samples);
+  logger->flush();
 }

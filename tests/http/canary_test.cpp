@@ -1,11 +1,8 @@
-#include <filesystem>
-
 #include "tests/http/http_world.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/scripted.hpp"
 #include "vision/records/base64.hpp"
 #include "vision/text/json_text.hpp"
-#include "vision/wirein/observer.hpp"
 
 namespace vision {
 namespace {

@@ -56,9 +56,9 @@ TEST(HttpClient, SendsRequestsByteForByteOnConnectionsThatItKeeps) {
                             "user-agent: vision/0.1.0\r\nContent-Length: " +
                             std::to_string(make_request(0).body().size()) + "\r\n\r\n");
   for (int round = 0; round < 2; ++round) {
-    std::vector<Call> calls(20);
-    for (auto& call : calls) call.start(io.get_executor(), client, make_request(50'000));
-    for (auto& call : calls) EXPECT_EQ(call.wait(io), answer);
+    std::deque<Call> calls;
+    for (int i = 0; i < 20; ++i) calls.emplace_back(io, client, make_request(50'000));
+    for (auto& call : calls) EXPECT_EQ(call.ending(), answer);
   }
   EXPECT_EQ(server.connections, 20);
 }
@@ -133,15 +133,14 @@ TEST(HttpCancel, EndsARequestThatIsStuckInAnyPhase) {
     asio::io_context io;
     ScriptedServer server(io, {reply, {ok}});
     HttpMessagesClient client(api_key, HttpOptions().base_url(server.url("127.0.0.1", scheme)));
-    Call call;
+    Call call(io, client, make_request(image));
     bool closed = false;
     server.on_stage = [&, wanted = stage](const std::string& reached) {
       if (reached == wanted) call.cancel();
       if (reached == "closed") closed = true;
     };
-    call.start(io.get_executor(), client, make_request(image));
     while (!call.ended || !closed) io.run_one();
-    EXPECT_EQ(call.ending, "cancelled");
+    EXPECT_EQ(call.ending(), "cancelled");
     server.on_stage = [](const std::string&) {};
     HttpMessagesClient same_pool = client_for(server);
     EXPECT_EQ(ask(io, same_pool), answer);
@@ -150,11 +149,10 @@ TEST(HttpCancel, EndsARequestThatIsStuckInAnyPhase) {
 
 TEST(HttpCancel, EndsNameResolutionThatIsStuck) {
   asio::io_context io;
-  Call call;
-  on_stuck = [&] { asio::post(io, [&] { call.cancel(); }); };
   HttpMessagesClient client(api_key, HttpOptions().base_url("http://stuck.test").allow_plain_http(true));
-  call.start(io.get_executor(), client, make_request());
-  EXPECT_EQ(call.wait(io), "cancelled");  // though the resolver still hangs
+  Call call(io, client);
+  on_stuck = [&] { asio::post(io, [&] { call.cancel(); }); };
+  EXPECT_EQ(call.ending(), "cancelled");  // though the resolver still hangs
   let_go.release();
   gone.acquire();
 }
@@ -167,20 +165,21 @@ TEST(HttpCancel, MayComeBetweenAnyTwoTurns) {
   for (int turns = 0; !done; ++turns) {
     for (const bool destroyed : {false, true}) {
       SCOPED_TRACE(turns);
-      Call calls[2];
+      std::deque<Call> calls;
       {
         asio::io_context io;
         ScriptedServer server(io, {{ok}});
         HttpMessagesClient client = client_for(server);
-        for (auto& call : calls) call.start(io.get_executor(), client, make_request(20'000));
+        while (calls.size() < 2) calls.emplace_back(io, client, make_request(20'000));
         for (int i = 0; i < turns && !(calls[0].ended && calls[1].ended); ++i) io.run_one();
         done = calls[0].ended && calls[1].ended;
         if (!destroyed) {
           calls[0].cancel();
           // A response that was complete already is given, and never half of one.
-          EXPECT_THAT(calls[0].wait(io), testing::AnyOf("cancelled", answer));
-          cancelled += calls[0].ending == "cancelled";
-          EXPECT_EQ(calls[1].wait(io), answer);
+          const std::string ending = calls[0].ending();
+          EXPECT_THAT(ending, testing::AnyOf("cancelled", answer));
+          cancelled += ending == "cancelled";
+          EXPECT_EQ(calls[1].ending(), answer);
           EXPECT_EQ(ask(io, client), answer);
         }
       }

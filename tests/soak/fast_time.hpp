@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <boost/asio/io_context.hpp>
 
 #include "vision/runtime/time.hpp"
@@ -18,33 +17,22 @@ class FastTime : public runtime::TimeSource {
   runtime::Duration wall_now() const override { return real_.wall_now(); }
 
   asio::awaitable<void> sleep(runtime::Duration duration) override {
-    const Waiting waiting(pending_);
+    const auto waiting = waiting_;
     co_await real_.sleep(duration / speed_);
   }
   asio::awaitable<void> wait(runtime::Duration duration) override {
-    const Waiting waiting(pending_);
+    const auto waiting = waiting_;
     co_await real_.wait(duration / speed_);
   }
 
   /// From any thread.
-  int pending() const { return pending_; }
+  long pending() const { return waiting_.use_count() - 1; }
 
  private:
-  class Waiting {
-   public:
-    explicit Waiting(std::atomic<int>& count) : count_(count) { ++count_; }
-    ~Waiting() { --count_; }
-    Waiting(const Waiting&) = delete;
-    Waiting& operator=(const Waiting&) = delete;
-
-   private:
-    std::atomic<int>& count_;
-  };
-
   const int speed_;
   asio::io_context untouched_;  // a context without a time source of its own has the system's
   runtime::TimeSource& real_ = runtime::time_source(untouched_.get_executor());
-  std::atomic<int> pending_ = 0;
+  const std::shared_ptr<void> waiting_ = std::make_shared<int>();
 };
 
 }  // namespace vision::soak

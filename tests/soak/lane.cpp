@@ -1,29 +1,15 @@
 #include "tests/soak/lane.hpp"
 
-#include <boost/asio/bind_cancellation_slot.hpp>
-#include <boost/asio/cancellation_signal.hpp>
-#include <boost/asio/co_spawn.hpp>
-#include <boost/asio/post.hpp>
 #include <random>
-#include <stdexcept>
 
 #include "tests/support/scripted.hpp"
-#include "vision/client/api_error.hpp"
-#include "vision/client/vision_client.hpp"
 #include "vision/text/errors.hpp"
-#include "vision/wirein/act_loop.hpp"
-#include "vision/wirein/fallback.hpp"
-#include "vision/wirein/observer.hpp"
-#include "vision/wirein/shadow_mode.hpp"
 
 namespace vision::soak {
 
 namespace {
 
-// What the host's own code throws.
-struct HostError : std::runtime_error, CuaOriginMark {
-  using std::runtime_error::runtime_error;
-};
+using test::HostError;
 
 struct Mission : Ended {
   std::shared_ptr<test::ScriptedPage> page = std::make_shared<test::ScriptedPage>();
@@ -32,37 +18,16 @@ struct Mission : Ended {
   FlowContext context;
 };
 
-// Counts how the calls that the gate let through ended.
+// Counts the requests, and those that were answered.
 class CountingModel : public MessagesClient {
  public:
   CountingModel(std::shared_ptr<MessagesClient> model, LaneReport& report)
       : model_(std::move(model)), report_(report) {}
-
   asio::awaitable<boost::json::value> create(const MessagesRequest& request) override {
-    auto outcome = std::make_exception_ptr(std::logic_error("no outcome"));
-    boost::json::value answer;
-    try {
-      answer = co_await model_->create(request);
-      outcome = nullptr;
-    } catch (...) {
-      outcome = std::current_exception();
-    }
-    ++(!outcome                      ? report_.finished
-       : is_abort(outcome)           ? report_.aborted
-       : is_transport_error(outcome) ? report_.unreached
-                                     : report_.finished);
-    if (outcome) std::rethrow_exception(outcome);
+    ++report_.requests;
+    auto answer = co_await model_->create(request);
+    ++report_.answers;
     co_return answer;
-  }
-
-  static bool is_abort(const std::exception_ptr& error) {
-    try {
-      if (error) std::rethrow_exception(error);
-    } catch (const boost::system::system_error& e) {
-      return e.code() == asio::error::operation_aborted;
-    } catch (...) {
-    }
-    return false;
   }
 
  private:
@@ -95,16 +60,11 @@ class Lane : public std::enable_shared_from_this<Lane> {
 
   ~Lane() {
     for (const auto& mission : missions_) report_.missions.push_back(*mission);
-    report_.calls = client_->metrics.call_count;
-    report_.latencies = static_cast<std::int64_t>(client_->metrics.latencies_ms.size());
-    for (const auto& [model, count] : client_->metrics.by_model) report_.by_model += count;
+    report_.ledger = client_->metrics;
     const std::lock_guard lock(reports_.mutex);
     reports_.lanes.push_back(std::move(report_));
     reports_.changed.notify_all();
   }
-
-  Lane(const Lane&) = delete;
-  Lane& operator=(const Lane&) = delete;
 
   // On the strand.
   void start() {
@@ -208,21 +168,14 @@ class Lane : public std::enable_shared_from_this<Lane> {
   }
 
   void end(Mission& mission, const std::exception_ptr& error) {
+    const std::string kind = error ? text::describe(error).kind : "";
+    const bool runs_host_code = mission.mode == Mode::shadow || mission.mode == Mode::fallback;
+    const bool is_documented = !error || (runs_host_code && (kind == "HostError" || kind == "int")) ||
+                               (mission.mode == Mode::fallback && kind == "BudgetExceeded");
+    const bool is_cancelled = mission.was_cancelled && kind == "system_error";
     const bool is_second = mission.end != End::none;
-    mission.error = error ? text::exception_text(error) : "";
-    try {
-      if (error) std::rethrow_exception(error);
-      mission.end = End::value;
-    } catch (const HostError&) {
-      mission.end = End::host_error;
-    } catch (int) {
-      mission.end = End::host_error;
-    } catch (const BudgetExceeded&) {
-      mission.end = End::budget;
-    } catch (...) {
-      mission.end = mission.was_cancelled && CountingModel::is_abort(error) ? End::cancelled : End::other;
-    }
-    if (is_second) mission.end = End::other;
+    mission.end = is_second ? End::other : is_documented ? End::documented : is_cancelled ? End::cancelled : End::other;
+    if (error) mission.error = text::exception_text(error);
   }
 
   asio::any_io_executor strand_;

@@ -8,13 +8,14 @@
 #include <vector>
 
 #include "vision/client/messages_client.hpp"
+#include "vision/client/metrics.hpp"
 
 namespace vision::soak {
 
 namespace asio = boost::asio;
 
 enum class Mode { act_loop, shadow, observer, background, fallback };
-enum class End { none, value, host_error, budget, cancelled, other };
+enum class End { none, documented, cancelled, other };
 
 /// How one mission ended: not at all when its event loop was destroyed first.
 struct Ended {
@@ -24,12 +25,12 @@ struct Ended {
   std::string error;
 };
 
-/// What became of a lane: its missions, what its client's ledger holds, and what
-/// its calls of the model came to.
+/// What became of a lane: its missions, what its client's ledger holds, and what its
+/// model saw.
 struct LaneReport {
   std::vector<Ended> missions;
-  std::int64_t calls = 0, latencies = 0, by_model = 0;
-  std::int64_t finished = 0, unreached = 0, aborted = 0;
+  VisionMetrics ledger;
+  std::int64_t requests = 0, answers = 0;
 };
 
 /// Collects the reports of lanes, from any thread.

@@ -59,43 +59,30 @@ class ModelServer {
     const char* const status[] = {"429 Too Many Requests", "500 Internal Server Error", "529 Overloaded", "400 Bad"};
     const std::string failure = test::response(status[below(4)], R"({"type": "error", "error": {"message": "no"}})");
     const std::string noise = "HTTP/1.1 200 OK\r\n\r\n" + std::string(below(2000), static_cast<char>(below(256)));
-    const test::Reply kinds[] = {{good},
-                                 {good},
-                                 {good},
-                                 {good},
-                                 {good},
-                                 {good},
-                                 {good},
-                                 {good},
-                                 {good, Then::close},
-                                 {failure},
-                                 {part, Then::close},
-                                 {part, Then::reset},
-                                 {noise, Then::close},
-                                 {part, Then::drain}};
-    const std::size_t kind = below(std::size(kinds));
+    const test::Reply bad[] = {{good, Then::close},  {failure},          {part, Then::close}, {part, Then::reset},
+                               {noise, Then::close}, {part, Then::drain}};
+    const std::size_t kind = below(14);
     // Some think for about as long as the client's time limit.
     const std::size_t longest_ms = below(20) == 0 ? 2000 : 40;
     co_await runtime::sleep_for(std::chrono::milliseconds(below(longest_ms)));
-    co_return kinds[kind];
+    co_return kind < std::size(bad) ? bad[kind] : test::Reply{good};
   }
 
   static std::string answer(std::minstd_rand& rng) {
     const std::string ratio = "0." + std::to_string(rng() % 1000);
-    const std::string click = test::proposal("click", 0.9, R"(, "x_ratio": )" + ratio + R"(, "y_ratio": )" + ratio);
-    const std::string answers[] = {click,
-                                   click,
-                                   click,
-                                   test::proposal("click", 0.3, R"(, "x_ratio": 0.5, "y_ratio": 0.5)"),
-                                   test::proposal("type", 0.9, R"(, "text": "hello ä")"),
-                                   test::proposal("scroll", 0.9, R"(, "scroll_dy_ratio": )" + ratio),
-                                   test::proposal("wait", 0.9, R"(, "duration_ms": 300)"),
-                                   test::proposal("declare_success", 0.9),
-                                   test::proposal("declare_failure", 0.9),
-                                   test::proposal("escalate_to_cua", 0.9),
-                                   R"({"content": [{"type": "text", "text": "I would rather talk."}]})",
-                                   R"({"content": 7})"};
-    return answers[rng() % std::size(answers)];
+    const std::pair<const char*, std::string> proposals[] = {
+        {"click", R"(, "x_ratio": )" + ratio + R"(, "y_ratio": )" + ratio},
+        {"type", R"(, "text": "hello ä")"},
+        {"scroll", R"(, "scroll_dy_ratio": )" + ratio},
+        {"wait", R"(, "duration_ms": 300)"},
+        {"declare_success", ""},
+        {"declare_failure", ""},
+        {"escalate_to_cua", ""}};
+    const std::size_t kind = rng() % 12;
+    if (kind == 11) return R"({"content": [{"type": "text", "text": "I would rather talk."}]})";
+    if (kind == 10) return R"({"content": 7})";
+    const auto& [verb, members] = proposals[kind < std::size(proposals) ? kind : 0];
+    return test::proposal(verb, kind == 9 ? 0.3 : 0.9, members);
   }
 
   pid_t child_ = -1;

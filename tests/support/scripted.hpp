@@ -3,35 +3,31 @@
 #include <boost/json/parse.hpp>
 #include <boost/json/serialize.hpp>
 #include <deque>
-#include <functional>
-#include <string>
-#include <vector>
 
 #include "tests/support/virtual_time.hpp"
-#include "vision/client/messages_client.hpp"
-#include "vision/page/browser_page.hpp"
-#include "vision/settings/model_registry.hpp"
+#include "vision/vision.hpp"
 
 namespace vision::test {
 
 /// The registry of every test program: its key resolver can be replaced.
-class TestRegistry : public ModelRegistry {
+class TestRegistry : public StaticModelRegistry {
  public:
-  std::string VISION_LIGHT_MODEL() const override { return "light-model"; }
-  std::string VISION_HEAVY_MODEL() const override { return "heavy-model"; }
+  TestRegistry() : StaticModelRegistry("light-model", "heavy-model") {}
   std::function<std::string()> core_attr(std::string_view name) const override {
     return name == "resolve_api_key" ? resolver : nullptr;
   }
   std::function<std::string()> resolver;
 
   static TestRegistry& instance() {
-    static const auto registry = [] {
-      auto made = std::make_shared<TestRegistry>();
-      set_model_registry(made);
-      return made;
-    }();
-    return *registry;
+    static const auto made = std::make_shared<TestRegistry>();
+    [[maybe_unused]] static const bool is_set = (set_model_registry(made), true);
+    return *made;
   }
+};
+
+/// The error type of the page driver, the agent and other code of the host.
+struct HostError : std::runtime_error, CuaOriginMark {
+  using std::runtime_error::runtime_error;
 };
 
 /// A response with one propose_action call whose input is the JSON text `input`.

@@ -2,27 +2,25 @@
 
 #include <boost/asio/associated_cancellation_slot.hpp>
 #include <boost/asio/async_result.hpp>
-#include <boost/asio/bind_cancellation_slot.hpp>
-#include <boost/asio/co_spawn.hpp>
-#include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <functional>
 #include <map>
-#include <memory>
-#include <optional>
 #include <stdexcept>
 #include <tuple>
 #include <utility>
 
+#include "tests/support/running.hpp"
 #include "vision/runtime/time.hpp"
 #include "vision/runtime/worker.hpp"
 
 namespace vision::test {
 
-namespace asio = boost::asio;
 using runtime::Duration;
+
+inline asio::awaitable<void> pause(double seconds) {
+  co_await runtime::sleep_for(runtime::to_duration(seconds));
+}
 
 /// Time that passes only when nothing else can happen.
 class VirtualTime : public runtime::TimeSource {
@@ -118,47 +116,25 @@ class World {
 
   asio::io_context io;
   std::shared_ptr<VirtualTime> time;
-  asio::cancellation_signal cancel;
+  /// Cancels the operation that runs; not to be called when none does.
+  std::function<void()> cancel;
 
   /// Runs `operation` to its end and gives its value or throws its error.
   template <class T>
   T run(asio::awaitable<T> operation) {
-    std::optional<T> value;
-    std::exception_ptr error;
-    bool ended = false;
-    asio::co_spawn(io, keep(std::move(operation), value),
-                   asio::bind_cancellation_slot(cancel.slot(), [&](std::exception_ptr e) {
-                     error = e;
-                     ended = true;
-                   }));
-    loop(ended);
-    if (error) std::rethrow_exception(error);
-    return std::move(*value);
+    Running<T> running(io, std::move(operation), [this] { take_turn(); });
+    cancel = [&] { running.cancel(); };
+    return running.get();
   }
-
-  void run(asio::awaitable<void> operation) { run(with_value(std::move(operation))); }
 
   double seconds() const { return runtime::to_seconds(time->steady_now()); }
 
  private:
-  template <class T>
-  static asio::awaitable<void> keep(asio::awaitable<T> operation, std::optional<T>& value) {
-    value.emplace(co_await std::move(operation));
-  }
-
-  static asio::awaitable<bool> with_value(asio::awaitable<void> operation) {
-    co_await std::move(operation);
-    co_return true;
-  }
-
-  void loop(const bool& ended) {
-    while (!ended) {
-      io.restart();
-      if (io.poll_one() > 0) continue;
-      if (runtime::jobs_in_flight(io) == 0 && time->advance()) continue;
-      io.restart();
-      if (io.run_one() == 0) throw std::logic_error("the operation waits for something that never comes");
-    }
+  void take_turn() {
+    io.restart();
+    if (io.poll_one() > 0 || (runtime::jobs_in_flight(io) == 0 && time->advance())) return;
+    io.restart();
+    if (io.run_one() == 0) throw std::logic_error("the operation waits for something that never comes");
   }
 };
 
