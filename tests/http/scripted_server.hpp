@@ -11,6 +11,7 @@
 #include <boost/beast/http.hpp>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -56,6 +57,8 @@ class ScriptedServer {
     return start + "://" + host + ":" + std::to_string(acceptor_.local_endpoint().port());
   }
 
+  long open() const { return open_.use_count() - 1; }  ///< of the connections, those that have not ended
+
   int connections = 0;
   std::size_t flooded = 0;  ///< bytes
   std::vector<Request> requests;
@@ -71,7 +74,7 @@ class ScriptedServer {
       socket.set_option(tcp::no_delay(true));
       ++connections;
       asio::co_spawn(acceptor_.get_executor(), tls_ ? greet(std::move(socket)) : talk(std::move(socket)),
-                     [](std::exception_ptr) {});  // a client that goes away in the middle
+                     [open = open_](std::exception_ptr) {});  // a client that goes away in the middle
     }
   }
 
@@ -132,6 +135,7 @@ class ScriptedServer {
     on_stage("closed");
   }
 
+  const std::shared_ptr<void> open_ = std::make_shared<int>();
   std::deque<Reply> script_;
   asio::ssl::context* tls_;
   tcp::acceptor acceptor_;

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 
 #include <boost/asio/post.hpp>
-#include <stdexcept>
 #include <utility>
 
 namespace vision::http {
@@ -14,18 +13,12 @@ namespace {
 
 constexpr std::size_t max_idle_handles = 8;
 
-constexpr long max_idle_connections = 32;
+constexpr std::size_t max_idle_connections = 32;
 
 }  // namespace
 
 CurlDriver::CurlDriver(const asio::any_io_executor& executor) : executor_(executor), timer_(executor) {
   initialise_libcurl();
-  multi_ = ::curl_multi_init();
-  if (!multi_) throw std::runtime_error("libcurl does not give a multi handle");
-  ::curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &CurlDriver::on_socket);
-  ::curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
-  ::curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &CurlDriver::on_timer);
-  ::curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
 }
 
 CurlDriver::~CurlDriver() {
@@ -35,15 +28,16 @@ CurlDriver::~CurlDriver() {
 void CurlDriver::start(std::shared_ptr<Exchange> exchange, Completion completion) noexcept {
   {
     const std::lock_guard lock(mutex_);
-    if (multi_) {
+    if (!is_closed_) {
       CURL* const easy = take_easy();
       CURLcode code = easy ? exchange->configure(easy) : CURLE_OUT_OF_MEMORY;
       if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_PRIVATE, exchange.get());
+      if (code == CURLE_OK && !open_pool()) code = CURLE_OUT_OF_MEMORY;
       if (code == CURLE_OK && ::curl_multi_add_handle(multi_, easy) != CURLM_OK) code = CURLE_FAILED_INIT;
       if (code == CURLE_OK) {
         const Exchange* const key = exchange.get();
         running_.emplace(key, Running{std::move(exchange), easy, std::move(completion)});
-        limit_pool();
+        if (running_.size() > pool_size_) limit_pool(running_.size());
         return;
       }
       ::curl_easy_cleanup(easy);
@@ -71,7 +65,7 @@ void CurlDriver::close() noexcept {
   std::map<const Exchange*, Running> abandoned;
   {
     const std::lock_guard lock(mutex_);
-    if (!multi_) return;
+    if (std::exchange(is_closed_, true)) return;
     abandoned.swap(running_);
     for (auto& [key, running] : abandoned) {
       ::curl_multi_remove_handle(multi_, running.easy);
@@ -79,8 +73,7 @@ void CurlDriver::close() noexcept {
     }
     for (CURL* const easy : idle_) ::curl_easy_cleanup(easy);
     idle_.clear();
-    ::curl_multi_cleanup(multi_);
-    multi_ = nullptr;
+    ::curl_multi_cleanup(std::exchange(multi_, nullptr));
     watches_.clear();
     timer_.reset();
     executor_ = asio::any_io_executor();
@@ -204,21 +197,37 @@ CURL* CurlDriver::take_easy() noexcept {
   return easy;
 }
 
-// libcurl counts the connections in use, too. Its own limit, four times those, closes
-// them all at the end of every burst.
-void CurlDriver::limit_pool() noexcept {
-  ::curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, static_cast<long>(running_.size()) + max_idle_connections);
+bool CurlDriver::open_pool() noexcept {
+  if (multi_) return true;
+  multi_ = ::curl_multi_init();
+  if (!multi_) return false;
+  ::curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &CurlDriver::on_socket);
+  ::curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
+  ::curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &CurlDriver::on_timer);
+  ::curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
+  limit_pool(max_idle_connections);
+  return true;
+}
+
+// libcurl keeps to a limit by closing one idle connection when a request ends well. To
+// one that falls with the requests in flight, as its own does, it does not keep.
+void CurlDriver::limit_pool(std::size_t size) noexcept {
+  pool_size_ = size;
+  ::curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, static_cast<long>(size));
 }
 
 void CurlDriver::retire(CURL* easy) noexcept {
-  limit_pool();
   ::curl_multi_remove_handle(multi_, easy);
   ::curl_easy_reset(easy);
+  // Else libcurl would ignore SIGPIPE, which is the host's, while it ends the handle.
+  ::curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   if (idle_.size() < max_idle_handles) {
     idle_.push_back(easy);
   } else {
     ::curl_easy_cleanup(easy);
   }
+  // No function closes idle connections but the one that ends them all.
+  if (running_.empty() && pool_size_ > max_idle_connections) ::curl_multi_cleanup(std::exchange(multi_, nullptr));
 }
 
 }  // namespace vision::http

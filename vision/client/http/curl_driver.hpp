@@ -20,7 +20,8 @@
 namespace vision::http {
 
 /// Runs exchanges on one libcurl multi handle, woken by an execution context:
-/// its connections are the context's pool.
+/// its connections are the context's pool, which ends when nothing is in flight and it
+/// may hold more than 32.
 ///
 /// Thread-safe by one mutex, which every entry holds for the length of one
 /// non-blocking libcurl call; what waiting code is told, it is told through its
@@ -80,11 +81,14 @@ class CurlDriver {
 
   CURL* take_easy() noexcept;
   void retire(CURL* easy) noexcept;
-  void limit_pool() noexcept;
+  bool open_pool() noexcept;
+  void limit_pool(std::size_t size) noexcept;
 
   std::mutex mutex_;
   boost::asio::any_io_executor executor_;
-  CURLM* multi_;  // null once closed
+  bool is_closed_ = false;
+  CURLM* multi_ = nullptr;  // made when a request needs it
+  std::size_t pool_size_ = 0;
   std::optional<runtime::IoTimer> timer_;
   std::uint64_t timer_generation_ = 0;
   std::uint64_t last_watch_ = 0;

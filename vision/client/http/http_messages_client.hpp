@@ -74,11 +74,12 @@ class HttpOptions {
 ///
 /// Connections are kept alive and pooled per execution context: they belong to
 /// the context whose coroutine calls `create` and are closed when it is
-/// destroyed, requests in flight included. A client may be used from several
-/// contexts, and from a context that several threads run. Proxies are taken from
-/// the environment (https_proxy, http_proxy, all_proxy, no_proxy). TLS
-/// certificates are always verified, and TLS 1.2 is the oldest version; redirects
-/// are not followed.
+/// destroyed, requests in flight included. As many are kept as requests were in
+/// flight at once; when none is in flight and more than 32 were, all are closed.
+/// A client may be used from several contexts, and from a context that several
+/// threads run. Proxies are taken from the environment (https_proxy, http_proxy,
+/// all_proxy, no_proxy). TLS certificates are always verified, and TLS 1.2 is the
+/// oldest version; redirects are not followed.
 class HttpMessagesClient : public MessagesClient {
  public:
   /// Throws std::invalid_argument for an API key that is empty or holds anything
