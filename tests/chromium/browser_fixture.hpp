@@ -76,11 +76,13 @@ inline std::vector<pid_t> processes_with(const std::string& text) {
   return out;
 }
 
-/// The browser's own process, which the others are helpers of.
+/// The browser's own process. Its helpers have a type, and its crash handlers no
+/// pipe; either may have the lower number, when numbers begin anew.
 inline pid_t main_process(const std::string& profiles) {
   for (const pid_t id : processes_with(profiles)) {
     const auto line = vision::test::read_file("/proc/" + std::to_string(id) + "/cmdline");
-    if (line.starts_with("/") && line.find("--type=") == line.npos) return id;
+    const bool has_pipe = line.find("--remote-debugging-pipe") != line.npos;
+    if (line.starts_with("/") && has_pipe && line.find("--type=") == line.npos) return id;
   }
   throw std::runtime_error("no browser runs in " + profiles);
 }
