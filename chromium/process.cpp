@@ -29,8 +29,9 @@ namespace {
 // Descriptors: 3 and 4 the DevTools pipe, 5 the lifeline, whose end means that
 // the host has gone, 1 what tells the host that all is done. TERM and not KILL
 // goes from the watcher to the supervisor, because only the browser's parent can
-// be sure whom it kills. The last line ends helpers of the browser and the
-// watcher, and the supervisor with them.
+// be sure whom it kills, and that only until it has waited for it: the number may
+// be another's while the profile is removed. The last line ends helpers of the
+// browser and the watcher, and the supervisor with them.
 constexpr const char* supervisor_script = R"(
 profile=$1; shift
 "$@" </dev/null >/dev/null 5<&- & browser=$!
@@ -40,6 +41,7 @@ exec 3<&- 4>&-
 exec 5<&- 2>/dev/null
 wait "$browser"
 wait "$browser"
+trap "" TERM
 for _ in 1 2 3 4 5 6 7 8 9 10; do rm -rf -- "$profile" 2>/dev/null && break; sleep 0.1; done
 kill -KILL 0
 )";

@@ -1,4 +1,7 @@
+#include <linux/sched.h>
 #include <signal.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -154,6 +157,36 @@ TEST(Launch, LeavesNothingBehindWhenThisProgramIsKilled) {
   ::waitpid(child, &status, 0);
   EXPECT_TRUE(WIFSIGNALED(status));
   while (!profiles.empty()) ::sched_yield();  // nobody is left who could tell
+}
+
+// Process numbers are used again. The host goes while the supervisor removes the
+// profile of a browser that is no more, whose number is somebody else's by then.
+TEST(Launch, KillsNobodyElseAfterTheBrowser) {
+  const vision::test::ScratchDirectory programs;
+  const ProfilesHere profiles;
+  const std::string removes = programs.path() / "rm", begun = programs.path() / "begun";
+  ASSERT_EQ(::mkfifo(begun.c_str(), 0600), 0);
+  std::ofstream(removes) << "#!/bin/sh\nread -r line <" << begun << "; kill -TERM $PPID; exec /bin/rm \"$@\"\n";
+  ::chmod(removes.c_str(), 0700);
+  const vision::test::ScopedEnv path("PATH", programs.path().string() + ":" + ::getenv("PATH"));
+  auto browser = run(launch());
+  pid_t number = main_process(profiles.path());
+  ::kill(number, SIGKILL);
+  std::ofstream rest(begun);  // waits for the removal to begin
+  clone_args heir{};
+  heir.exit_signal = SIGCHLD;
+  heir.set_tid = reinterpret_cast<std::uintptr_t>(&number);
+  heir.set_tid_size = 1;
+  const auto child = static_cast<pid_t>(::syscall(SYS_clone3, &heir, sizeof heir));
+  while (child == 0) ::pause();
+  rest << std::endl;
+  browser.reset();
+  EXPECT_TRUE(processes_with(profiles.path()).empty());
+  if (child < 0) return static_cast<void>(std::printf("not tried, for want of rights or the number: %d\n", number));
+  int status = 0;
+  ::kill(child, SIGTERM);
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(WTERMSIG(status), SIGTERM);
 }
 
 TEST(Launch, LeavesNothingBehindWhenTheContextGoesFirst) {
