@@ -47,18 +47,17 @@ kill -KILL 0
 )";
 
 constexpr auto grace = std::chrono::seconds(5);
-constexpr auto stragglers = std::chrono::seconds(1);
 constexpr std::size_t max_last_words = 2000;
 
 [[noreturn]] void fail(const std::string& what, int error) {
   throw std::system_error(error, std::generic_category(), "cannot launch the browser: " + what);
 }
 
-bool wait_readable(int descriptor, int limit_ms) {
+bool wait_readable(int descriptor, std::chrono::milliseconds limit) {
   pollfd entry{descriptor, POLLIN, 0};
   int count = 0;
   do {
-    count = ::poll(&entry, 1, limit_ms);
+    count = ::poll(&entry, 1, static_cast<int>(limit.count()));
   } while (count < 0 && errno == EINTR);
   return count > 0;
 }
@@ -95,7 +94,7 @@ class BrowserProcess::Words {
   asio::awaitable<void> wait_for_end() { return end_.wait(); }
   void block_until_end() {
     std::array<char, 4096> chunk;
-    while (!end_.is_set() && wait_readable(stream_.native_handle(), 1000)) {
+    while (!end_.is_set() && wait_readable(stream_.native_handle(), grace)) {
       if (::read(stream_.native_handle(), chunk.data(), chunk.size()) == 0) return;
     }
   }
@@ -219,7 +218,7 @@ asio::awaitable<void> BrowserProcess::stop() {
     lifeline_.close(ignored);  // the supervisor kills it
   }
   end_supervisor();
-  (void)co_await runtime::with_deadline(runtime::done(words_->wait_for_end()), stragglers);
+  (void)co_await runtime::with_deadline(runtime::done(words_->wait_for_end()), grace);
   remove_profile();
 }
 
@@ -228,7 +227,7 @@ BrowserProcess::~BrowserProcess() {
   pipe_.close(ignored);
   lifeline_.close(ignored);
   if (supervisor_ >= 0) {
-    wait_readable(ended_.native_handle(), 5000);
+    wait_readable(ended_.native_handle(), grace);
     end_supervisor();
     words_->block_until_end();
   }

@@ -166,7 +166,8 @@ TEST(Launch, KillsNobodyElseAfterTheBrowser) {
   const ProfilesHere profiles;
   const std::string removes = programs.path() / "rm", begun = programs.path() / "begun";
   ASSERT_EQ(::mkfifo(begun.c_str(), 0600), 0);
-  std::ofstream(removes) << "#!/bin/sh\nread -r line <" << begun << "; kill -TERM $PPID; exec /bin/rm \"$@\"\n";
+  std::ofstream(removes) << "#!/bin/sh\nb=" << begun << "; if [ -p $b ]; then read -r line <$b; /bin/rm $b; "
+                         << "kill -TERM $PPID; fi\nexec /bin/rm \"$@\"\n";
   ::chmod(removes.c_str(), 0700);
   const vision::test::ScopedEnv path("PATH", programs.path().string() + ":" + ::getenv("PATH"));
   auto browser = run(launch());

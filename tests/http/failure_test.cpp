@@ -169,9 +169,9 @@ TEST(HttpEndpoint, IsReachedUnderATrustedNameOrNamedInTheError) {
   // Writing to a connection that the peer has reset raises SIGPIPE where that is
   // not prevented, and ends the process.
   ScriptedServer reset(io, {{"", Then::reset, Read::head}}), tls_reset(io, {{"", Then::reset, Read::head}}, &good_tls);
-  tcp::acceptor refusing(io, tcp::endpoint(asio::ip::address_v4::loopback(), 0));
+  tcp::acceptor refusing(io, tcp::v4());  // has its number, and never listens
+  refusing.bind({asio::ip::address_v4::loopback(), 0});
   const std::string closed_port = std::to_string(refusing.local_endpoint().port());
-  refusing.close();
 
   const std::string connection = "APIConnectionError: ", untrusted = connection + "no trusted TLS connection to ";
   const std::string broken = connection + "the connection broke off to localhost",
