@@ -38,8 +38,9 @@ class PageInfo {
 class Browser {
  public:
   /// Ends a launched browser at once, blocking until its processes and its
-  /// profile directory are gone (about a tenth of a second); await close() to
-  /// avoid that. Disconnects from any other. Pages fail from then on.
+  /// profile directory are gone (about a tenth of a second, and about ten seconds
+  /// when something of it cannot be killed); await close() to avoid that.
+  /// Disconnects from any other. Pages fail from then on.
   ~Browser();
   Browser(const Browser&) = delete;
   Browser& operator=(const Browser&) = delete;

@@ -23,7 +23,7 @@ class BrowserProcess {
   /// it cannot be started.
   BrowserProcess(const boost::asio::any_io_executor& executor, const LaunchOptions& options);
   /// Kills the browser when it still runs, and waits for its end: about a tenth
-  /// of a second, at most about ten.
+  /// of a second, and about ten seconds when something of it cannot be killed.
   ~BrowserProcess();
   BrowserProcess(const BrowserProcess&) = delete;
   BrowserProcess& operator=(const BrowserProcess&) = delete;
