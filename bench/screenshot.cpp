@@ -13,8 +13,8 @@
 
 #include "bench/support.hpp"
 #include "chromium/browser.hpp"
-#include "chromium/endpoint.hpp"
-#include "chromium/websocket_transport.hpp"
+#include "chromium/protocol/endpoint.hpp"
+#include "chromium/protocol/websocket_transport.hpp"
 
 using namespace vision;
 namespace asio = boost::asio;

@@ -8,8 +8,9 @@
 #include <iostream>
 
 #include "bench/support.hpp"
-#include "vision/text/json_text.hpp"
-#include "vision/wirein/shadow_log.hpp"
+#include "vision/text/internal/json_text.hpp"
+#include "vision/wirein/internal/records.hpp"
+#include "vision/wirein/internal/shadow_log.hpp"
 
 using namespace vision;
 

@@ -12,8 +12,8 @@
 #include <iterator>
 
 #include "bench/base64.h"
-#include "vision/records/base64.hpp"
 #include "vision/settings/model_registry.hpp"
+#include "vision/text/internal/base64.hpp"
 
 namespace vision::bench {
 namespace {

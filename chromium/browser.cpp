@@ -5,17 +5,17 @@
 #include <stdexcept>
 #include <utility>
 
-#include "chromium/connection.hpp"
-#include "chromium/endpoint.hpp"
-#include "chromium/fields.hpp"
-#include "chromium/pipe_transport.hpp"
-#include "chromium/process.hpp"
-#include "chromium/session.hpp"
-#include "chromium/websocket_transport.hpp"
-#include "chromium/windows.hpp"
-#include "vision/runtime/deadline.hpp"
-#include "vision/text/errors.hpp"
-#include "vision/text/utf8.hpp"
+#include "chromium/events/popups.hpp"
+#include "chromium/process/process.hpp"
+#include "chromium/protocol/connection.hpp"
+#include "chromium/protocol/endpoint.hpp"
+#include "chromium/protocol/fields.hpp"
+#include "chromium/protocol/pipe_transport.hpp"
+#include "chromium/protocol/session.hpp"
+#include "chromium/protocol/websocket_transport.hpp"
+#include "vision/runtime/internal/deadline.hpp"
+#include "vision/text/internal/error_text.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace vision::chromium {
 namespace asio = boost::asio;

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "vision/text/errors.hpp"
+#include "vision/text/named_error.hpp"
 
 namespace vision::chromium {
 

@@ -2,15 +2,15 @@
 
 #include <utility>
 
-#include "chromium/fields.hpp"
-#include "chromium/keyboard.hpp"
-#include "chromium/mouse.hpp"
-#include "chromium/navigation.hpp"
-#include "chromium/remote_value.hpp"
-#include "chromium/session.hpp"
-#include "chromium/windows.hpp"
-#include "vision/runtime/deadline.hpp"
-#include "vision/text/utf8.hpp"
+#include "chromium/events/navigation.hpp"
+#include "chromium/events/popups.hpp"
+#include "chromium/input/keyboard.hpp"
+#include "chromium/input/mouse.hpp"
+#include "chromium/protocol/fields.hpp"
+#include "chromium/protocol/remote_value.hpp"
+#include "chromium/protocol/session.hpp"
+#include "vision/runtime/internal/deadline.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace vision::chromium {
 namespace asio = boost::asio;

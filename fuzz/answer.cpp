@@ -1,7 +1,7 @@
 // Any JSON value as the model's answer, and as the input of a well-formed one:
 // a result whose fields keep their ranges, or one of two errors.
 #include "fuzz/input.hpp"
-#include "vision/client/response.hpp"
+#include "vision/client/internal/response.hpp"
 #include "vision/records/errors.hpp"
 #include "vision/settings/settings.hpp"
 

@@ -1,8 +1,8 @@
 // Whatever kind of value a model sends, a field is in its range or absent.
-#include "vision/records/coercion.hpp"
+#include "vision/records/internal/coercion.hpp"
 #include "fuzz/input.hpp"
 #include "vision/records/errors.hpp"
-#include "vision/text/numbers.hpp"
+#include "vision/text/internal/numbers.hpp"
 
 namespace vision::fuzz {
 void check(Input input) {

@@ -1,7 +1,7 @@
 // Any flow context: the message has its three parts in their place, shows the ten
 // keys only, and the choice of the model knows one error.
 #include "fuzz/input.hpp"
-#include "vision/client/prompt.hpp"
+#include "vision/client/internal/prompt.hpp"
 #include "vision/records/errors.hpp"
 #include "vision/settings/model_registry.hpp"
 

@@ -3,9 +3,9 @@
 // what a request can be made of, or refused with one harmless line.
 #include <boost/json/serialize.hpp>
 
-#include "chromium/endpoint.hpp"
 #include "chromium/errors.hpp"
-#include "chromium/message.hpp"
+#include "chromium/protocol/endpoint.hpp"
+#include "chromium/protocol/message.hpp"
 #include "fuzz/input.hpp"
 
 namespace vision::fuzz {

@@ -6,10 +6,10 @@
 #include <boost/asio/local/connect_pair.hpp>
 #include <boost/asio/write.hpp>
 
-#include "chromium/connection.hpp"
 #include "chromium/errors.hpp"
-#include "chromium/pipe_transport.hpp"
-#include "chromium/remote_value.hpp"
+#include "chromium/protocol/connection.hpp"
+#include "chromium/protocol/pipe_transport.hpp"
+#include "chromium/protocol/remote_value.hpp"
 #include "fuzz/input.hpp"
 
 namespace vision::fuzz {

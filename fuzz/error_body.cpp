@@ -4,8 +4,8 @@
 
 #include "fuzz/input.hpp"
 #include "vision/client/api_error.hpp"
-#include "vision/client/http/api_response.hpp"
-#include "vision/text/json_text.hpp"
+#include "vision/client/http/internal/api_response.hpp"
+#include "vision/text/internal/json_text.hpp"
 
 namespace vision::fuzz {
 namespace {
@@ -38,14 +38,14 @@ void check_text(std::string_view text) {
 }  // namespace
 
 void check(Input input) {
-  static const http::SecretKey key(key_forms[0]);
-  http::RawResponse response;
+  static const detail::http::SecretKey key(key_forms[0]);
+  detail::http::RawResponse response;
   response.status = input.number<std::uint16_t>() % 1000;
   for (auto* text : {&response.content_encoding, &response.request_id, &response.location})
     *text = echo(input.until('\n'));
   response.body = echo(input);
   try {
-    http::throw_error_response(response, "some-model", key);
+    detail::http::throw_error_response(response, "some-model", key);
   } catch (const APIStatusError& e) {
     const std::string told = e.what();
     for (const auto& text : {told, e.type(), e.request_id()}) check_text(text);
@@ -53,7 +53,7 @@ void check(Input input) {
     require(told.find("(HTTP " + std::to_string(response.status)) != told.npos, "the status is told");
   }
   try {
-    const boost::json::value value = http::parse_response(response, key);
+    const boost::json::value value = detail::http::parse_response(response, key);
     require(value.is_object() && !shows_key(text::to_json(value)), "an object without the key");
     boost::json::parse_options options;
     options.max_depth = 64;

@@ -5,7 +5,7 @@
 
 #include "fuzz/input.hpp"
 #include "tests/support/environment.hpp"
-#include "vision/wirein/fixtures.hpp"
+#include "vision/wirein/internal/fixtures.hpp"
 
 namespace vision::fuzz {
 namespace fs = std::filesystem;

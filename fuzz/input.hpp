@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "vision/text/utf8.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace vision::fuzz {
 

@@ -2,7 +2,7 @@
 // value: but for NaN and infinities, which read back as null, and ill-formed
 // parts of texts, which read back as U+FFFD.
 #include "fuzz/input.hpp"
-#include "vision/text/json_text.hpp"
+#include "vision/text/internal/json_text.hpp"
 
 namespace vision::fuzz {
 namespace {

@@ -1,5 +1,5 @@
 // A chord is the keys between its pluses, or an error of one harmless line.
-#include "chromium/key_layout.hpp"
+#include "chromium/input/key_layout.hpp"
 #include "fuzz/input.hpp"
 
 namespace vision::fuzz {

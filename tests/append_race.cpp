@@ -17,7 +17,7 @@
 #include <random>
 
 #include "tests/support/environment.hpp"
-#include "vision/wirein/shadow_log.hpp"
+#include "vision/wirein/internal/shadow_log.hpp"
 
 namespace {
 

@@ -4,12 +4,12 @@
 #include "tests/support/log_capture.hpp"
 #include "tests/support/scripted.hpp"
 #include "vision/client/api_error.hpp"
-#include "vision/client/api_key.hpp"
-#include "vision/client/http/body_reader.hpp"
-#include "vision/client/prompt.hpp"
-#include "vision/client/response.hpp"
-#include "vision/client/system_prompt.hpp"
-#include "vision/text/utf8.hpp"
+#include "vision/client/http/internal/body_reader.hpp"
+#include "vision/client/internal/api_key.hpp"
+#include "vision/client/internal/prompt.hpp"
+#include "vision/client/internal/response.hpp"
+#include "vision/client/internal/system_prompt.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace vision {
 namespace {
@@ -82,7 +82,7 @@ TEST_F(Client, RequestBody) {
       {"type": "image", "source": {"type": "base64", "media_type": "image/png", "data": "AP9QTkc="}},
       {"type": "text", "text": "say \"hi\"\n\u2014\ufffd"}]}]})")));
   for (const std::size_t most : {1U, 2U, 3U, 5U, 7U, 64U}) {
-    http::BodyReader reader(request);
+    detail::http::BodyReader reader(request);
     for (std::size_t at = 0, room = 0; at < text.size(); at += room) {
       room = std::min(most, text.size() - at);
       const std::unique_ptr<char[]> out(new char[room]);  // its end is where the sanitizer looks

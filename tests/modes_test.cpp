@@ -6,8 +6,8 @@
 #include "tests/support/environment.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/scripted.hpp"
-#include "vision/client/response.hpp"
-#include "vision/text/json_text.hpp"
+#include "vision/client/internal/response.hpp"
+#include "vision/text/internal/json_text.hpp"
 
 namespace vision {
 namespace {

@@ -2,11 +2,11 @@
 
 #include "tests/support/environment.hpp"
 #include "tests/support/scripted.hpp"
-#include "vision/records/coercion.hpp"
 #include "vision/records/errors.hpp"
-#include "vision/text/errors.hpp"
-#include "vision/text/json_text.hpp"
-#include "vision/text/numbers.hpp"
+#include "vision/records/internal/coercion.hpp"
+#include "vision/text/internal/error_text.hpp"
+#include "vision/text/internal/json_text.hpp"
+#include "vision/text/internal/numbers.hpp"
 
 namespace vision {
 namespace {

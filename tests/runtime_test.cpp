@@ -3,7 +3,7 @@
 #include <latch>
 
 #include "tests/support/virtual_time.hpp"
-#include "vision/runtime/worker.hpp"
+#include "vision/runtime/internal/worker.hpp"
 
 namespace vision::runtime {
 namespace {

@@ -12,12 +12,13 @@
 #include "tests/support/log_capture.hpp"
 #include "tests/support/scripted.hpp"
 #include "vision/client/api_error.hpp"
-#include "vision/client/response.hpp"
-#include "vision/runtime/one_shot.hpp"
-#include "vision/text/json_text.hpp"
-#include "vision/text/utf8.hpp"
-#include "vision/wirein/fixtures.hpp"
-#include "vision/wirein/shadow_log.hpp"
+#include "vision/client/internal/response.hpp"
+#include "vision/runtime/internal/one_shot.hpp"
+#include "vision/text/internal/json_text.hpp"
+#include "vision/text/internal/utf8.hpp"
+#include "vision/wirein/internal/fixtures.hpp"
+#include "vision/wirein/internal/records.hpp"
+#include "vision/wirein/internal/shadow_log.hpp"
 
 namespace vision {
 namespace {

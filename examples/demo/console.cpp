@@ -1,7 +1,7 @@
 #include "examples/demo/console.hpp"
 
-#include "vision/text/numbers.hpp"
-#include "vision/text/utf8.hpp"
+#include "vision/text/internal/numbers.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace demo {
 namespace {

@@ -18,8 +18,8 @@
 #include "examples/demo/options.hpp"
 #include "examples/demo/report.hpp"
 #include "vision/settings/model_registry.hpp"
-#include "vision/text/numbers.hpp"
-#include "vision/wirein/shadow_log.hpp"
+#include "vision/text/internal/numbers.hpp"
+#include "vision/wirein/internal/shadow_log.hpp"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "examples/demo/recording_page.hpp"
 #include "examples/local_model/local_model.hpp"
 #include "vision/client/http/http_messages_client.hpp"
-#include "vision/runtime/deadline.hpp"
+#include "vision/runtime/internal/deadline.hpp"
 #include "vision/wirein/act_loop.hpp"
 
 namespace demo {

@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "vision/text/numbers.hpp"
+#include "vision/text/internal/numbers.hpp"
 
 namespace demo {
 namespace {

@@ -1,11 +1,12 @@
 #include "examples/demo/report.hpp"
 
 #include "examples/demo/console.hpp"
-#include "vision/records/base64.hpp"
-#include "vision/text/json_text.hpp"
-#include "vision/text/numbers.hpp"
-#include "vision/text/utf8.hpp"
-#include "vision/wirein/shadow_log.hpp"
+#include "vision/text/internal/base64.hpp"
+#include "vision/text/internal/json_text.hpp"
+#include "vision/text/internal/numbers.hpp"
+#include "vision/text/internal/utf8.hpp"
+#include "vision/wirein/internal/records.hpp"
+#include "vision/wirein/internal/shadow_log.hpp"
 
 namespace demo {
 namespace {

@@ -4,7 +4,7 @@
 #include <cctype>
 #include <numeric>
 
-#include "vision/text/utf8.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace local_model {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "examples/local_model/local_model.hpp"
-#include "vision/text/numbers.hpp"
+#include "vision/text/internal/numbers.hpp"
 
 namespace {
 

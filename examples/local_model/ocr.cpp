@@ -14,8 +14,8 @@
 #include <mutex>
 #include <vector>
 
-#include "vision/runtime/one_shot.hpp"
-#include "vision/text/utf8.hpp"
+#include "vision/runtime/internal/one_shot.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace local_model {
 namespace {

@@ -14,7 +14,7 @@
 #include <chrono>
 #include <list>
 
-#include "vision/runtime/deadline.hpp"
+#include "vision/runtime/internal/deadline.hpp"
 
 namespace loopback {
 namespace {

@@ -8,8 +8,8 @@
 #include "chromium/browser.hpp"
 #include "tests/support/environment.hpp"
 #include "tests/support/running.hpp"
-#include "vision/records/base64.hpp"
-#include "vision/text/json_text.hpp"
+#include "vision/text/internal/base64.hpp"
+#include "vision/text/internal/json_text.hpp"
 #include "vision/wirein/act_loop.hpp"
 
 namespace vision::chromium::test {

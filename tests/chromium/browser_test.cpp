@@ -9,8 +9,8 @@
 #include <boost/asio/local/connect_pair.hpp>
 #include <boost/asio/write.hpp>
 
-#include "chromium/connection.hpp"
-#include "chromium/pipe_transport.hpp"
+#include "chromium/protocol/connection.hpp"
+#include "chromium/protocol/pipe_transport.hpp"
 #include "tests/chromium/browser_fixture.hpp"
 
 namespace vision::chromium::test {

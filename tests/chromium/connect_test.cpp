@@ -1,6 +1,6 @@
 #include <boost/asio/ip/tcp.hpp>
 
-#include "chromium/endpoint.hpp"
+#include "chromium/protocol/endpoint.hpp"
 #include "tests/chromium/browser_fixture.hpp"
 #include "tests/http/scripted_server.hpp"
 #include "tests/support/scripted.hpp"

@@ -1,6 +1,6 @@
 #include <limits>
 
-#include "chromium/key_layout.hpp"
+#include "chromium/input/key_layout.hpp"
 #include "tests/chromium/browser_fixture.hpp"
 
 namespace vision::chromium::test {

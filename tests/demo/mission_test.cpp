@@ -5,8 +5,8 @@
 #include <sstream>
 
 #include "examples/local_model/decide.hpp"
-#include "vision/client/prompt.hpp"
-#include "vision/wirein/act_rails.hpp"
+#include "vision/client/internal/prompt.hpp"
+#include "vision/wirein/internal/act_rails.hpp"
 
 namespace local_model {
 namespace {

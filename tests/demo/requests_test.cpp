@@ -8,7 +8,7 @@
 #include <boost/json/parse.hpp>
 
 #include "examples/local_model/local_model.hpp"
-#include "vision/records/base64.hpp"
+#include "vision/text/internal/base64.hpp"
 
 namespace local_model {
 namespace {

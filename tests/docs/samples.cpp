@@ -6,7 +6,7 @@
 #include "tests/support/environment.hpp"
 #include "tests/support/scripted.hpp"
 #include "vision/client/api_error.hpp"
-#include "vision/text/json_text.hpp"
+#include "vision/text/internal/json_text.hpp"
 
 namespace vision {
 namespace {

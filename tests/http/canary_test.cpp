@@ -1,8 +1,8 @@
 #include "tests/http/http_world.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/scripted.hpp"
-#include "vision/records/base64.hpp"
-#include "vision/text/json_text.hpp"
+#include "vision/text/internal/base64.hpp"
+#include "vision/text/internal/json_text.hpp"
 
 namespace vision {
 namespace {

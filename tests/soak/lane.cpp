@@ -3,7 +3,7 @@
 #include <random>
 
 #include "tests/support/scripted.hpp"
-#include "vision/text/errors.hpp"
+#include "vision/text/internal/error_text.hpp"
 
 namespace vision::soak {
 

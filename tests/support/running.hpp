@@ -7,7 +7,7 @@
 #include <functional>
 #include <optional>
 
-#include "vision/text/errors.hpp"
+#include "vision/text/internal/error_text.hpp"
 
 namespace vision::test {
 

@@ -11,8 +11,8 @@
 #include <utility>
 
 #include "tests/support/running.hpp"
+#include "vision/runtime/internal/worker.hpp"
 #include "vision/runtime/time.hpp"
-#include "vision/runtime/worker.hpp"
 
 namespace vision::test {
 

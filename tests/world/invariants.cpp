@@ -3,9 +3,9 @@
 #include <boost/json/serialize.hpp>
 
 #include "tests/world/mission.hpp"
-#include "vision/text/errors.hpp"
-#include "vision/text/json_text.hpp"
-#include "vision/text/utf8.hpp"
+#include "vision/text/internal/error_text.hpp"
+#include "vision/text/internal/json_text.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace vision::world {
 namespace {

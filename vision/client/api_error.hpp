@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "vision/text/errors.hpp"
+#include "vision/text/named_error.hpp"
 
 /// @file
 /// What a call of the Messages API can fail with. The message never holds the

@@ -1,13 +1,14 @@
 #include <boost/asio/this_coro.hpp>
 
 #include "vision/client/api_error.hpp"
-#include "vision/client/response.hpp"
+#include "vision/client/internal/prompt.hpp"
+#include "vision/client/internal/response.hpp"
 #include "vision/client/vision_client.hpp"
-#include "vision/runtime/deadline.hpp"
-#include "vision/runtime/entry.hpp"
-#include "vision/settings/log.hpp"
-#include "vision/text/errors.hpp"
-#include "vision/text/utf8.hpp"
+#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/entry.hpp"
+#include "vision/settings/internal/log.hpp"
+#include "vision/text/internal/error_text.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace vision {
 namespace asio = boost::asio;

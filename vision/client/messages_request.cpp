@@ -2,9 +2,9 @@
 
 #include <boost/json/array.hpp>
 
-#include "vision/client/system_prompt.hpp"
-#include "vision/records/base64.hpp"
-#include "vision/text/json_text.hpp"
+#include "vision/client/internal/system_prompt.hpp"
+#include "vision/text/internal/base64.hpp"
+#include "vision/text/internal/json_text.hpp"
 
 namespace vision {
 

@@ -4,7 +4,7 @@
 #include <limits>
 
 #include "vision/settings/settings.hpp"
-#include "vision/text/utf8.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace vision {
 namespace {

@@ -4,13 +4,13 @@
 #include <cmath>
 #include <stdexcept>
 
-#include "vision/client/api_key.hpp"
 #include "vision/client/http/http_messages_client.hpp"
+#include "vision/client/internal/api_key.hpp"
 #include "vision/page/browser_page.hpp"
-#include "vision/records/coercion.hpp"
-#include "vision/runtime/deadline.hpp"
-#include "vision/runtime/entry.hpp"
-#include "vision/text/json_text.hpp"
+#include "vision/records/internal/coercion.hpp"
+#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/entry.hpp"
+#include "vision/text/internal/json_text.hpp"
 
 namespace vision {
 namespace asio = boost::asio;

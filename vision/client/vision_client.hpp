@@ -12,10 +12,10 @@
 #include "vision/client/ask_options.hpp"
 #include "vision/client/messages_client.hpp"
 #include "vision/client/metrics.hpp"
-#include "vision/client/prompt.hpp"
 #include "vision/records/action_result.hpp"
 #include "vision/records/bytes.hpp"
 #include "vision/records/errors.hpp"
+#include "vision/records/flow_context.hpp"
 #include "vision/records/img_meta.hpp"
 
 namespace vision {

@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "vision/text/errors.hpp"
+#include "vision/text/named_error.hpp"
 
 namespace vision {
 
@@ -24,14 +24,6 @@ class ConversionError : public std::runtime_error, public NamedError {
  public:
   using std::runtime_error::runtime_error;
   const char* kind_name() const noexcept override { return "ConversionError"; }
-};
-
-/// A model's answer that lacks what every answer has. Never leaves the ask call,
-/// which makes a declare_failure result of it.
-class InvalidResponse : public std::runtime_error, public NamedError {
- public:
-  using std::runtime_error::runtime_error;
-  const char* kind_name() const noexcept override { return "InvalidResponse"; }
 };
 
 }  // namespace vision

@@ -9,8 +9,8 @@
 #include <stdexcept>
 
 #include "vision/settings/model_registry.hpp"
-#include "vision/text/numbers.hpp"
-#include "vision/text/utf8.hpp"
+#include "vision/text/internal/numbers.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace vision {
 namespace {

@@ -1,12 +1,13 @@
 #include "vision/wirein/act_loop.hpp"
 
 #include "vision/page/execute_action.hpp"
-#include "vision/runtime/deadline.hpp"
-#include "vision/runtime/entry.hpp"
-#include "vision/text/errors.hpp"
-#include "vision/wirein/act_rails.hpp"
-#include "vision/wirein/shadow_log.hpp"
-#include "vision/wirein/shot_and_ask.hpp"
+#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/entry.hpp"
+#include "vision/text/internal/error_text.hpp"
+#include "vision/wirein/internal/act_rails.hpp"
+#include "vision/wirein/internal/records.hpp"
+#include "vision/wirein/internal/shadow_log.hpp"
+#include "vision/wirein/internal/shot_and_ask.hpp"
 
 namespace vision {
 namespace asio = boost::asio;

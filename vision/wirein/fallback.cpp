@@ -1,7 +1,7 @@
 #include "vision/wirein/fallback.hpp"
 
 #include "vision/page/execute_action.hpp"
-#include "vision/text/errors.hpp"
+#include "vision/text/internal/error_text.hpp"
 
 namespace vision {
 namespace asio = boost::asio;

@@ -8,9 +8,9 @@
 
 #include "vision/client/vision_client.hpp"
 #include "vision/page/browser_page.hpp"
-#include "vision/runtime/awaited.hpp"
-#include "vision/runtime/deadline.hpp"
-#include "vision/runtime/entry.hpp"
+#include "vision/runtime/internal/awaited.hpp"
+#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/entry.hpp"
 
 namespace vision {
 

@@ -2,12 +2,13 @@
 
 #include <boost/asio/co_spawn.hpp>
 
-#include "vision/runtime/entry.hpp"
+#include "vision/runtime/internal/entry.hpp"
 #include "vision/runtime/time.hpp"
-#include "vision/settings/log.hpp"
-#include "vision/text/errors.hpp"
-#include "vision/wirein/observation.hpp"
-#include "vision/wirein/shadow_log.hpp"
+#include "vision/settings/internal/log.hpp"
+#include "vision/text/internal/error_text.hpp"
+#include "vision/wirein/internal/observation.hpp"
+#include "vision/wirein/internal/records.hpp"
+#include "vision/wirein/internal/shadow_log.hpp"
 
 namespace vision {
 namespace asio = boost::asio;

@@ -2,13 +2,14 @@
 
 #include <boost/asio/this_coro.hpp>
 
-#include "vision/runtime/deadline.hpp"
-#include "vision/runtime/entry.hpp"
-#include "vision/text/errors.hpp"
-#include "vision/text/json_text.hpp"
-#include "vision/text/utf8.hpp"
-#include "vision/wirein/observation.hpp"
-#include "vision/wirein/shadow_log.hpp"
+#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/entry.hpp"
+#include "vision/text/internal/error_text.hpp"
+#include "vision/text/internal/json_text.hpp"
+#include "vision/text/internal/utf8.hpp"
+#include "vision/wirein/internal/observation.hpp"
+#include "vision/wirein/internal/records.hpp"
+#include "vision/wirein/internal/shadow_log.hpp"
 
 namespace vision {
 namespace asio = boost::asio;
@@ -31,6 +32,9 @@ bool is_cua_origin(const std::exception& error) noexcept {
 
 namespace detail {
 
+namespace {
+
+// Where the error's type has the mark.
 void mark_cua_origin(const std::exception_ptr& error) noexcept {
   try {
     std::rethrow_exception(error);
@@ -40,8 +44,6 @@ void mark_cua_origin(const std::exception_ptr& error) noexcept {
     return;  // a type without the mark
   }
 }
-
-namespace {
 
 // The CUA's run time.
 asio::awaitable<runtime::Duration> _cua_run(asio::awaitable<void> cua) {

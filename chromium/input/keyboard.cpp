@@ -1,0 +1,91 @@
+#include "chromium/input/keyboard.hpp"
+
+#include <utility>
+
+#include "chromium/protocol/fields.hpp"
+#include "vision/runtime/time.hpp"
+#include "vision/text/internal/utf8.hpp"
+
+namespace vision::chromium {
+namespace asio = boost::asio;
+namespace json = boost::json;
+namespace {
+
+json::object key_event(std::string_view type, const Key& key, int modifiers) {
+  json::object out = fields("type", type, "key", key.key, "code", key.code, "windowsVirtualKeyCode", key.virtual_code,
+                            "modifiers", modifiers, "location", key.location, "isKeypad", key.location == 3);
+  if (type == "keyDown") out.emplace("text", key.text);
+  return out;
+}
+
+}  // namespace
+
+// The keys that are down. Whatever is left of them when a stroke fails or is
+// cancelled half-way goes up again, without waiting.
+class PageKeyboard::Held {
+ public:
+  explicit Held(std::shared_ptr<Session> session) : session_(std::move(session)) {}
+  ~Held() {
+    while (!keys_.empty()) session_->post("Input.dispatchKeyEvent", release_last());
+  }
+  Held(const Held&) = delete;
+  Held& operator=(const Held&) = delete;
+
+  bool empty() const noexcept { return keys_.empty(); }
+
+  json::object press(Key key) {
+    modifiers_ |= key.modifier;
+    keys_.push_back(under_modifiers(std::move(key), modifiers_));
+    return key_event(keys_.back().text.empty() ? "rawKeyDown" : "keyDown", keys_.back(), modifiers_);
+  }
+
+  json::object release_last() {
+    const Key key = std::move(keys_.back());
+    keys_.pop_back();
+    modifiers_ = 0;
+    for (const Key& other : keys_) modifiers_ |= other.modifier;
+    return key_event("keyUp", key, modifiers_);
+  }
+
+ private:
+  const std::shared_ptr<Session> session_;
+  std::vector<Key> keys_;
+  int modifiers_ = 0;
+};
+
+PageKeyboard::PageKeyboard(std::shared_ptr<Session> session) : session_(std::move(session)) {}
+
+asio::awaitable<void> PageKeyboard::stroke(std::vector<Key> chord) {
+  Held held(session_);
+  for (Key& key : chord) co_await session_->call("Input.dispatchKeyEvent", held.press(std::move(key)));
+  while (!held.empty()) co_await session_->call("Input.dispatchKeyEvent", held.release_last());
+}
+
+asio::awaitable<void> PageKeyboard::press(std::string key) {
+  std::vector<Key> chord = parse_chord(key);
+  co_await stroke(std::move(chord));
+}
+
+asio::awaitable<void> PageKeyboard::type(std::string text, std::chrono::milliseconds delay) {
+  bool first = true;
+  char32_t previous = 0;
+  for (std::string_view rest = text; !rest.empty();) {
+    const text::CodePoint point = text::next_code_point(rest);
+    rest.remove_prefix(point.size);
+    const char32_t before = std::exchange(previous, point.value);
+    if (point.value == U'\n' && before == U'\r') continue;  // one line end, one Enter
+    if (!std::exchange(first, false) && delay.count() > 0) co_await runtime::sleep_for(delay);
+    std::string character;
+    text::append_utf8(character, point.value);
+    const bool line_end = point.value == U'\n' || point.value == U'\r';
+    auto key = find_key(line_end ? "Enter" : character);
+    if (key) {
+      std::vector<Key> chord(1, std::move(*key));
+      co_await stroke(std::move(chord));
+    } else {
+      co_await session_->call("Input.insertText", fields("text", character));
+    }
+  }
+}
+
+}  // namespace vision::chromium

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "chromium/input/key_layout.hpp"
+#include "chromium/protocol/session.hpp"
+#include "vision/page/browser_page.hpp"
+
+namespace vision::chromium {
+
+class PageKeyboard : public Keyboard {
+ public:
+  explicit PageKeyboard(std::shared_ptr<Session> session);
+  boost::asio::awaitable<void> type(std::string text, std::chrono::milliseconds delay) override;
+  boost::asio::awaitable<void> press(std::string key) override;
+
+ private:
+  class Held;
+  boost::asio::awaitable<void> stroke(std::vector<Key> chord);
+
+  const std::shared_ptr<Session> session_;
+};
+
+}  // namespace vision::chromium

@@ -1,0 +1,117 @@
+#include "chromium/process/command_line.hpp"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <string_view>
+#include <system_error>
+
+#include "chromium/errors.hpp"
+
+namespace vision::chromium {
+namespace {
+
+std::string variable(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
+bool is_program(const std::string& path) {
+  struct stat info;
+  return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && ::access(path.c_str(), X_OK) == 0;
+}
+
+bool is_directory(const std::string& path) {
+  struct stat info;
+  return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+}  // namespace
+
+std::string find_executable(const std::string& name) {
+  if (name.find('/') != std::string::npos) {
+    if (is_program(name)) return name;
+    throw BrowserError("no browser to launch: " + name + " is missing or not executable");
+  }
+  std::string path = variable("PATH");
+  if (path.empty()) path = "/usr/local/bin:/usr/bin:/bin";
+  for (std::size_t start = 0; start <= path.size();) {
+    const std::size_t end = std::min(path.find(':', start), path.size());
+    const std::string candidate = path.substr(start, end - start) + "/" + name;
+    if (candidate.front() == '/' && is_program(candidate)) return candidate;
+    start = end + 1;
+  }
+  throw BrowserError("no browser to launch: there is no \"" + name + "\" on PATH (" + path + ")");
+}
+
+std::string make_profile_directory() {
+  // The browser binds a socket below this directory; socket paths end at 107 bytes.
+  constexpr std::size_t max_parent = 50;
+  std::string parent = variable("TMPDIR");
+  if (parent.empty() || parent.front() != '/' || parent.size() > max_parent || !is_directory(parent)) parent = "/tmp";
+  std::string path = parent + "/vision-chromium-XXXXXX";
+  if (!::mkdtemp(path.data())) {
+    throw std::system_error(errno, std::generic_category(), "cannot make a profile directory in " + parent);
+  }
+  return path;
+}
+
+std::vector<std::string> browser_arguments(const LaunchOptions& options, const std::string& executable,
+                                           const std::string& profile) {
+  std::vector<std::string> out{
+      executable,
+      "--remote-debugging-pipe",
+      "--user-data-dir=" + profile,
+      "--no-startup-window",
+      "--no-first-run",
+      "--no-default-browser-check",
+      "--hide-scrollbars",
+      "--mute-audio",
+      "--password-store=basic",
+      "--force-color-profile=srgb",
+      "--disable-gpu",
+      "--disable-search-engine-choice-screen",
+      // The pages of a run must not slow down because no one looks at them.
+      "--disable-background-timer-throttling",
+      "--disable-backgrounding-occluded-windows",
+      "--disable-renderer-backgrounding",
+      // Nothing on the network but what the pages ask for.
+      "--disable-background-networking",
+      "--disable-breakpad",
+      "--disable-client-side-phishing-detection",
+      "--disable-component-extensions-with-background-pages",
+      "--disable-component-update",
+      "--disable-default-apps",
+      "--disable-domain-reliability",
+      "--disable-extensions",
+      "--disable-features=MediaRouter,OptimizationHints,Translate",
+      "--disable-quic",
+      "--disable-sync",
+      "--metrics-recording-only",
+      "--no-pings",
+  };
+  if (options.headless()) out.emplace_back("--headless");
+  if (::geteuid() == 0) out.emplace_back("--no-sandbox");  // which the browser refuses to use as root
+  out.insert(out.end(), options.arguments().begin(), options.arguments().end());
+  return out;
+}
+
+std::vector<std::string> browser_environment(const LaunchOptions& options, const std::string& profile) {
+  std::vector<std::string> out{"HOME=" + profile, "TMPDIR=" + profile};
+  if (const auto home = variable("HOME"); !home.empty() && variable("XAUTHORITY").empty()) {
+    out.push_back("XAUTHORITY=" + home + "/.Xauthority");
+  }
+  for (char** entry = environ; *entry; ++entry) {
+    const std::string_view text = *entry;
+    const std::string_view name = text.substr(0, text.find('='));
+    if (name == "HOME" || name == "TMPDIR" || name == "XDG_CONFIG_HOME" || name == "XDG_CACHE_HOME") continue;
+    if (name == "ANTHROPIC_API_KEY") continue;                      // the pages' code runs in there
+    if (name == "XDG_RUNTIME_DIR" && options.headless()) continue;  // a window's server may need it
+    out.emplace_back(text);
+  }
+  return out;
+}
+
+}  // namespace vision::chromium

@@ -1,0 +1,56 @@
+#include "vision/settings/internal/log.hpp"
+
+#include <dlfcn.h>
+
+#include <boost/stacktrace.hpp>
+
+namespace vision::log {
+
+namespace {
+
+// "function" or, where the module tells no name, "module+0xoffset", which
+// addr2line understands.
+std::string describe(const boost::stacktrace::frame& frame) {
+  if (std::string name = frame.name(); !name.empty()) return name;
+  Dl_info info{};
+  if (::dladdr(frame.address(), &info) == 0 || !info.dli_fname) return "?";
+  const auto offset = static_cast<const char*>(frame.address()) - static_cast<const char*>(info.dli_fbase);
+  return fmt::sprintf("%s+0x%x", info.dli_fname, offset);
+}
+
+}  // namespace
+
+std::shared_ptr<spdlog::logger> logger() {
+  if (auto registered = spdlog::get("vision")) return registered;
+  // Not registered, so that a host may still register its own; never destroyed,
+  // so that static objects may still log.
+  static const auto& own = *new std::shared_ptr<spdlog::logger>(
+      spdlog::default_logger() ? spdlog::default_logger()->clone("vision") : nullptr);
+  return own;
+}
+
+void write(spdlog::logger& logger, spdlog::level::level_enum level, std::string_view message) noexcept {
+  try {
+    logger.log(level, spdlog::string_view_t(message.data(), message.size()));
+  } catch (...) {
+    return;  // spdlog lets some errors of a sink through
+  }
+}
+
+void error_with_stack(std::string_view message, const std::string& details) noexcept {
+  try {
+    const auto channel = logger();
+    if (!channel || !channel->should_log(spdlog::level::err)) return;
+    std::string lines(message);
+    lines += "\n    " + text::one_line(details);
+    constexpr std::size_t own_frames = 1, max_frames = 24;
+    for (const auto& frame : boost::stacktrace::stacktrace(own_frames, max_frames)) {
+      lines += "\n    at " + text::one_line(describe(frame));
+    }
+    write(*channel, spdlog::level::err, lines);
+  } catch (...) {
+    return;
+  }
+}
+
+}  // namespace vision::log
