@@ -14,13 +14,16 @@ TEST(Report, HostileTextStaysText) {
   click.text = "</section>";
   MissionEnd end{vision::ActionResult("declare_success", "</p><b>", 0.9, "")};
   const ReportSummary summary{"<title>", "<model>", end.verdict, "</dl>", false, {}};
+  const std::string png("\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\0\x04\0\0\0\x02", 24);
   const std::string page =
-      render_report({{vision::Bytes(std::string("\x89PNG")), click}, {vision::Bytes(), click}}, summary);
-  for (const char* leak : {"<script", "onerror=y>", "</p><b>", "<model>", "</dl></p>", "\xff", "\x01"}) {
+      render_report({{vision::Bytes(png), click}, {vision::Bytes(), click}, {vision::Bytes("<img>"), click}}, summary);
+  for (const char* leak : {"<script", "onerror=y>", "</p><b>", "<model>", "</dl></p>", "<img", "\xff", "\x01"}) {
     EXPECT_EQ(page.find(leak), page.npos) << leak;
   }
-  EXPECT_NE(page.find("src=\"data:image/png;base64,iVBORw==\""), page.npos);
-  EXPECT_NE(page.find("left:25.000%;top:50.000%"), page.npos);
+  for (const char* wanted : {"viewBox=\"0 0 4 2\" role=\"img\"", "href=\"data:image/png;base64,iVBORw0KGgoAAAAN",
+                             "left:25.000%;top:50.000%;\"></span></span></figure>", "<use href=\"#shot-1-image\"/>"}) {
+    EXPECT_NE(page.find(wanted), page.npos) << wanted;
+  }
   const std::string line = step_line(3, click);
   EXPECT_EQ(line.find_first_of("\x01\n"), line.npos);
 }
