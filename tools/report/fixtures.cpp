@@ -41,7 +41,8 @@ StoredBetween stored_between(const Moment& moment) {
     from = static_cast<double>(moment.ts) - *moment.agent_latency_ms / 1000;
     until = std::min(until, from + 1 + shooting_s);
   }
-  return {static_cast<std::int64_t>(std::floor(from - storing_s)), static_cast<std::int64_t>(std::floor(until))};
+  return {static_cast<std::int64_t>(std::floor(from - storing_s)), static_cast<std::int64_t>(std::floor(until)),
+          moment.agent_failed};
 }
 
 Fixtures::Fixtures(const std::string& folder) : folder_(folder) {
@@ -63,7 +64,7 @@ void Fixtures::add(const std::string& site, const std::string& file_name) {
   if (at == file_name.npos || !file_name.ends_with(ending)) return;
   const auto second = vision::text::parse_integer(file_name.substr(at + 1, file_name.size() - ending.size() - at - 1));
   if (!second) return;
-  fixtures_[key_of(site, file_name.substr(0, at))].push_back({*second, 0});
+  fixtures_[key_of(site, file_name.substr(0, at))].push_back({*second});
   size_ += 1;
 }
 
@@ -71,8 +72,8 @@ Fixtures::Range Fixtures::within(const std::string& key, StoredBetween window) c
   const auto found = fixtures_.find(key);
   if (found == fixtures_.end()) return {nullptr, nullptr};
   const auto& list = found->second;
-  const auto begin = std::lower_bound(list.begin(), list.end(), Fixture{window.first, 0});
-  const auto end = std::upper_bound(begin, list.end(), Fixture{window.last, 0});
+  const auto begin = std::lower_bound(list.begin(), list.end(), Fixture{window.first});
+  const auto end = std::upper_bound(begin, list.end(), Fixture{window.last});
   return {list.data() + (begin - list.begin()), list.data() + (end - list.begin())};
 }
 
@@ -81,15 +82,22 @@ std::string Fixtures::path(const Moment& moment, const Fixture& fixture) const {
 }
 
 void Fixtures::claim(const Moment& moment) {
-  const Range range = within(key_of(moment), stored_between(moment));
-  for (const Fixture* one = range.begin; one != range.end; ++one) one->claims += 1;
+  const StoredBetween window = stored_between(moment);
+  const Range range = within(key_of(moment), window);
+  for (const Fixture* one = range.begin; one != range.end; ++one) (window.vague ? one->vague_claims : one->claims) += 1;
 }
 
 Picture Fixtures::find(const Moment& moment) const {
-  const Range range = within(key_of(moment), stored_between(moment));
-  if (range.begin == range.end) return {};
-  if (range.end - range.begin > 1 || range.begin->claims > 1) return {Picture::State::ambiguous, {}};
-  return {Picture::State::found, path(moment, *range.begin)};
+  const StoredBetween window = stored_between(moment);
+  const Range range = within(key_of(moment), window);
+  std::vector<const Fixture*> fitting;
+  for (const Fixture* one = range.begin; one != range.end; ++one) {
+    if (!window.vague || one->claims == 0) fitting.push_back(one);
+  }
+  if (fitting.empty()) return {};
+  const std::int64_t wanted_by = window.vague ? fitting.front()->vague_claims : fitting.front()->claims;
+  if (fitting.size() > 1 || wanted_by > 1) return {Picture::State::ambiguous, {}};
+  return {Picture::State::found, path(moment, *fitting.front())};
 }
 
 std::vector<Picture> Fixtures::find(const Mission& mission) const {

@@ -25,9 +25,11 @@ struct Picture {
 /// The seconds in which the screenshot of a record can have been stored, both ends
 /// included: the record's time less what the model took, or the agent, as a
 /// miss-path record waits for both. Both times are whole seconds, which alone makes
-/// two candidates.
+/// two candidates. When the agent failed, nobody knows how long it took: the last
+/// ten minutes.
 struct StoredBetween {
   std::int64_t first, last;
+  bool vague = false;
 };
 StoredBetween stored_between(const Moment& moment);
 
@@ -53,7 +55,8 @@ class Fixtures {
  private:
   struct Fixture {
     std::int64_t second;
-    mutable std::int64_t claims;  // no part of the order
+    // Of the records that may have it; no part of the order. A vague one takes what no other record wants.
+    mutable std::int64_t claims = 0, vague_claims = 0;
     bool operator<(const Fixture& other) const { return second < other.second; }
   };
   // Fixtures of one site and run within some seconds, as a range.

@@ -26,11 +26,11 @@ struct Failure {
 
 /// What a scripted step really did: `dom_ground_truth`.
 struct Truth {
-  std::string_view action;  ///< "click" unless the host said otherwise; empty when it said nothing at all
-  std::optional<double> x_ratio, y_ratio;        ///< the middle of the element
-  std::optional<double> w_ratio, h_ratio;        ///< its size
-  std::optional<double> viewport_w, viewport_h;  ///< in CSS pixels
-  std::string_view label;
+  std::string_view action{};  ///< "click" unless the host said otherwise; empty when it said nothing at all
+  std::optional<double> x_ratio{}, y_ratio{};        ///< the middle of the element
+  std::optional<double> w_ratio{}, h_ratio{};        ///< its size
+  std::optional<double> viewport_w{}, viewport_h{};  ///< in CSS pixels
+  std::string_view label{};
 };
 
 /// What became of the computer-use agent.

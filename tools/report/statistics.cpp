@@ -7,12 +7,13 @@ namespace {
 
 using Binomial = boost::math::binomial_distribution<double>;
 
-// For every number of events, the least number of agreeing ones that suffices.
-// Grows by 0 or 1 from one number of events to the next.
+// For every number of events, the least number of agreeing ones that suffices, or
+// more than there are events. Never shrinks from one number of events to the next.
 class Threshold {
  public:
   explicit Threshold(const Criteria& criteria) : criteria_(criteria) {}
   std::int64_t at(std::int64_t events) {
+    if (events < Criteria::least_events) return events + 1;
     while (least_ <= events && !agreement_suffices({least_, events}, criteria_)) ++least_;
     return least_;
   }
