@@ -6,7 +6,7 @@
 namespace report {
 namespace {
 
-constexpr double accuracy = 0.01;
+constexpr double accuracy = 0.0025;
 const double log_growth = std::log((1 + accuracy) / (1 - accuracy));
 constexpr int smallest_bucket = std::numeric_limits<int>::min();  // of zero and what is next to it
 constexpr std::size_t most_stretches = 48;

@@ -14,7 +14,7 @@
 /// values but Sample, which is meant to.
 namespace report {
 
-/// Quantiles of non-negative values, each within 1 % of a value of that rank.
+/// Quantiles of non-negative values, each within 0.25 % of a value of that rank.
 /// Takes memory with the logarithm of the largest value.
 class Quantiles {
  public:
@@ -24,7 +24,7 @@ class Quantiles {
   std::optional<double> at(double rank) const;
 
  private:
-  std::map<int, std::int64_t> buckets_;  // of values whose logarithm lies in the same hundredth
+  std::map<int, std::int64_t> buckets_;  // of values whose logarithms lie close together
   std::int64_t count_ = 0;
 };
 

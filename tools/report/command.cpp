@@ -77,12 +77,15 @@ Viewport parse_viewport(const std::string& text) {
   return {static_cast<double>(*width), static_cast<double>(*height)};
 }
 
-void complain_of(const InputStats& input) {
+void complain_of(const Report& report) {
+  const InputStats& input = report.input;
   for (const auto& damaged : input.damaged) {
     fmt::print(stderr, "vision: warning: {}; what came before it is counted\n", damaged);
   }
   if (input.skipped > 0) fmt::print(stderr, "vision: {} lines that are no records were skipped\n", input.skipped);
-  if (input.records == 0) fmt::print(stderr, "vision: there is no record in what was read\n");
+  if (report.counted > 0) return;
+  fmt::print(stderr, "vision: {}\n",
+             input.records == 0 ? "there is no record in what was read" : "--since, --site and --model leave no record");
 }
 
 int run(Arguments& a) {
@@ -111,7 +114,7 @@ int run(Arguments& a) {
   report.created = now;
   report.input = input;
   report.labels = {labels.size(), labels.unused(), labels.ambiguous()};
-  complain_of(input);
+  complain_of(report);
   if (a.json)
     fmt::print("{}", json_report(report, fixtures.get()));
   else

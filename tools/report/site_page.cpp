@@ -124,11 +124,15 @@ std::string films_of(const ModelTally& t, const std::string& id, PictureReader& 
   return out;
 }
 
-std::string model_section(const ModelReport& model, const std::string& id, const Report& report,
+std::string paragraph(const Judgement& judgement) {
+  return "<p>" + escaped(judgement.reason) + ".</p>\n";
+}
+
+std::string model_section(const ModelReport& model, bool alone, const std::string& id, const Report& report,
                           PictureReader& pictures) {
   const ModelTally& t = *model.tally;
-  return "<section class=\"model\"><h3>" + escaped(model.name) + " " + pill(model.judgement.verdict) + "</h3>\n<p>" +
-         escaped(model.judgement.reason) + ".</p>\n" + evidence_of(t, report.criteria) + facts_of(model) +
+  return "<section class=\"model\"><h3>" + escaped(model.name) + " " + pill(model.judgement.verdict) + "</h3>\n" +
+         (alone ? "" : paragraph(model.judgement)) + evidence_of(t, report.criteria) + facts_of(model) +
          calibration_of(t.calibration, report.criteria.confidence) + worst_of(t.worst.sorted(), id, pictures) +
          questions_of(t, id, pictures) + endings_of(t) + films_of(t, id, pictures) + "</section>\n";
 }
@@ -145,15 +149,14 @@ std::string site_section(const SiteReport& site, const std::string& id, const Re
                      : site.judgement.verdict == Verdict::demote ? " bad"
                                                                  : "";
   std::string out = std::string("<section class=\"card site") + kind + "\" id=\"" + id + "\"><h2>" +
-                    escaped(site.name) + " " + pill(site.judgement.verdict) + "</h2>\n<p>" +
-                    escaped(site.judgement.reason) + ".</p>\n";
+                    escaped(site.name) + " " + pill(site.judgement.verdict) + "</h2>\n" + paragraph(site.judgement);
   if (site.tally != nullptr && !site.tally->failures.by_kind().empty()) {
     Facts facts;
     for (const auto& [failure, count] : site.tally->failures.by_kind()) facts.emplace_back(failure, grouped(count));
     out += "<h3>Failed calls</h3>\n" + html::facts(facts);
   }
   for (std::size_t i = 0; i < site.models.size(); ++i) {
-    out += model_section(site.models[i], id + "-m" + std::to_string(i + 1), report, pictures);
+    out += model_section(site.models[i], site.models.size() == 1, id + "-m" + std::to_string(i + 1), report, pictures);
   }
   return out + "</section>\n";
 }
