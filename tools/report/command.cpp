@@ -84,8 +84,9 @@ void complain_of(const Report& report) {
   }
   if (input.skipped > 0) fmt::print(stderr, "vision: {} lines that are no records were skipped\n", input.skipped);
   if (report.counted > 0) return;
-  fmt::print(stderr, "vision: {}\n",
-             input.records == 0 ? "there is no record in what was read" : "--since, --site and --model leave no record");
+  fmt::print(
+      stderr, "vision: {}\n",
+      input.records == 0 ? "there is no record in what was read" : "--since, --site and --model leave no record");
 }
 
 int run(Arguments& a) {

@@ -83,7 +83,7 @@ std::optional<Failure> failed_call(const Proposal& proposal) {
       reason.find("did not return") == reason.npos) {
     return std::nullopt;
   }
-  return Failure{timed_out, reason, proposal.latency_ms};
+  return Failure{timed_out, reason};
 }
 
 const Ending& mission_ending(const Record& final_record, bool last_call_failed) {

@@ -1,7 +1,7 @@
 #include "tools/report/record.hpp"
 
+#include <algorithm>
 #include <chrono>
-#include <cmath>
 
 namespace report {
 namespace {
@@ -20,9 +20,13 @@ std::optional<double> number(element value) {
   return out;
 }
 
-std::int64_t integer(element value) {
-  const double out = number(value).value_or(0);
-  return std::abs(out) < 9e18 ? static_cast<std::int64_t>(out) : 0;
+// Bounded, so that sums over a log and times computed from them cannot overflow.
+std::int64_t count(element value) {
+  return static_cast<std::int64_t>(std::clamp(number(value).value_or(0), 0.0, 1e12));
+}
+
+double milliseconds(element value) {
+  return std::clamp(number(value).value_or(0), 0.0, 1e9);
 }
 
 bool is_true(element value) {
@@ -51,17 +55,15 @@ bool read_vision(object vision, Record& record) {
     else if (key == "model")
       proposal.model = text(value);
     else if (key == "latency_ms")
-      proposal.latency_ms = number(value).value_or(0);
+      proposal.latency_ms = milliseconds(value);
     else if (key == "input_tokens")
-      proposal.input_tokens = integer(value);
+      proposal.input_tokens = count(value);
     else if (key == "output_tokens")
-      proposal.output_tokens = integer(value);
+      proposal.output_tokens = count(value);
     else if (key == "timeout")
       failed = failure.timed_out = is_true(value);
     else if (key == "error")
       failed = true, failure.text = text(value);
-    else if (key == "elapsed_ms")
-      failure.elapsed_ms = number(value).value_or(0);
     else if (key == "terminal")
       record.terminal = text(value);
   }
@@ -97,7 +99,7 @@ void read_truth(object truth, Truth& out) {
 void read_agent(object agent, Agent& out) {
   for (const auto [key, value] : agent) {
     if (key == "latency_ms")
-      out.latency_ms = number(value);
+      out.latency_ms = milliseconds(value);
     else if (key == "text_head")
       out.text = text(value);
     else if (key == "error")
@@ -127,9 +129,9 @@ bool read(object line, Record& record) {
     else if (key == "source")
       source = text(value);
     else if (key == "step")
-      record.step = integer(value);
+      record.step = count(value);
     else if (key == "max_steps")
-      record.max_steps = integer(value);
+      record.max_steps = count(value);
     else if (key == "final")
       is_final = is_true(value);
     else if (key == "outcome")

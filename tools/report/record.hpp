@@ -21,7 +21,6 @@ struct Proposal {
 struct Failure {
   bool timed_out = false;
   std::string_view text;  ///< reason or error; may be empty
-  double elapsed_ms = 0;
 };
 
 /// What a scripted step really did: `dom_ground_truth`.

@@ -21,7 +21,7 @@ namespace report {
 
 /// Which records count, and how much of them is kept for showing.
 struct TallyOptions {
-  std::optional<std::int64_t> since;                 ///< Unix seconds
+  std::optional<std::int64_t> since;                     ///< Unix seconds
   std::set<std::string, std::less<>> sites{}, models{};  ///< empty means all
   Viewport viewport{};
   std::size_t worst = 10, to_judge = 40, missions = 3;  ///< shown per site and model

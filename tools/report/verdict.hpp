@@ -17,11 +17,11 @@ std::string_view name(Verdict verdict);
 
 /// What one model showed at one site.
 struct Evidence {
-  Share agreement{};                   ///< of the action, among the events that could be judged
-  Share places{};                      ///< of the place, among agreeing actions whose true place is known
+  Share agreement{};                 ///< of the action, among the events that could be judged
+  Share places{};                    ///< of the place, among agreeing actions whose true place is known
   std::int64_t unplaced_clicks = 0;  ///< agreeing clicks whose true place is not known
   std::int64_t unjudged = 0;         ///< proposals beside which nothing says what was right
-  Share missions{};                    ///< that succeeded, among those that say something about the site
+  Share missions{};                  ///< that succeeded, among those that say something about the site
 };
 
 /// A verdict and why.
