@@ -213,9 +213,7 @@ object failures(const FailureCounts& of) {
 
 std::string json_report(const Report& report, const Fixtures* fixtures) {
   const InputStats& input = report.input;
-  array sites;
-  for (const auto& one : report.sites) sites.push_back(site(one, report.criteria.confidence, fixtures));
-  const object out = {
+  const object head = {
       {"format", "vision-report 1"},
       {"created", timestamp(report.created)},
       {"all_promoted", report.all_promoted()},
@@ -234,9 +232,16 @@ std::string json_report(const Report& report, const Fixtures* fixtures) {
                       {"prices_source", report.prices_source},
                       {"unpriced_models", array(report.unpriced_models.begin(), report.unpriced_models.end())}}},
       {"looking", looking(report)},
-      {"failures", failures(report.failures)},
-      {"sites", std::move(sites)}};
-  return vision::text::to_json(out) + "\n";
+      {"failures", failures(report.failures)}};
+  // Site by site, because the tree of all takes several times the memory of its text.
+  std::string out = vision::text::to_json(head);
+  out.back() = ',';
+  out += " \"sites\": [";
+  for (const auto& one : report.sites) {
+    if (&one != &report.sites.front()) out += ", ";
+    vision::text::append_json(out, site(one, report.criteria.confidence, fixtures));
+  }
+  return out + "]}\n";
 }
 
 }  // namespace report

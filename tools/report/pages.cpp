@@ -64,7 +64,8 @@ std::string warnings_of(const Report& report) {
 
 std::string sites_table(const Report& report, bool split) {
   std::string out =
-      "<div class=\"wide\"><table class=\"sites\"><caption>Sites</caption><thead><tr><th scope=\"col\">site</th>"
+      "<div class=\"wide\" tabindex=\"0\" role=\"region\" aria-label=\"Sites\"><table "
+      "class=\"sites\"><caption>Sites</caption><thead><tr><th scope=\"col\">site</th>"
       "<th scope=\"col\">verdict</th><th scope=\"col\">model</th><th scope=\"col\">agreement</th>"
       "<th scope=\"col\">events</th><th scope=\"col\">over time</th><th scope=\"col\">missions</th>"
       "<th scope=\"col\">why</th></tr></thead>\n";
@@ -93,7 +94,7 @@ std::string sites_table(const Report& report, bool split) {
     }
     out += "</tbody>\n";
   }
-  return out + "</table></div>\n";
+  return scrolling("Sites", out + "</table>\n");
 }
 
 std::string how_to_read(const Report& report) {
@@ -132,13 +133,8 @@ std::string how_to_read(const Report& report) {
   return out + ".</p></section>\n";
 }
 
-std::string failures_of(const FailureCounts& failures) {
-  if (failures.by_kind().empty()) return {};
-  std::string out =
-      "<section class=\"card\"><h2>Failed calls by day</h2>\n<p class=\"muted\">They say something about the network "
-      "and the "
-      "endpoint, not about the sites, and are left out of the verdicts.</p>\n<div class=\"wide\"><table><thead><tr>"
-      "<th scope=\"col\">day</th>";
+std::string failures_table(const FailureCounts& failures) {
+  std::string out = "<table><thead><tr><th scope=\"col\">day</th>";
   for (const auto& [kind, count] : failures.by_kind()) out += "<th scope=\"col\">" + escaped(kind) + "</th>";
   out += "</tr></thead><tbody>\n";
   for (const auto& [number, kinds] : failures.by_day()) {
@@ -151,7 +147,16 @@ std::string failures_of(const FailureCounts& failures) {
   }
   out += "</tbody><tfoot><tr><th scope=\"row\">all</th>";
   for (const auto& [kind, count] : failures.by_kind()) out += "<td>" + grouped(count) + "</td>";
-  return out + "</tr></tfoot></table></div></section>\n";
+  return out + "</tr></tfoot></table>\n";
+}
+
+std::string failures_of(const FailureCounts& failures) {
+  if (failures.by_kind().empty()) return {};
+  return "<section class=\"card\"><h2>Failed calls by day</h2>\n"
+         "<p class=\"muted\">They say something about the network and the endpoint, not about the sites, and are left "
+         "out "
+         "of the verdicts.</p>\n" +
+         scrolling("Failed calls by day", failures_table(failures)) + "</section>\n";
 }
 
 std::string overview(const Report& report, bool split) {

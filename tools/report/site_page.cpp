@@ -51,10 +51,10 @@ std::string evidence_of(const ModelTally& t, const Criteria& criteria) {
                    t.evidence.places, criteria.confidence, Criteria::least_near) +
       evidence_row("missions that succeeded", t.evidence.missions, criteria.confidence, criteria.mission_success);
   if (rows.empty()) return {};
-  return "<div class=\"wide\"><table><caption>Evidence</caption><thead><tr><th scope=\"col\">what</th><th "
-         "scope=\"col\">count"
-         "</th><th scope=\"col\">share</th><th scope=\"col\">what it can be, and the bar</th></tr></thead><tbody>\n" +
-         rows + "</tbody></table></div>\n";
+  const std::string head =
+      "<table><caption>Evidence</caption><thead><tr><th scope=\"col\">what</th><th scope=\"col\">count</th>"
+      "<th scope=\"col\">share</th><th scope=\"col\">what it can be, and the bar</th></tr></thead><tbody>\n";
+  return scrolling("Evidence", head + rows + "</tbody></table>\n");
 }
 
 std::string endings_of(const ModelTally& t) {
@@ -138,6 +138,11 @@ std::string model_section(const ModelReport& model, bool alone, const std::strin
 }
 
 }  // namespace
+
+std::string scrolling(std::string_view name, const std::string& table) {
+  return "<div class=\"wide\" tabindex=\"0\" role=\"region\" aria-label=\"" + escaped(name) + "\">" + table +
+         "</div>\n";
+}
 
 std::string pill(Verdict verdict) {
   const char* kind = verdict == Verdict::promote ? "good" : verdict == Verdict::demote ? "bad" : "open";

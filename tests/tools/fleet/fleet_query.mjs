@@ -7,7 +7,7 @@ import {pathToFileURL} from 'node:url';
 
 const [guide, report, duckdb] = process.argv.slice(2);
 const {DuckDBInstance} = await import(pathToFileURL(duckdb));
-const [, query] = /<!-- fleet -->\n```sql\n(.*?)```/s.exec(readFileSync(guide, 'utf8'));
+const [, query] = /<!-- run by tests\/tools\/fleet\/run.sh -->\n```sql\n(.*?)```/s.exec(readFileSync(guide, 'utf8'));
 
 const connection = await (await DuckDBInstance.create(':memory:')).connect();
 let rows;
