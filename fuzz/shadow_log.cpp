@@ -1,5 +1,5 @@
-// Whatever stands in a log, a line that is taken for a record is the JSON object that
-// another parser reads, and the report of all lines adds up and is JSON.
+// Whatever a log contains, a line accepted as a record is the JSON object that another
+// parser reads, and the report of all lines is consistent and valid JSON.
 #include "fuzz/input.hpp"
 #include "tools/report/json_report.hpp"
 #include "tools/report/words.hpp"
@@ -15,12 +15,12 @@ void check_record(const report::Record& record, std::string_view line) {
   require(value.at("ts").as_string() == record.ts_text, "the time's text");
   const bool leap_second = record.ts_text.substr(17, 2) == "60";
   require(leap_second || report::timestamp(record.ts) == record.ts_text, "the time");
-  require(record.proposal || record.failure || !record.terminal.empty(), "something became of the call");
+  require(record.proposal || record.failure || !record.terminal.empty(), "the call has an outcome");
 }
 
 void check_sums(const report::ModelTally& tally) {
   const auto& evidence = tally.evidence;
-  require(evidence.agreement.trials == tally.by_truth + tally.by_text + tally.by_label, "events are judged in one way");
+  require(evidence.agreement.trials == tally.by_truth + tally.by_text + tally.by_label, "every event is judged in one way");
   require(evidence.places.trials + evidence.unplaced_clicks <= evidence.agreement.hits,
           "only agreeing events have places");
   require(evidence.missions.trials <= tally.missions_ended, "missions that count are missions");

@@ -7,15 +7,15 @@
 namespace tools {
 
 /// A bar on standard error while something long is read. Silent when standard error
-/// is no terminal; drawn after half a second at the earliest, and then ten times a
+/// is not a terminal; drawn after half a second at the earliest, and then ten times a
 /// second at most.
 class Progress {
  public:
-  /// Without a total it counts instead.
+  /// Without a total it shows the count only.
   explicit Progress(std::optional<std::uint64_t> total);
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
-  /// Takes the bar away.
+  /// Erases the bar.
   ~Progress();
 
   void at(std::uint64_t bytes);

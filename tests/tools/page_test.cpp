@@ -86,7 +86,7 @@ TEST_F(ReportPage, IsJudgedByKeysAndItsLabelsCount) {
 }
 
 TEST_F(ReportPage, IsSafeAndReadable) {
-  EXPECT_EQ(on_page("document.title"), "\"When may it act?\"") << "text from the log is no markup";
+  EXPECT_EQ(on_page("document.title"), "\"When may it act?\"") << "text from the log is not markup";
   EXPECT_EQ(on_page("document.querySelectorAll('img').length"), "0");
   EXPECT_EQ(on_page("performance.getEntriesByType('resource').length"), "0") << "nothing is loaded";
   EXPECT_EQ(on_page("document.querySelectorAll('figure').length"), "1");

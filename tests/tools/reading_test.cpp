@@ -120,11 +120,11 @@ TEST_F(Reading, FindsFilesByGlobOnce) {
   EXPECT_THAT(error_of([&] { read({folder + "/none"}); }), HasSubstr("none: No such file"));
 }
 
-TEST_F(Reading, RefusesLabelsAndPricesThatAreNone) {
+TEST_F(Reading, RefusesMalformedLabelsAndPrices) {
   const std::string good = R"({"run_id": null, "hotspot_id": "s", "ts": "2026-11-16T19:05:00Z", "label": "agree"})"
                            "\n";
   const std::pair<const char*, const char*> labels[] = {
-      {"{", ":2: no label: not a JSON object"},
+      {"{", ":2: not a label: not a JSON object"},
       {R"({"hotspot_id": "s", "ts": "today", "label": "agree"})", "ts is \"today\""},
       {R"({"ts": "2026-11-16T19:05:00Z", "label": "agree"})", "no text \"hotspot_id\""},
       {R"({"hotspot_id": "s", "ts": "2026-11-16T19:05:00Z", "label": "yes"})", "label is \"yes\""}};
@@ -207,7 +207,7 @@ TEST(Compare, JudgesVerbAndPlace) {
     EXPECT_EQ(found.same_place, row.same_place) << row.name;
     EXPECT_NEAR(found.distance_px.value_or(-1), row.distance.value_or(-1), 0.1) << row.name;
   }
-  EXPECT_FALSE(compare({}, {}, {})) << "nothing was said of what was right";
+  EXPECT_FALSE(compare({}, {}, {})) << "no truth was recorded";
 }
 
 TEST(FirstAction, IsAVerbAPlaceAndAColon) {
@@ -392,7 +392,7 @@ TEST_F(Counting, LeavesOutWhatIsFilteredOut) {
   add("\"source\": \"dom_success\", \"dom_ground_truth\": {}, " + proposal("click"), noon);
   add(R"("source": "dom_success", "dom_ground_truth": {}, "vision": {"action": "click", "model": "other"})", noon);
   EXPECT_EQ(tally().counted(), 2);
-  EXPECT_EQ(model().evidence.agreement.trials, 1) << "an empty truth is none";
+  EXPECT_EQ(model().evidence.agreement.trials, 1) << "an empty truth does not count";
   EXPECT_EQ(model().evidence.unplaced_clicks, 1);
   EXPECT_EQ(tally().sites().at("s").models.size(), 1u);
 }

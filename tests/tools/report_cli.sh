@@ -27,10 +27,10 @@ check() {
 check 1 "site-0: NOT YET" report log.jsonl
 [ "$(stat -c %a report.html)" = 600 ] || fail "the page is not private"
 check 0 "site-50: PROMOTE" report log.jsonl --site site-50
-check 1 "nowhere: INCONCLUSIVE: no record of it" report log.jsonl --site site-50 --site nowhere
+check 1 "nowhere: INCONCLUSIVE: no record in the logs" report log.jsonl --site site-50 --site nowhere
 check 1 "site-50: NOT YET" report log.jsonl --site site-50 --agreement 0.99
-check 1 "leave no record" report log.jsonl --since 2027-01-01
-check 1 "6 lines that are no records were skipped" report log.jsonl '*.gz' --split --out pages
+check 1 "leave no records" report log.jsonl --since 2027-01-01
+check 1 "skipped 6 lines that are not records" report log.jsonl '*.gz' --split --out pages
 [ -s pages/index.html ] && [ "$(find pages -name 'site-*.html' | wc -l)" -eq 51 ] || fail "not a page for every site"
 "$vision" report - --json <log.jsonl >report.json 2>output
 [ "$(jq .input.records report.json)" = 3000 ] || fail "standard input is not read"

@@ -138,7 +138,7 @@ TEST(Decide, SaysWhatTheEvidenceAllows) {
       {"missions outweigh events",
        {.agreement = {30, 30}, .places = {30, 30}, .missions = {0, 5}},
        Verdict::demote,
-       "0 of 5 missions succeeded, at most 46 % would"},
+       "0 of 5 missions succeeded (at most 46 %)"},
       {"too few missions to demote", {.agreement = {14, 14}, .missions = {0, 4}}, Verdict::promote, "actions agree"},
   };
   for (const auto& row : rows) {

@@ -1,6 +1,6 @@
 #pragma once
 
-/// The files beside this one that are compiled in.
+/// Files of this folder that are compiled in.
 namespace report::built_in {
 
 extern const char* const prices;  ///< prices.json

@@ -7,7 +7,7 @@
 
 namespace report {
 
-/// What the caller gave cannot be used. The message names it and says why.
+/// Bad input from the caller. The message names the value and says what is wrong.
 class InputError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -24,9 +24,9 @@ class ByteSource {
   virtual std::uint64_t consumed() const = 0;
 };
 
-/// Opens a file, or standard input for "-". Gzip and Zstandard are told by their
-/// first bytes, whatever the name; members that follow each other are read as one
-/// stream. Throws InputError when it cannot be opened, or is a folder.
+/// Opens a file, or standard input for "-". Gzip and Zstandard are recognised
+/// by their first bytes, whatever the name; several members in a row are read as one
+/// stream. Throws InputError when the file cannot be opened, or is a folder.
 std::unique_ptr<ByteSource> open_source(const std::string& path);
 
 }  // namespace report

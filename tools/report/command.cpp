@@ -80,13 +80,12 @@ Viewport parse_viewport(const std::string& text) {
 void complain_of(const Report& report) {
   const InputStats& input = report.input;
   for (const auto& damaged : input.damaged) {
-    fmt::print(stderr, "vision: warning: {}; what came before it is counted\n", damaged);
+    fmt::print(stderr, "vision: warning: {}; the records before the damage are counted\n", damaged);
   }
-  if (input.skipped > 0) fmt::print(stderr, "vision: {} lines that are no records were skipped\n", input.skipped);
+  if (input.skipped > 0) fmt::print(stderr, "vision: skipped {} lines that are not records\n", input.skipped);
   if (report.counted > 0) return;
-  fmt::print(
-      stderr, "vision: {}\n",
-      input.records == 0 ? "there is no record in what was read" : "--since, --site and --model leave no record");
+  fmt::print(stderr, "vision: {}\n",
+             input.records == 0 ? "the input holds no records" : "--since, --site and --model leave no records");
 }
 
 int run(Arguments& a) {
@@ -112,6 +111,7 @@ int run(Arguments& a) {
   tally.finish();
 
   Report report = make_report(tally, a.tally, a.criteria, prices);
+  add_looking_costs(report);
   report.created = now;
   report.input = input;
   report.labels = {labels.size(), labels.unused(), labels.ambiguous()};
@@ -132,7 +132,7 @@ int run(Arguments& a) {
 
 std::function<int()> add_command(CLI::App& app) {
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* command = app.add_subcommand("report", "Says from shadow logs which sites may act, and shows why.");
+  CLI::App* command = app.add_subcommand("report", "Judges from shadow logs which sites may act, and shows why.");
   command->footer("\nExit status: 0 when every site (or every --site) is PROMOTE, 1 when not, 2 for bad input.");
   add_options(*command, *arguments);
   return [arguments] { return run(*arguments); };

@@ -10,7 +10,7 @@
 
 namespace report {
 
-/// What a failed call is counted as: "time-out", "transport error: RateLimitError",
+/// The kind under which a failed call is counted: "time-out", "transport error: RateLimitError",
 /// "refusal: BadRequestError" (the endpoint answered and said no), "no tool call",
 /// "call budget spent", "unexpected error: KIND", or "page: KIND" for what failed
 /// before the call.
@@ -28,7 +28,7 @@ struct Ending {
   Counts counts;
 };
 
-/// Told from a mission's final record and whether its last call failed.
+/// How a mission ended, by its final record and whether its last call failed.
 const Ending& mission_ending(const Record& final_record, bool last_call_failed);
 
 /// Failures per day and kind. Holds at most 64 kinds; more are "other".

@@ -15,7 +15,7 @@ namespace report {
 struct Picture {
   enum class State {
     found,
-    none,       ///< no fixture is near
+    none,       ///< no fixture was stored at that time
     ambiguous,  ///< several fixtures fit, or the fixture fits several records
   };
   State state = State::none;
@@ -25,7 +25,7 @@ struct Picture {
 /// The seconds in which the screenshot of a record can have been stored, both ends
 /// included: the record's time less what the model took, or the agent, as a
 /// miss-path record waits for both. Both times are whole seconds, which alone makes
-/// two candidates. When the agent failed, nobody knows how long it took: the last
+/// two candidates. When the agent failed, its duration is unknown: the last
 /// ten minutes.
 struct StoredBetween {
   std::int64_t first, last;
@@ -33,21 +33,21 @@ struct StoredBetween {
 };
 StoredBetween stored_between(const Moment& moment);
 
-/// Screenshots named SITE/RUN_SECONDS.png below a folder. A record and a picture
-/// belong together when no other record and no other picture come into question.
+/// Screenshots named SITE/RUN_SECONDS.png below a folder. A record and a picture are
+/// paired when no other record and no other picture could be.
 class Fixtures {
  public:
-  /// Reads the names below `folder`. Throws InputError when it is none.
+  /// Reads the names below `folder`. Throws InputError when it cannot be read.
   explicit Fixtures(const std::string& folder);
 
-  /// Says that a record wants its picture. To be called for every record before
+  /// Registers that a record may have a picture. Call it for every record before
   /// the first `find`.
   void claim(const Moment& moment);
   Picture find(const Moment& moment) const;
 
   /// The pictures of a mission's steps. When there are as many pictures as steps in
-  /// the mission's time, they belong together in their order; else each step stands
-  /// alone.
+  /// the mission's time, they are paired in order; otherwise each step is paired
+  /// on its own.
   std::vector<Picture> find(const Mission& mission) const;
 
   std::int64_t size() const { return size_; }

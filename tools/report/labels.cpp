@@ -55,7 +55,7 @@ void Labels::load(const std::string& path) {
     try {
       if (!line.empty()) add(line);
     } catch (const std::runtime_error& error) {
-      throw InputError(path + ":" + std::to_string(number) + ": no label: " + error.what());
+      throw InputError(path + ":" + std::to_string(number) + ": not a label: " + error.what());
     }
   }
 }

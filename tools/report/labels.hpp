@@ -19,15 +19,15 @@ class Labels {
   };
 
   /// Adds a file's labels; a later label for the same record replaces an earlier
-  /// one. Throws InputError with the line number for what is no label.
+  /// one. Throws InputError with the line number when a line is not a label.
   void load(const std::string& path);
 
   /// The label of a record; null without one. Counts the use.
   Label* find(const std::optional<std::string_view>& run, std::string_view site, std::string_view ts);
 
   std::int64_t size() const { return static_cast<std::int64_t>(labels_.size()); }
-  std::int64_t unused() const;     ///< labels that no record has
-  std::int64_t ambiguous() const;  ///< labels that several records share: they count for none
+  std::int64_t unused() const;     ///< labels that match no record
+  std::int64_t ambiguous() const;  ///< labels that match several records: they are ignored
 
  private:
   void add(std::string_view line);

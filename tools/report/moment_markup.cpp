@@ -34,7 +34,7 @@ std::string when(const Moment& m) {
   return timestamp(m.ts) + (m.run ? " · run " + *m.run : "");
 }
 
-// What stands in the picture, in words; and the words again for who sees it.
+// The picture with its marks, and the same in words for readers who do not see it.
 html::Screenshot shot(const Moment& m, const std::string& id, vision::Bytes png) {
   html::Screenshot out;
   out.id = id;

@@ -12,7 +12,7 @@ namespace report {
 /// A disagreement: the picture, what was proposed, and what was right.
 std::string disagreement(const Moment& moment, const std::string& id, PictureReader& pictures);
 
-/// A proposal that waits to be judged: the picture, the proposal and the agent's
+/// A proposal to be judged by eye: the picture, the proposal and the agent's
 /// text side by side, with the choice that the page's script makes usable.
 std::string question(const Moment& moment, const std::string& id, PictureReader& pictures);
 

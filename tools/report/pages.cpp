@@ -52,10 +52,10 @@ std::string facts_of(const Report& report) {
 std::string warnings_of(const Report& report) {
   std::string out;
   const auto warn = [&out](const std::string& text) { out += "<p class=\"warning\">" + escaped(text) + "</p>\n"; };
-  for (const auto& damaged : report.input.damaged) warn(damaged + "; what came before it is counted.");
-  if (report.labels.unused > 0) warn(counted(report.labels.unused, "label") + " fit no record that was read.");
+  for (const auto& damaged : report.input.damaged) warn(damaged + "; the records before the damage are counted.");
+  if (report.labels.unused > 0) warn(counted(report.labels.unused, "label") + " match no record.");
   if (report.labels.ambiguous > 0) {
-    warn(counted(report.labels.ambiguous, "label") + " fit several records of the same second, and count for none.");
+    warn(counted(report.labels.ambiguous, "label") + " match several records of the same second and are ignored.");
   }
   for (const auto& model : report.unpriced_models)
     warn("No price for " + model + ": its cost is left out. See --prices.");

@@ -27,13 +27,13 @@ std::vector<PictureReader::Loaded> PictureReader::of(const Mission& mission) {
 
 PictureReader::Loaded PictureReader::load(const Picture& picture) {
   switch (picture.state) {
-    case Picture::State::none: return {{}, "No screenshot was stored at this time."};
+    case Picture::State::none: return {{}, "No screenshot was stored for this record."};
     case Picture::State::ambiguous:
-      return {{}, "Several screenshots fit this record, or this one fits several records: none is shown."};
+      return {{}, "Ambiguous: several screenshots match this record, or several records match the screenshot."};
     case Picture::State::found: break;
   }
   if (bytes_ >= most_bytes) {
-    return {{}, "Left out: the page has 64 MB of pictures already. --split makes a page for every site."};
+    return {{}, "Left out: the page already holds 64 MB of pictures. Use --split for a page per site."};
   }
   std::ifstream file(picture.path, std::ios::binary);
   std::ostringstream content;

@@ -47,7 +47,7 @@ Prices Prices::parse(std::string_view text, const std::string& source) {
   }
   for (const auto& [name, value] : models->get_object()) {
     const std::string model(name);
-    if (!value.is_object()) throw std::runtime_error("\"" + model + "\" is no object with input and output");
+    if (!value.is_object()) throw std::runtime_error("\"" + model + "\" is not an object with input and output");
     out.models_[model] = {price(value.get_object(), model, "input"), price(value.get_object(), model, "output")};
   }
   return out;
@@ -64,7 +64,7 @@ Prices Prices::load(const std::string& path) {
   try {
     return parse(text.str(), path);
   } catch (const std::runtime_error& error) {
-    throw InputError(path + ": no price table: " + error.what());
+    throw InputError(path + ": not a price table: " + error.what());
   }
 }
 

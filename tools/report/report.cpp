@@ -8,7 +8,7 @@ namespace report {
 namespace {
 
 Judgement judge_site(const SiteReport& site) {
-  if (site.tally == nullptr) return {Verdict::inconclusive, "no record of it"};
+  if (site.tally == nullptr) return {Verdict::inconclusive, "no record in the logs"};
   if (site.models.empty()) {
     std::int64_t failed = 0;
     for (const auto& [kind, count] : site.tally->failures.by_kind()) failed += count;
@@ -37,13 +37,6 @@ void add_cost(Report& report, const ModelReport& model) {
       std::find(unpriced.begin(), unpriced.end(), model.name) == unpriced.end()) {
     unpriced.push_back(model.name);
   }
-}
-
-void add_looking(Report& report) {
-  for (const std::int64_t events : {20, 50, 100, 200}) {
-    report.looking.push_back(looking_cost(events, report.criteria.agreement, report.criteria));
-  }
-  report.confidence_for_looking = confidence_for_looking(report.looking.back().events, report.criteria);
 }
 
 }  // namespace
@@ -78,8 +71,14 @@ Report make_report(const Tally& tally, const TallyOptions& options, const Criter
     report.sites.push_back(std::move(missing));
   }
   std::sort(report.sites.begin(), report.sites.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
-  add_looking(report);
   return report;
+}
+
+void add_looking_costs(Report& report) {
+  for (const std::int64_t events : {20, 50, 100, 200}) {
+    report.looking.push_back(looking_cost(events, report.criteria.agreement, report.criteria));
+  }
+  report.confidence_for_looking = confidence_for_looking(report.looking.back().events, report.criteria);
 }
 
 }  // namespace report

@@ -21,7 +21,7 @@ struct ModelReport {
 /// A site, judged by the least favourable of its models.
 struct SiteReport {
   std::string name;
-  const SiteTally* tally = nullptr;  ///< null for a site that was asked for and is in no record
+  const SiteTally* tally = nullptr;  ///< null for a --site without a record
   Judgement judgement;
   std::vector<ModelReport> models;  ///< by name
 };
@@ -35,12 +35,12 @@ struct Report {
   std::int64_t counted = 0, unfinished_missions = 0;
   struct LabelCounts {
     std::int64_t read = 0;
-    std::int64_t unused = 0;     ///< that no record has
-    std::int64_t ambiguous = 0;  ///< that several records share
+    std::int64_t unused = 0;     ///< match no record
+    std::int64_t ambiguous = 0;  ///< match several records
   } labels;
   std::string prices_as_of, prices_source;
   double usd = 0;                            ///< of the models that have a price
-  std::vector<std::string> unpriced_models;  ///< that took tokens and have none
+  std::vector<std::string> unpriced_models;  ///< that used tokens and have none
   std::vector<SiteReport> sites;             ///< by name
   FailureCounts failures;
   std::vector<LookingCost> looking;              ///< of a site at exactly the bar
@@ -51,7 +51,9 @@ struct Report {
 };
 
 /// Judges what was counted. The tally must outlive the report.
-/// `options.sites`' names that it lacks.
 Report make_report(const Tally& tally, const TallyOptions& options, const Criteria& criteria, const Prices& prices);
+
+/// Computes what repeated looking costs under the report's criteria.
+void add_looking_costs(Report& report);
 
 }  // namespace report

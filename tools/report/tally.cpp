@@ -91,8 +91,8 @@ void Tally::count_event(ModelTally& model, Moment moment, const Comparison& comp
   model.worst.add(std::move(moment));
 }
 
-// The mission that a record belongs to. Records of missions that run at the same
-// time at one site in one run cannot be told apart, but by their numbers of steps.
+// The mission that a record belongs to. Missions that run at the same time at one
+// site in one run cannot be told apart; a step number that does not grow begins a new one.
 Tally::Open& Tally::open_mission(const Record& record) {
   std::string key = std::string(record.site) + '\0' + std::string(record.run.value_or(""));
   auto found = open_by_key_.find(key);

@@ -27,7 +27,7 @@ struct TallyOptions {
   std::size_t worst = 10, to_judge = 40, missions = 3;  ///< shown per site and model
 };
 
-/// What one model did at one site.
+/// The counts of one model at one site.
 struct ModelTally {
   explicit ModelTally(const TallyOptions& options)
       : worst(options.worst), to_judge(options.to_judge), missions(options.missions) {}
@@ -48,7 +48,7 @@ struct ModelTally {
   Greatest<Mission> missions;
 };
 
-/// What happened at one site.
+/// The counts of one site.
 struct SiteTally {
   std::map<std::string, ModelTally> models;
   std::int64_t records = 0;
@@ -64,8 +64,8 @@ class Tally {
   Tally(const TallyOptions& options, Labels& labels, Fixtures* fixtures);
 
   void add(const Record& record);
-  /// To be called once, after the last record: labels count from here on, and
-  /// missions without an end are let go.
+  /// Call it once, after the last record: applies the labels and drops missions
+  /// without an end.
   void finish();
 
   const std::map<std::string, SiteTally, std::less<>>& sites() const { return sites_; }

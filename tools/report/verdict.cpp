@@ -34,7 +34,7 @@ Judgement below(const Share& share, double bar, const Criteria& criteria, const 
 Judgement without_events(const Evidence& evidence) {
   if (evidence.unjudged > 0) {
     return {Verdict::inconclusive, "nothing judged yet; " + counted(evidence.unjudged, "proposal") +
-                                       " can be judged by eye in the report, or with --labels"};
+                                       " can be judged by eye in the report or with --labels"};
   }
   if (evidence.missions.trials > 0) {
     return {Verdict::inconclusive, "it acts (" + of(evidence.missions) +
@@ -59,8 +59,8 @@ Judgement decide(const Evidence& evidence, const Criteria& criteria) {
   const Share& missions = evidence.missions;
   const double most_missions = upper_bound(missions, criteria.confidence);
   if (missions.trials > 0 && most_missions < criteria.mission_success) {
-    return {Verdict::demote, of(missions) + " missions succeeded, at most " + percent_at_most(most_missions) +
-                                 " would; below " + percent(criteria.mission_success) +
+    return {Verdict::demote, of(missions) + " missions succeeded (at most " + percent_at_most(most_missions) +
+                                 "); below " + percent(criteria.mission_success) +
                                  " the site mostly pays for vision and for the agent"};
   }
 

@@ -15,12 +15,12 @@ enum class Verdict { demote, inconclusive, not_yet, promote };
 /// "PROMOTE", "NOT YET", "INCONCLUSIVE" or "DEMOTE".
 std::string_view name(Verdict verdict);
 
-/// What one model showed at one site.
+/// What is known of one model at one site.
 struct Evidence {
   Share agreement{};                 ///< of the action, among the events that could be judged
   Share places{};                    ///< of the place, among agreeing actions whose true place is known
   std::int64_t unplaced_clicks = 0;  ///< agreeing clicks whose true place is not known
-  std::int64_t unjudged = 0;         ///< proposals beside which nothing says what was right
+  std::int64_t unjudged = 0;         ///< proposals for which nothing records what was right
   Share missions{};                  ///< that succeeded, among those that say something about the site
 };
 
@@ -31,10 +31,10 @@ struct Judgement {
   std::optional<std::int64_t> events_needed{};  ///< with not_yet, when more agreeing events are all that is missing
 };
 
-/// What the evidence allows. In this order: missions that mostly fail demote; a
-/// share that is clearly below its bar (by the upper bound) is not yet good enough;
-/// one that may be on either side is inconclusive; one above its bar needs either
-/// nothing more, or more events of the same kind.
+/// The verdict, by the first rule that applies: missions that mostly fail demote; a
+/// share clearly below its bar (by the upper bound) is not yet; a share that may be
+/// on either side is inconclusive; above the bar, the site is promoted when there are
+/// enough events and not yet when there are too few.
 Judgement decide(const Evidence& evidence, const Criteria& criteria);
 
 }  // namespace report

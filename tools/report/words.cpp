@@ -1,6 +1,5 @@
 #include "tools/report/words.hpp"
 
-#include <fmt/chrono.h>
 #include <fmt/core.h>
 
 #include <chrono>
@@ -37,7 +36,14 @@ std::string dollars(double amount) {
 }
 
 std::string timestamp(std::int64_t unix_seconds) {
-  return fmt::format("{:%FT%TZ}", std::chrono::sys_seconds(std::chrono::seconds(unix_seconds)));
+  // Not by fmt's chrono formats: they count in nanoseconds, which overflow in the year 2262.
+  const std::chrono::sys_seconds at{std::chrono::seconds(unix_seconds)};
+  const auto midnight = std::chrono::floor<std::chrono::days>(at);
+  const std::chrono::year_month_day date(midnight);
+  const std::chrono::hh_mm_ss time(at - midnight);
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", static_cast<int>(date.year()),
+                     static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), time.hours().count(),
+                     time.minutes().count(), time.seconds().count());
 }
 
 std::string day(std::int64_t unix_seconds) {
