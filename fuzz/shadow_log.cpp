@@ -20,7 +20,8 @@ void check_record(const report::Record& record, std::string_view line) {
 
 void check_sums(const report::ModelTally& tally) {
   const auto& evidence = tally.evidence;
-  require(evidence.agreement.trials == tally.by_truth + tally.by_text + tally.by_label, "every event is judged in one way");
+  require(evidence.agreement.trials == tally.by_truth + tally.by_text + tally.by_label,
+          "every event is judged in one way");
   require(evidence.places.trials + evidence.unplaced_clicks <= evidence.agreement.hits,
           "only agreeing events have places");
   require(evidence.missions.trials <= tally.missions_ended, "missions that count are missions");
