@@ -3,7 +3,7 @@
 #include <fmt/core.h>
 
 #include <CLI/CLI.hpp>
-#include <chrono>
+#include <cstdio>
 #include <ctime>
 #include <memory>
 
@@ -116,10 +116,10 @@ int run(Arguments& a) {
   report.input = input;
   report.labels = {labels.size(), labels.unused(), labels.ambiguous()};
   complain_of(report);
-  if (a.json)
-    fmt::print("{}", json_report(report, fixtures.get()));
-  else
-    fmt::print("{}", text_report(report));
+  const std::string output = a.json ? json_report(report, fixtures.get()) : text_report(report);
+  if (std::fwrite(output.data(), 1, output.size(), stdout) != output.size() || std::fflush(stdout) != 0) {
+    throw std::runtime_error("cannot write to standard output");
+  }
   if (!a.json || !a.out.empty()) {
     const std::string out = !a.out.empty() ? a.out : a.split ? "report" : "report.html";
     const std::string first_page = write_pages(report, fixtures.get(), out, a.split);

@@ -241,7 +241,8 @@ std::string json_report(const Report& report, const Fixtures* fixtures) {
     if (&one != &report.sites.front()) out += ", ";
     vision::text::append_json(out, site(one, report.criteria.confidence, fixtures));
   }
-  return out + "]}\n";
+  out += "]}\n";
+  return out;
 }
 
 }  // namespace report

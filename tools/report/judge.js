@@ -15,6 +15,7 @@
   const status = document.createElement('span');
   status.setAttribute('role', 'status');
   const help = document.createElement('span');
+  help.className = 'keys';
   help.innerHTML = '<kbd>A</kbd> agree, <kbd>D</kbd> disagree, <kbd>S</kbd> skip, <kbd>J</kbd> <kbd>K</kbd> next and previous';
   const save = document.createElement('button');
   save.type = 'button';
