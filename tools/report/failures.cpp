@@ -104,8 +104,8 @@ void FailureCounts::add(std::int64_t unix_seconds, const std::string& kind, std:
   by_day_[unix_seconds / seconds_a_day][known] += count;
 }
 
-void FailureCounts::add(const FailureCounts& other) {
-  for (const auto& [day, kinds] : other.by_day_) {
+void FailureCounts::add(const FailureCounts& counts) {
+  for (const auto& [day, kinds] : counts.by_day_) {
     for (const auto& [kind, count] : kinds) add(day * seconds_a_day, kind, count);
   }
 }
