@@ -17,7 +17,7 @@ namespace asio = boost::asio;
 /// An event loop in virtual time.
 class MemoryWorld {
  public:
-  MemoryWorld() : time(std::make_shared<test::VirtualTime>(io)) { runtime::install_time_source(io, time); }
+  MemoryWorld() : time(std::make_shared<test::VirtualTime>()) { runtime::install_time_source(io, time); }
   asio::io_context io;
   std::shared_ptr<test::VirtualTime> time;
 

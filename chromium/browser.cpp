@@ -13,7 +13,7 @@
 #include "chromium/protocol/pipe_transport.hpp"
 #include "chromium/protocol/session.hpp"
 #include "chromium/protocol/websocket_transport.hpp"
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/error_text.hpp"
 #include "vision/text/internal/utf8.hpp"
 
@@ -118,7 +118,7 @@ asio::awaitable<void> Browser::close_our_pages() {
 
 asio::awaitable<void> Browser::close() {
   if (!process_ && !connection_->ended()) {
-    (void)co_await runtime::settle(runtime::done(close_our_pages()));
+    (void)co_await runtime::try_await(close_our_pages());
   }
   connection_->close();
   if (process_) co_await process_->stop();
@@ -131,7 +131,7 @@ asio::awaitable<std::shared_ptr<Browser>> launch(LaunchOptions options) {
   auto connection = Connection::open(executor, std::move(transport), options.command_timeout());
   const std::shared_ptr<Browser> browser(new Browser(std::move(process), std::move(connection)));
   auto asked = browser->session_->call("Browser.getVersion", json::object(), options.launch_timeout());
-  const auto outcome = co_await runtime::settle(std::move(asked));
+  const auto outcome = co_await runtime::try_await(std::move(asked));
   if (outcome.error()) {
     const std::string words = browser->process_->last_words();
     throw BrowserError("the browser " + options.executable() + " did not start: " +

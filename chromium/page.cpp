@@ -9,7 +9,7 @@
 #include "chromium/protocol/fields.hpp"
 #include "chromium/protocol/remote_value.hpp"
 #include "chromium/protocol/session.hpp"
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/utf8.hpp"
 
 namespace vision::chromium {
@@ -60,7 +60,7 @@ asio::awaitable<void> ChromiumPage::measure() {
   auto asked =
       session_->call("Runtime.evaluate",
                      fields("expression", "({width: innerWidth, height: innerHeight})", "returnByValue", true), limit);
-  auto outcome = co_await runtime::settle(std::move(asked));
+  auto outcome = co_await runtime::try_await(std::move(asked));
   if (!outcome.has_value() || outcome.value().contains("exceptionDetails")) co_return;
   const json::value size = evaluated_value(std::move(outcome.value()));
   if (size.is_object() && size.get_object().contains("width")) viewport_ = size.get_object();
@@ -126,9 +126,9 @@ asio::awaitable<void> ChromiumPage::close() {
   if (session_->ended()) co_return;
   Waiter end(session_);
   auto asked = browser_->call("Target.closeTarget", fields("targetId", target_id_));
-  const auto outcome = co_await runtime::settle(std::move(asked));
+  const auto outcome = co_await runtime::try_await(std::move(asked));
   if (!session_->ended() && outcome.error()) std::rethrow_exception(outcome.error());
-  const auto waited = co_await runtime::settle(runtime::done(end.wait(session_->limit(), "page.close")));
+  const auto waited = co_await runtime::try_await(end.wait(session_->limit(), "page.close"));
   if (!session_->ended() && waited.error()) std::rethrow_exception(waited.error());
 }
 

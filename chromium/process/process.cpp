@@ -19,7 +19,7 @@
 
 #include "chromium/errors.hpp"
 #include "chromium/process/command_line.hpp"
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/runtime/internal/one_shot.hpp"
 
 namespace vision::chromium {
@@ -212,13 +212,13 @@ asio::awaitable<void> BrowserProcess::stop() {
   boost::system::error_code ignored;
   pipe_.close(ignored);
   for (int attempt = 0; attempt < 2; ++attempt) {
-    auto end = runtime::done(ended_.async_wait(asio::posix::stream_descriptor::wait_read, asio::use_awaitable));
+    auto end = ended_.async_wait(asio::posix::stream_descriptor::wait_read, asio::use_awaitable);
     const auto outcome = co_await runtime::with_deadline(std::move(end), grace);
     if (!outcome.timed_out()) break;
     lifeline_.close(ignored);  // the supervisor kills it
   }
   end_supervisor();
-  (void)co_await runtime::with_deadline(runtime::done(words_->wait_for_end()), grace);
+  (void)co_await runtime::with_deadline(words_->wait_for_end(), grace);
   remove_profile();
 }
 

@@ -8,7 +8,7 @@
 #include "chromium/protocol/fields.hpp"
 #include "chromium/protocol/message.hpp"
 #include "chromium/protocol/remote_value.hpp"
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/json_text.hpp"
 
 namespace vision::chromium {
@@ -63,7 +63,7 @@ void Waiter::fail(std::exception_ptr error) {
 }
 
 asio::awaitable<void> Waiter::wait(runtime::Duration limit, std::string what) {
-  auto outcome = co_await runtime::with_deadline(runtime::done(done_.wait()), limit);
+  auto outcome = co_await runtime::with_deadline(done_.wait(), limit);
   if (outcome.timed_out()) {
     throw CommandTimeout(what, std::chrono::duration_cast<std::chrono::milliseconds>(limit).count());
   }

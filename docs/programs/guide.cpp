@@ -101,11 +101,13 @@ asio::awaitable<std::string> share(vision::BrowserPage& page, int& runs) {
     return computer_use_agent(on);
   };
   const auto outcome = co_await vision::with_vision_fallback(page, std::move(step), options, std::move(agent));
-  switch (outcome.index()) {
-    case 0: co_return std::get<0>(outcome);         // the step's own value, of the first or the second run
-    case 1: co_return std::get<1>(outcome).reason;  // vision's declare_success
-    default: co_return std::string(std::get<2>(outcome).at("text").as_string());  // the agent's value
+  switch (outcome.way()) {
+    case vision::FallbackWay::step:
+    case vision::FallbackWay::rescued: co_return outcome.step();
+    case vision::FallbackWay::verdict: co_return outcome.verdict().reason;  // vision's declare_success
+    case vision::FallbackWay::agent: break;
   }
+  co_return std::string(outcome.agent().at("text").as_string());
 }
 // [fallback]
 

@@ -11,7 +11,7 @@
 #include "examples/demo/recording_page.hpp"
 #include "examples/local_model/local_model.hpp"
 #include "vision/client/http/http_messages_client.hpp"
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/wirein/act_loop.hpp"
 
 namespace demo {
@@ -89,7 +89,7 @@ asio::awaitable<MissionEnd> run_mission(DemoOptions options, ModelChoice model, 
   end.metrics = vision.metrics;
   end.expected = app.answer();
   end.invited_rightly = app.only_invited(invited_board, invited_person);
-  co_await vision::runtime::settle(vision::runtime::done(browser->close()));
+  co_await vision::runtime::try_await(browser->close());
   co_return end;
 }
 

@@ -8,7 +8,7 @@
 #include "examples/local_model/decide.hpp"
 #include "examples/local_model/ocr.hpp"
 #include "examples/local_model/request_check.hpp"
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/error_text.hpp"
 
 namespace local_model {

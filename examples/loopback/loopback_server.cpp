@@ -14,7 +14,7 @@
 #include <chrono>
 #include <list>
 
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 
 namespace loopback {
 namespace {
@@ -98,7 +98,7 @@ struct LoopbackServer::State : std::enable_shared_from_this<State> {
         response.keep_alive(false);
       } else {
         const Request request = parser.release();
-        auto outcome = co_await vision::runtime::settle(self->handler(request));
+        auto outcome = co_await vision::runtime::try_await(self->handler(request));
         response = outcome.has_value() ? std::move(outcome.value()) : self->refuse(http::status::internal_server_error);
         response.keep_alive(request.keep_alive());
       }
@@ -107,7 +107,7 @@ struct LoopbackServer::State : std::enable_shared_from_this<State> {
       const auto [write_error, size] = co_await http::async_write(connection->socket, response, no_throw);
       if (write_error) co_return;
     }
-    co_await vision::runtime::with_deadline(vision::runtime::done(drain(connection->socket)), std::chrono::seconds(5));
+    co_await vision::runtime::with_deadline(drain(connection->socket), std::chrono::seconds(5));
   }
 
   static asio::awaitable<error_code> read(tcp::socket& socket, boost::beast::flat_buffer& buffer,

@@ -21,8 +21,9 @@
 namespace vision {
 
 class BrowserPage;
-namespace detail {
-class ClientInMode;
+namespace runtime {
+template <class T>
+class Outcome;
 }
 
 /// A hook that sees the result of every response, that of one without a tool call
@@ -84,6 +85,9 @@ class VisionClientOptions {
 /// coroutine lets through, ends an operation at once with operation_aborted.
 class VisionClient {
  public:
+  VisionClient(const VisionClient&) = delete;  // it would have a second ledger, and so a second budget
+  VisionClient& operator=(const VisionClient&) = delete;
+
   /// Talks to the vendor over HTTPS with default settings. Throws
   /// std::runtime_error when no API key is found or no model registry has been
   /// supplied, std::invalid_argument when the key or ANTHROPIC_BASE_URL is
@@ -129,8 +133,7 @@ class VisionClient {
 
  private:
   struct Call;
-  friend class detail::ClientInMode;
-  using Answer = std::unique_ptr<ActionResult>;  // by value it would have a place in every frame on its way
+  struct Attempt;
 
   ActionResult _failure(std::string reason, const std::string& model, double latency_ms, std::int64_t in_tok = 0,
                         std::int64_t out_tok = 0);
@@ -138,21 +141,20 @@ class VisionClient {
 
   MessagesRequest make_request(Bytes image, const ImgMeta& img_meta, const FlowContext& flow_context,
                                const AskOptions& options);
-  Answer accept(const boost::json::value& response, const Call& call, std::exception_ptr& error);
-  Answer give_up(const Call& call, const std::exception_ptr& error, bool is_last, const AskOptions& options);
+  Attempt conclude(runtime::Outcome<boost::json::value>& response, const Call& call, bool may_retry);
+  ActionResult timed_out(const Call& call);
+  Attempt failed(const Call& call, const std::exception_ptr& error, bool may_retry);
   boost::asio::awaitable<void> run_hook(const ActionResult& result, const FlowContext& flow_context);
-  boost::asio::awaitable<Answer> ask_owning(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
-                                            AskOptions options);
-  boost::asio::awaitable<Answer> ask_body(Bytes image, const ImgMeta& img_meta, const FlowContext& flow_context,
-                                          const AskOptions& options);
+  boost::asio::awaitable<ActionResult> ask_body(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
+                                                AskOptions options);
   boost::asio::awaitable<std::pair<Bytes, ImgMeta>> screenshot_body(BrowserPage& page, bool full_page);
-  boost::asio::awaitable<Answer> act_body(BrowserPage& page, const FlowContext& flow_context, AskOptions options);
+  boost::asio::awaitable<ActionResult> act_body(BrowserPage& page, const FlowContext& flow_context, AskOptions options);
 
   std::shared_ptr<MessagesClient> _client;
   std::string _default_model;
   std::int64_t _call_budget;
   OnAction _on_action;
-  std::map<std::string, std::shared_ptr<const std::string>> prefixes_;  // per model: the default and the heavy one
+  std::map<std::string, std::shared_ptr<const std::string>> _prefixes;  // per model: the default and the heavy one
 };
 
 /// The process-wide client, built with all defaults by the first call that

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "vision/client/http/internal/exchange.hpp"
-#include "vision/runtime/time.hpp"
+#include "vision/runtime/internal/one_shot.hpp"
 
 namespace vision::detail::http {
 

@@ -4,14 +4,14 @@
 #include <boost/asio/associated_executor.hpp>
 #include <boost/asio/async_result.hpp>
 #include <boost/asio/cancellation_type.hpp>
-#include <boost/asio/execution_context.hpp>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/query.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <type_traits>
+
+#include "vision/runtime/internal/context_local.hpp"
 
 namespace vision::detail::http {
 namespace asio = boost::asio;
@@ -19,29 +19,22 @@ using boost::system::error_code;
 
 namespace {
 
-class DriverService : public asio::execution_context::service {
+// The driver of one context.
+class ContextDriver {
  public:
-  using key_type = DriverService;
-  static asio::execution_context::id id;
-
-  explicit DriverService(asio::execution_context& context) : service(context) {}
-
-  std::shared_ptr<CurlDriver> driver(const asio::any_io_executor& executor) {
+  std::shared_ptr<CurlDriver> get(const asio::any_io_executor& executor) {
     const std::lock_guard lock(mutex_);
     if (!driver_) driver_ = std::make_shared<CurlDriver>(executor);
     return driver_;
   }
-
- private:
-  void shutdown() override {
+  void shutdown() {
     if (driver_) driver_->close();
   }
 
+ private:
   std::mutex mutex_;
   std::shared_ptr<CurlDriver> driver_;
 };
-
-asio::execution_context::id DriverService::id;
 
 // The driver serves a whole context: it should not queue behind one caller's
 // strand.
@@ -90,8 +83,7 @@ std::shared_ptr<CurlDriver> driver_of(const asio::any_io_executor& executor) {
     const runtime::IoTimer timer(executor);
     const asio::posix::stream_descriptor descriptor(executor);
   }
-  auto& context = asio::query(executor, asio::execution::context);
-  return asio::use_service<DriverService>(context).driver(without_strand(executor));
+  return runtime::context_local<ContextDriver>(executor).get(without_strand(executor));
 }
 
 asio::awaitable<void> run(std::shared_ptr<CurlDriver> driver, std::shared_ptr<Exchange> exchange) {
