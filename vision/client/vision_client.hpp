@@ -3,7 +3,6 @@
 #include <boost/asio/awaitable.hpp>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,9 +20,8 @@
 namespace vision {
 
 class BrowserPage;
-namespace runtime {
-template <class T>
-class Outcome;
+namespace detail {
+class ClientCore;
 }
 
 /// A hook that sees the result of every response, that of one without a tool call
@@ -85,9 +83,6 @@ class VisionClientOptions {
 /// coroutine lets through, ends an operation at once with operation_aborted.
 class VisionClient {
  public:
-  VisionClient(const VisionClient&) = delete;  // it would have a second ledger, and so a second budget
-  VisionClient& operator=(const VisionClient&) = delete;
-
   /// Talks to the vendor over HTTPS with default settings. Throws
   /// std::runtime_error when no API key is found or no model registry has been
   /// supplied, std::invalid_argument when the key or ANTHROPIC_BASE_URL is
@@ -98,6 +93,10 @@ class VisionClient {
   /// options' API key is not used. Throws std::runtime_error when no model
   /// registry has been supplied.
   explicit VisionClient(std::shared_ptr<MessagesClient> client, VisionClientOptions options = VisionClientOptions());
+
+  ~VisionClient();
+  VisionClient(const VisionClient&) = delete;  // it would have a second ledger, and so a second budget
+  VisionClient& operator=(const VisionClient&) = delete;
 
   /// The run's ledger: every call that passed the budget gate and reached a
   /// result, once. The pipeline reads and resets it.
@@ -131,30 +130,11 @@ class VisionClient {
   boost::asio::awaitable<ActionResult> act(BrowserPage& page, const FlowContext& flow_context,
                                            AskOptions options = AskOptions());
 
+  /// The client's insides, for the modes. Not for hosts.
+  detail::ClientCore& _core() noexcept { return *core_; }
+
  private:
-  struct Call;
-  struct Attempt;
-
-  ActionResult _failure(std::string reason, const std::string& model, double latency_ms, std::int64_t in_tok = 0,
-                        std::int64_t out_tok = 0);
-  void _log_call(const ActionResult& result, const FlowContext& flow_context) const;
-
-  MessagesRequest make_request(Bytes image, const ImgMeta& img_meta, const FlowContext& flow_context,
-                               const AskOptions& options);
-  Attempt conclude(runtime::Outcome<boost::json::value>& response, const Call& call, bool may_retry);
-  ActionResult timed_out(const Call& call);
-  Attempt failed(const Call& call, const std::exception_ptr& error, bool may_retry);
-  boost::asio::awaitable<void> run_hook(const ActionResult& result, const FlowContext& flow_context);
-  boost::asio::awaitable<ActionResult> ask_body(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
-                                                AskOptions options);
-  boost::asio::awaitable<std::pair<Bytes, ImgMeta>> screenshot_body(BrowserPage& page, bool full_page);
-  boost::asio::awaitable<ActionResult> act_body(BrowserPage& page, const FlowContext& flow_context, AskOptions options);
-
-  std::shared_ptr<MessagesClient> _client;
-  std::string _default_model;
-  std::int64_t _call_budget;
-  OnAction _on_action;
-  std::map<std::string, std::shared_ptr<const std::string>> _prefixes;  // per model: the default and the heavy one
+  const std::unique_ptr<detail::ClientCore> core_;
 };
 
 /// The process-wide client, built with all defaults by the first call that

@@ -1,5 +1,6 @@
 #include "vision/wirein/fallback.hpp"
 
+#include "vision/client/internal/client_core.hpp"
 #include "vision/page/execute_action.hpp"
 #include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/error_text.hpp"
@@ -11,7 +12,7 @@ namespace {
 
 asio::awaitable<FallbackEnding> fallback_body(BrowserPage& page, RunStep run_step, const FallbackOptions options,
                                               RunAgent run_agent) {
-  VisionClient& client = client_of(options);
+  ClientCore& client = client_of(options)._core();
   const auto first = co_await runtime::try_await(run_step());
   if (first.has_value()) co_return FallbackEnding();
 

@@ -2,6 +2,7 @@
 
 #include <boost/asio/this_coro.hpp>
 
+#include "vision/client/internal/client_core.hpp"
 #include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/error_text.hpp"
 #include "vision/wirein/internal/fixtures.hpp"
@@ -13,10 +14,10 @@ namespace asio = boost::asio;
 asio::awaitable<std::pair<ActionResult, ImgMeta>> shot_and_ask(VisionClient& client, std::shared_ptr<BrowserPage> page,
                                                                const FlowContext& flow_context, const Site& site,
                                                                const AskOptions& options) {
-  auto [png, meta] = co_await client.screenshot(*page);
+  auto [png, meta] = co_await client._core().screenshot(*page);
   page.reset();
   co_await _harvest_fixture(png, site.hotspot_id, site.run_id);
-  ActionResult result = co_await client.ask(std::move(png), meta, flow_context, options);
+  ActionResult result = co_await client._core().ask(std::move(png), meta, flow_context, options);
   co_return std::pair<ActionResult, ImgMeta>(std::move(result), meta);
 }
 
