@@ -47,7 +47,7 @@ class Mission {
     auto answer = co_await runtime::with_deadline(std::move(operation), limit);
     if (!answer.has_value()) co_return unanswered(answer.timed_out(), answer.error());
     auto& [result, meta] = answer.value();
-    _log_step(_observe_action_record(result));
+    _log_step(result);
 
     terminal_ = detail::rail_for(result, options_.read_only());
     if (terminal_) co_return;
@@ -71,13 +71,12 @@ class Mission {
   void write_final_record() const {
     const ActionResult& result = terminal_->result;
     const bool is_own = result.model_used == "act_loop";
-    boost::json::object vision;
+    auto record = act_record();
     if (is_own) {
-      vision = _observe_action_record(result);
+      record["vision"] = _observe_action_record(result, record.storage());
     } else {
-      vision["terminal"] = result.action;
+      record["vision"].emplace_object()["terminal"] = result.action;
     }
-    auto record = act_record(std::move(vision));
     record["final"] = true;
     record["outcome"] = is_own ? "escalate" : terminal_->outcome;
     record["steps_used"] = step_;
@@ -115,17 +114,20 @@ class Mission {
     }
   }
 
-  boost::json::object act_record(boost::json::object vision) const {
+  boost::json::object act_record() const {
     const double now = runtime::to_seconds(time_.wall_now());
     auto record = detail::record_header(now, site_.run_id, site_.hotspot_id, context_);
     record["source"] = "act";
     record["step"] = step_;
     record["max_steps"] = options_.max_steps();
-    record["vision"] = std::move(vision);
     return record;
   }
 
-  void _log_step(boost::json::object vision) const { _append_shadow_record(act_record(std::move(vision))); }
+  void _log_step(const ActionResult& result) const {
+    auto record = act_record();
+    record["vision"] = _observe_action_record(result, record.storage());
+    _append_shadow_record(record);
+  }
 
   BrowserPage& page_;
   runtime::TimeSource& time_;
