@@ -6,6 +6,8 @@
 #include <boost/asio/use_awaitable.hpp>
 #include <cmath>
 
+#include "vision/runtime/internal/deadline.hpp"
+
 namespace vision::runtime {
 namespace asio = boost::asio;
 namespace {
@@ -44,6 +46,10 @@ class TimeService : public asio::execution_context::service {
 asio::execution_context::id TimeService::id;
 
 }  // namespace
+
+asio::awaitable<void> TimeSource::wait(Duration duration) {
+  (void)co_await detail::guard(done(sleep(duration)));
+}
 
 void install_time_source(asio::execution_context& context, std::shared_ptr<TimeSource> source) {
   asio::use_service<TimeService>(context).source = std::move(source);

@@ -18,10 +18,6 @@ asio::awaitable<Done> done(asio::awaitable<void> operation) {
   co_return Done();
 }
 
-asio::awaitable<void> TimeSource::wait(Duration duration) {
-  (void)co_await detail::guard(done(sleep(duration)));
-}
-
 namespace detail {
 
 // Begins to wait after the other leg has begun, and so loses to it when both end
