@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Every way in which the demo can end: the exit status, a message that names the
-# cause, the final record, and nothing left behind.
+# The ways in which the demo can end: exit status, a message that names the cause,
+# report, final record, and nothing left behind.
 #   demo_endings.sh VISION_DEMO
 set -uo pipefail
 demo=$(realpath "$1")
@@ -22,7 +22,7 @@ fail() {
 # final record; the report must be private and show at least so many screenshots.
 check() {
   [ "$2" -eq "$3" ] || fail "$1" "exit status $2 instead of $3"
-  grep -q -- "$4" "$scratch/output" || fail "$1" "no word of \"$4\""
+  grep -q -- "$4" "$scratch/output" || fail "$1" "the output does not say \"$4\""
   local shown last
   shown=$(find "$scratch/out" -name report.html -type f -perm 600 -exec grep -o "<figure" {} + 2>/dev/null | wc -l)
   [ "$shown" -ge "$6" ] || fail "$1" "$shown screenshots in a private report instead of $6"
@@ -37,7 +37,7 @@ check() {
 
 run() { "$demo" --out "$scratch/out" "$@" >"$scratch/output" 2>&1; }
 
-# Starts the demo and goes on once it has told its first step; then $pid ends.
+# Starts the demo and returns when it has printed its first step; $pid is running.
 start_and_wait_for_a_step() {
   : >"$scratch/output"
   exec {steps}< <(exec "$demo" --out "$scratch/out" 2>&1)
@@ -46,7 +46,7 @@ start_and_wait_for_a_step() {
     echo "$line" >>"$scratch/output"
     case "$line" in *scroll*) return ;; esac
   done
-  fail "starting" "no step was told"
+  fail "starting" "no step was printed"
 }
 
 finish() { cat <&"$steps" >>"$scratch/output"; wait "$pid"; }
@@ -56,7 +56,7 @@ check "a right answer, at device pixel ratio 2" $? 0 "The mission succeeded" suc
 mkdir -p "$scratch/out/report.html"
 KX_VISION_SHADOW_LOG=/dev/full run
 check "a report that cannot be written" $? 3 "cannot write the report: .*report.html: Is a directory" none 0
-grep -q "^records lost  *[1-9]" "$scratch/output" || fail "lost records" "no word of them"
+grep -q "^records lost  *[1-9]" "$scratch/output" || fail "lost records" "the output does not say so"
 
 ANTHROPIC_API_KEY=k ANTHROPIC_BASE_URL=http://127.0.0.1:1 run --light some-model
 check "an endpoint that refuses" $? 1 "transport error: APIConnectionError" failure 1

@@ -127,7 +127,7 @@ int run_demo(const demo::DemoOptions& options) {
     say(demo::headline(run) + "\n");
     return complete ? succeeded : incomplete;
   }
-  complain(demo::headline(run) + " Verdict: " + demo::verdict_text(run));
+  complain(demo::headline(run) + (run.verdict ? " Verdict: " + demo::verdict_text(run) : ""));
   if (const std::string hint = demo::hint(run); !hint.empty()) complain(hint);
   return run.verdict ? failed : interrupted;
 }

@@ -36,7 +36,7 @@ const std::string good_body = R"({"model": "m", "max_tokens": 512, "thinking": {
                               pixel + R"("}},
       {"type": "text", "text": "# Task\n1. Press \"Enter\"."}]}]})";
 
-/// A good request in which a text stands in another's place.
+/// A good request with one text replaced.
 std::string request_with(const std::string& text, const std::string& replacement) {
   std::string head = good_head, body = good_body;
   if (const auto at = body.find(text); at != body.npos) {
