@@ -2,9 +2,9 @@
 # Installs what was built, builds the examples of the modes against it as the project
 # tests/consumer/, by CMake and by make with pkg-config, and runs them on a real page.
 # Shared libraries are tried as Debian packages and from a FetchContent build too.
-#   install_test.sh SOURCE BUILD LOCAL_MODEL
+#   install_test.sh SOURCE BUILD
 set -euo pipefail
-source=$1 build=$2 local_model=$3
+source=$1 build=$2
 cached() { sed -n "s/^$1:[A-Z]*=//p" "$build/CMakeCache.txt"; }
 compiler=$(cached CMAKE_CXX_COMPILER)
 sanitizers=$(cached VISION_SANITIZE)
@@ -19,7 +19,8 @@ cleanup() {
 trap cleanup EXIT
 fail() { echo "install_test: $*" >&2; exit 1; }
 
-exec 3< <(exec "$local_model")
+cmake --install "$build" --component examples --prefix "$scratch/examples" > "$scratch/log"
+exec 3< <(exec "$scratch/examples/bin/vision-local-model")
 model_pid=$!
 read -r model_url <&3 || fail "the local model did not start"
 
