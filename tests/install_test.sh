@@ -27,7 +27,7 @@ read -r model_url <&3 || fail "the local model did not start"
 # A project of its own: of this tree only the examples are copied.
 cp -r "$source/tests/consumer" "$scratch/consumer"
 mkdir "$scratch/consumer/examples"
-cp -r "$source/examples/modes" "$scratch/consumer/examples"
+cp -r "$source/examples/modes" "$source/examples/models.hpp" "$scratch/consumer/examples"
 
 consume() {  # consume NAME FOLDER
   echo "install_test: the consumer, $1"

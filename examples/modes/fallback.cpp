@@ -10,8 +10,8 @@
 
 namespace asio = boost::asio;
 
-// Written for last month's page. A step must stand a second run after a partial
-// first one: this one clicks only while the board is not shared yet.
+// Written for last month's page. A step must be safe to run again after a partial
+// first run: this one clicks only while the board is not shared yet.
 asio::awaitable<std::string> share(vision::BrowserPage& page) {
   const auto title = co_await page.evaluate("document.title");
   if (title != "Shared") {
