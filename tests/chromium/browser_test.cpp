@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/local/connect_pair.hpp>
 #include <boost/asio/write.hpp>
 
@@ -23,7 +22,7 @@ TEST(Connection, TakesWhateverAPeerSends) {
                                      std::chrono::minutes(5));
   auto session = connection->session("");
   const auto send = [&](const std::string& text) { asio::write(peer, asio::buffer(text.data(), text.size() + 1)); };
-  EXPECT_EQ(error_of(session->call("A.b", {}, milliseconds(20))), "TimeoutError: A.b: Timeout 20ms exceeded");
+  EXPECT_EQ(error_of(session->command("A.b", {}, milliseconds(20))), "TimeoutError: A.b: Timeout 20ms exceeded");
   for (const char* noise : {R"({"id":1,"result":{"too":"late"}})", "rubbish", "", "[]", R"({"id":"x"})", R"({"id":-1})",
                             R"({"method":5,"params":[]})", R"({"method":"Page.x","sessionId":"none"})"}) {
     send(noise);
@@ -34,33 +33,33 @@ TEST(Connection, TakesWhateverAPeerSends) {
   const std::pair<std::string, std::string> cases[] = {
       {R"({"id":2,"result":{"v":"\ud800"}})", R"({"v": "\ufffd"})"},
       {R"({"id":3,"error":{"code":-32601,"message":"no such thing"}})", "ProtocolError: C.d: no such thing (-32601)"},
-      {R"({"id":4})", "BrowserError: C.d: the browser's answer has no result"},
+      {R"({"id":4})", "BrowserError: C.d: the browser's reply has no result"},
       {deep, "BrowserError: unreadable message from the browser: too deep"},
-      {crowded + "}}", "BrowserError: the browser sent an object of more than 1000 members"},
+      {crowded + "}}", "BrowserError: the browser sent an object with more than 1000 members"},
       {R"({"id":7,"error":{"code":-32001,"message":"Session not found"}})", closed},
   };
   for (const auto& [answer, expected] : cases) {
-    Running<json::object> call(session->call("C.d"));
+    Running<json::object> call(session->command("C.d"));
     send(answer);
     const std::string error = call.error();
     EXPECT_EQ(error == "no error" ? text::to_json(call.get()) : error, expected);
   }
-  const std::string malformed = "BrowserError: the browser's picture is not base64 text";
+  const std::string malformed = "BrowserError: the browser's picture is not valid base64";
   const std::pair<std::string, std::string> pictures[] = {
       {R"({"id":8,"result":{"data":"UE5H"}})", "PNG"},
       {R"({"id": 9, "result": {"data": "UE4="}})", "PN"},
       {R"({"id":10,"result":{"data":"UE5H","more":1}})", "PNG"},
       {R"({"id":11,"result":{"data":"UE5"}})", malformed},
       {R"({"id":12,"result":{"data":"UE5*"}})", malformed},
-      {R"({"id":13})", "BrowserError: E.f: the browser's answer has no result"},
+      {R"({"id":13})", "BrowserError: E.f: the browser's reply has no result"},
   };
   for (const auto& [answer, expected] : pictures) {
-    Running<Bytes> call(session->call_for_picture("E.f", {}));
+    Running<Bytes> call(session->command_for_picture("E.f", {}));
     send(answer);
     const std::string error = call.error();
     EXPECT_EQ(error == "no error" ? call.get().view() : error, expected);
   }
-  Running<json::object> last(session->call("C.d"));
+  Running<json::object> last(session->command("C.d"));
   peer.close();
   EXPECT_EQ(last.error(), closed + " (the browser has exited or ended the connection)");
 }
@@ -211,7 +210,7 @@ TEST(Launch, SaysWhatIsWrongWithTheBrowser) {
   const std::string none = "BrowserError: no browser to launch: ";
   for (const auto& [executable, expected] : {
            std::pair<std::string, std::string>("/no/browser", none + "/no/browser is missing or not executable"),
-           {"no-browser", none + "there is no \"no-browser\" on PATH"},
+           {"no-browser", none + "\"no-browser\" is not on PATH"},
            {"/bin/ls", "BrowserError: the browser /bin/ls did not start: Target page"},
        }) {
     LaunchOptions options;

@@ -1,9 +1,8 @@
-#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/strand.hpp>
 
-#include "chromium/protocol/endpoint.hpp"
+#include "chromium/protocol/websocket_transport.hpp"
 #include "tests/chromium/browser_fixture.hpp"
 #include "tests/http/scripted_server.hpp"
-#include "tests/support/scripted.hpp"
 
 namespace vision::chromium::test {
 namespace {
@@ -11,7 +10,7 @@ namespace {
 using vision::test::proposal;
 using vision::test::ScriptedModel;
 
-TEST(Endpoint, TakesUrlsApartAndRefusesOthers) {
+TEST(DevToolsUrl, IsParsedOrRefused) {
   const std::pair<const char*, const char*> rows[] = {
       {"http://127.0.0.1:9222", "http 127.0.0.1 9222 / loopback"},
       {"http://[::1]:9222", "http ::1 9222 / loopback"},
@@ -19,16 +18,16 @@ TEST(Endpoint, TakesUrlsApartAndRefusesOthers) {
       {"http://localhost.example:9222", "http localhost.example 9222 / elsewhere"},
       {"https://127.0.0.1:9222", "only http and ws are supported"},
       {"ws://127.0.0.1:9222/devtools/page/a",
-       "not the browser's own URL (ws://host:port/devtools/browser/...); a page is reached with attach()"},
-      {"http://h\r\nX: y:80", "the host has a character that a host's name cannot have"},
-      {"http://localhost@10.0.0.1:9222", "the host has a character that a host's name cannot have"},
-      {"http://127.0.0.1", "no port given"},
+       "not the browser's own URL (ws://host:port/devtools/browser/...); use attach() to reach a page"},
+      {"http://h\r\nX: y:80", "the host contains a character that is not allowed in a host name"},
+      {"http://localhost@10.0.0.1:9222", "the host contains a character that is not allowed in a host name"},
+      {"http://127.0.0.1", "the port is missing"},
       {"http://127.0.0.1:65536", "the port is not a number from 1 to 65535"},
   };
   for (const auto& [url, expected] : rows) {
     std::string got;
     try {
-      const Endpoint e = parse_endpoint(url);
+      const DevToolsUrl e = parse_devtools_url(url);
       got = e.scheme + " " + e.host + " " + e.port + " " + e.path + (is_loopback(e.host) ? " loopback" : " elsewhere");
     } catch (const std::invalid_argument& error) {
       got = error.what();
@@ -38,8 +37,7 @@ TEST(Endpoint, TakesUrlsApartAndRefusesOthers) {
   }
 }
 
-// A browser with an open port and a page in it, started here and used by somebody
-// else, too.
+// A browser with an open port and a page in it, started here and also used by others.
 class Connect : public testing::Test {
  protected:
   void SetUp() override {
@@ -85,8 +83,8 @@ TEST_F(Connect, UsesAPageOfSomeoneElseAndLeavesItAsItIs) {
   }
 }
 
-// A mission drives the page of somebody else's browser while observations run beside
-// it, on a connection of their own.
+// A mission drives a page of another program's browser while observations run beside
+// it, on their own connection.
 TEST_F(Connect, DrivesAndObservesAPageOfSomeoneElseAtOnce) {
   vision::test::TestRegistry::instance();
   const vision::test::ScopedEnv log("KX_VISION_SHADOW_LOG", "/dev/null");
@@ -108,34 +106,77 @@ TEST_F(Connect, DrivesAndObservesAPageOfSomeoneElseAtOnce) {
     EXPECT_EQ(run(observe_only(*observed, observation)).at("vision").at("action"), action);
   }
   EXPECT_EQ(verdict.get(), "declare_success: because");
-  // Each did its own, and the owner finds nothing else changed.
+  // Both did their part, and nothing else has changed for the owner.
   run(driver->close());
   run(observer->close());
   EXPECT_EQ(value_of(*page_, "[document.title, innerWidth, devicePixelRatio, scrollY]"), R"(["150,false", 500, 2, 0])");
 }
 
-TEST_F(Connect, IsNotForThePagesInTheBrowser) {
-  run(page_->navigate("http://localhost:" + port_ + "/json/version"));
-  EXPECT_EQ(value_of(*page_, "new Promise(done => { const s = new WebSocket('ws://127.0.0.1:" + port_ + path_ +
-                                 "'); s.onopen = () => done('open'); s.onerror = () => done('refused'); })"),
-            "\"refused\"");
+// The owner's loop stands still meanwhile, and with it its answer to the question.
+TEST_F(Connect, ATimeoutSaysThatADialogOfTheOwnerIsOpen) {
+  VirtualTimeLoop guests;
+  guests.pauses_pass = false;
+  DevToolsUrl url = parse_devtools_url("http://127.0.0.1:" + port_);
+  auto guest = run(connect("http://127.0.0.1:" + port_));
+  auto theirs = run(guest->attach(page_->target_id()));
+  url.path = "/devtools/page/" + page_->target_id();
+  auto watcher = run(WebSocketTransport::connect(url));
+  const auto watch_until = [&](const char* event) {
+    while (run(watcher->read()).find(event) == std::string::npos) continue;
+    run(guest->pages());  // the guest has been told before this is answered
+  };
+  const std::string timeout = "Timeout 30000ms exceeded";
+  run(watcher->write(R"({"id":1,"method":"Page.enable"})"));
+  Running<void> click(theirs->mouse().click(50, 50));
+  watch_until("javascriptDialogOpening");
+  guests.hangs = true;
+  EXPECT_EQ(click.error(), "TimeoutError: Input.dispatchMouseEvent: " + timeout +
+                               "; a dialog is open (confirm \"?\") that the page's owner has not answered");
+  guests.hangs = false;
+  run(watcher->write(R"({"id":2,"method":"Page.handleJavaScriptDialog","params":{"accept":false}})"));
+  watch_until("javascriptDialogClosed");
+  Pending pending(*theirs);
+  guests.hangs = true;
+  EXPECT_EQ(pending.error(), "TimeoutError: Runtime.evaluate: " + timeout);
+}
+
+TEST_F(Connect, AHeldIdleBrowserLetsTheEventLoopReturn) {
+  asio::io_context io;
+  for (const asio::any_io_executor& executor : {asio::any_io_executor(io.get_executor()), {asio::make_strand(io)}}) {
+    std::shared_ptr<Browser> launched, connected;
+    const auto step = [&]() -> asio::awaitable<void> {
+      launched = co_await launch();
+      connected = co_await connect("http://127.0.0.1:" + port_);
+      throw std::runtime_error("the step failed");
+    };
+    std::exception_ptr error;
+    const auto keep_error = [&](std::exception_ptr e) { error = e; };
+    asio::co_spawn(executor, step(), keep_error);
+    io.run();  // hangs if a browser counts as work
+    EXPECT_TRUE(launched && connected && error);
+    io.restart();
+    asio::co_spawn(executor, launched->close(), keep_error);
+    io.run();
+    EXPECT_FALSE(error);
+    io.restart();
+  }
 }
 
 TEST_F(Connect, SaysWhatIsWrong) {
   EXPECT_EQ(error_of(owner_->attach("nobody")),
             "BrowserError: no page with target id \"nobody\": No target with given id found");
   EXPECT_EQ(error_of(connect("http://10.0.0.1:9222")),
-            "invalid_argument: browser URL \"http://10.0.0.1:9222\" leads to another machine; "
+            "invalid_argument: browser URL \"http://10.0.0.1:9222\" is on another machine; "
             "ConnectOptions::allow_remote permits that");
   EXPECT_THAT(error_of(connect("ws://127.0.0.1:" + port_ + "/devtools/browser/other")),
               testing::HasSubstr("handshake was declined"));
   using vision::test::response;
   const std::pair<std::string, const char*> liars[] = {
-      {response("404 Not Found", "{}"), "answered status 404, not a browser's answer"},
-      {response("200 OK", "{"), "did not tell a webSocketDebuggerUrl"},
-      {response("200 OK", R"({"webSocketDebuggerUrl": 5})"), "did not tell a webSocketDebuggerUrl"},
-      {response("200 OK", R"({"webSocketDebuggerUrl": "ws://x"})"), "told an unusable webSocketDebuggerUrl"},
-      {response("200 OK", R"({"webSocketDebuggerUrl": "ws://x/a b"})"), "told an unusable webSocketDebuggerUrl"},
+      {response("404 Not Found", "{}"), "returned status 404; is that a browser's debugging port?"},
+      {response("200 OK", "{"), "returned no usable webSocketDebuggerUrl"},
+      {response("200 OK", R"({"webSocketDebuggerUrl": 5})"), "returned no usable webSocketDebuggerUrl"},
+      {response("200 OK", R"({"webSocketDebuggerUrl": "ws://x"})"), "returned no usable webSocketDebuggerUrl"},
+      {response("200 OK", R"({"webSocketDebuggerUrl": "ws://x/a b"})"), "returned no usable webSocketDebuggerUrl"},
   };
   for (const auto& [reply, expected] : liars) {
     const vision::test::ScriptedServer liar(loop(), {{reply}});
@@ -154,7 +195,9 @@ TEST_F(Connect, SaysWhatIsWrong) {
     run(silent.async_accept(again, asio::use_awaitable));
   }
   silent.close();
-  EXPECT_THAT(error_of(connect("http://127.0.0.1:" + port)), testing::HasSubstr("Connection refused"));
+  EXPECT_EQ(error_of(connect("http://127.0.0.1:" + port)),
+            "BrowserError: no browser answers at 127.0.0.1:" + port +
+                ": connection refused; was it started with --remote-debugging-port?");
 }
 
 }  // namespace

@@ -1,48 +1,15 @@
 #include <signal.h>
 #include <sys/mount.h>
 
-#include <boost/asio/ip/tcp.hpp>
 #include <fstream>
 
 #include "tests/chromium/browser_fixture.hpp"
-#include "tests/support/scripted.hpp"
 
 namespace vision::chromium::test {
 namespace {
 
 namespace fs = std::filesystem;
-using asio::ip::tcp;
 using vision::test::proposal;
-
-// A mission on a real page with time limits in virtual time: the pauses between
-// steps pass at once, a limit only once it is known that nothing else can come.
-class HostileWorld : vision::test::World {
- public:
-  HostileWorld() : begins_(io, {asio::ip::address_v4::loopback(), 0}) {
-    begins_.async_accept([this](boost::system::error_code, tcp::socket) { hangs = true; });
-    current_loop = &io;
-    test::take_turn = [this] {
-      const bool busy = io.poll_one() > 0;
-      if (hangs && time->advance()) return;
-      const bool pause = pauses_pass && time->until_next() < milliseconds(2500);
-      if (!busy && !(pause && time->advance())) io.run_one();
-    };
-  }
-  ~HostileWorld() {
-    current_loop = nullptr;
-    test::take_turn = [] { loop().run_one(); };
-  }
-
-  /// A statement of a page's that tells that what follows it goes on for ever.
-  std::string tell() const {
-    return "fetch('http://127.0.0.1:" + std::to_string(begins_.local_endpoint().port()) + "', {mode: 'no-cors'}); ";
-  }
-
-  bool hangs = false, pauses_pass = true;
-
- private:
-  tcp::acceptor begins_;
-};
 
 struct Misbehaviour {
   const char* name;
@@ -98,7 +65,7 @@ TEST(Hostile, AMissionEndsInItsDocumentedValueAndNothingIsLeft) {
       std::printf("not tried, for want of rights: %s\n", row.name);
       continue;
     }
-    HostileWorld world;
+    VirtualTimeLoop world;
     const std::string act = (row.hangs ? world.tell() : "") + row.on_click;
     auto model = std::make_shared<vision::test::ScriptedModel>();
     model->answer(proposal("click", 0.9, R"(, "x_ratio": 0.5, "y_ratio": 0.5)"), 0)

@@ -166,9 +166,9 @@ TEST_F(PageTest, ScreenshotsHaveTheRightSize) {
     EXPECT_EQ(text::to_json(*page->viewport_size()), R"({"width": 640, "height": 400})");
   }
   EXPECT_EQ(error_of(browser_->new_page(PageOptions().viewport(0, 5))),
-            "invalid_argument: a viewport of 0 by 5 pixels");
+            "invalid_argument: viewport 0 x 5: a side is from 1 to 10000000 pixels");
   EXPECT_EQ(error_of(browser_->new_page(PageOptions().device_pixel_ratio(0))),
-            "invalid_argument: a device pixel ratio of 0.000000");
+            "invalid_argument: device pixel ratio 0.000000: must be finite and above 0");
 }
 
 TEST_F(PageTest, WindowsAreShownAndCloseWithThePageThatOpenedThem) {
@@ -219,7 +219,7 @@ TEST_F(PageTest, EvaluateGivesValuesAndErrors) {
       {"noSuchName", "EvaluationError: ReferenceError: noSuchName is not defined"},
       {"(() => { throw 'plain' })()", "EvaluationError: plain"},
       {"Promise.reject(5)", "EvaluationError: 5"},
-      {"'x'.repeat(9e6)", "BrowserError: the browser sent a message above 8 MiB"},
+      {"'x'.repeat(9e6)", "BrowserError: the browser sent a message larger than 8 MiB"},
       {"1 +", "EvaluationError: SyntaxError: Unexpected end of input"},
       {"JSON.parse('['.repeat(270) + ']'.repeat(270))", "BrowserError: unreadable message from the browser: too deep"},
   };
