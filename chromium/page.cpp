@@ -38,10 +38,12 @@ ChromiumPage::~ChromiumPage() {
   }
 }
 
-// Page.enable comes first: a dialog that opens before it is never reported, and stops
-// the page for good.
+// Page.enable comes first: a dialog that opens before it is never reported. Nor does the
+// page reply while one is open, so a time-out here means that it opened before.
 asio::awaitable<void> ChromiumPage::enable_events() {
+  session_->set_obstacle("a dialog may be open that the page's owner has not answered");
   co_await session_->command("Page.enable");
+  session_->set_obstacle({});
   co_await session_->command("Inspector.enable");
   co_await session_->command("Page.setLifecycleEventsEnabled", make_object("enabled", true));
 }

@@ -14,9 +14,9 @@ using vision::test::proposal;
 struct Misbehaviour {
   const char* name;
   std::string on_click;                                           // what the page does when it is clicked
-  std::string ending;                                             // of the mission, or a part of it
-  std::function<void(const std::string& profiles)> befalls = {};  // what happens to the browser before the click
-  bool hangs = false;                                             // for ever, once on_click or befalls has begun
+  std::string ending;                                             // part of the mission's verdict
+  std::function<void(const std::string& profiles)> befalls = {};  // done to the browser before the click
+  bool hangs = false;                                             // forever, once on_click or befalls has begun
 };
 
 const std::string success = "declare_success: because";
@@ -34,12 +34,10 @@ void fill_disk(const std::string& profiles) {
 
 const char* const full_disk = "a full disk";
 const Misbehaviour misbehaviours[] = {
-    {"dialogs", "alert(1), confirm(2), prompt(3)", success},
     {"a window with a dialog", "window.open('about:blank').document.write('<script>alert(1)</' + 'script>')", success},
     {"many windows", "for (let i = 0; i < 20; ++i) window.open('about:blank')", success},
     {"a download", "gift.click()", success},
     {"printing", "print()", success},
-    {"a question whether to leave", "onbeforeunload = e => e.preventDefault()", success},
     {"a console without end",
      "setInterval(() => { for (let i = 0; i < 1000; ++i) console.log('x'.repeat(1000) + i); })", success},
     {"another document in mid-step", "document.open(), document.write('gone'), document.close()", success},
@@ -50,7 +48,7 @@ const Misbehaviour misbehaviours[] = {
     {"a browser that stops", "", timed_out, signalled(SIGSTOP), true},
     {"a browser that is killed", "", page_closed, signalled(SIGKILL)},
     {"a browser that crashes", "", page_closed, signalled(SIGSEGV)},
-    // It was started with room for its files, so that it only fails to write more.
+    // It starts with enough space, and only then cannot write any more.
     {full_disk, "", success, fill_disk},
 };
 
@@ -62,7 +60,7 @@ TEST(Hostile, AMissionEndsInItsDocumentedValueAndNothingIsLeft) {
     const ProfilesHere profiles;
     const bool mounts = row.name == full_disk;
     if (mounts && ::mount("none", profiles.path().c_str(), "tmpfs", 0, "size=64m") != 0) {
-      std::printf("not tried, for want of rights: %s\n", row.name);
+      std::printf("skipped: no permission: %s\n", row.name);
       continue;
     }
     VirtualTimeLoop world;
