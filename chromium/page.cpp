@@ -18,7 +18,7 @@ namespace json = boost::json;
 
 ChromiumPage::ChromiumPage(std::shared_ptr<Session> browser, std::shared_ptr<Session> session, std::string target_id,
                            Owner owner)
-    : browser_(std::move(browser)),
+    : browser_session_(std::move(browser)),
       session_(std::move(session)),
       target_id_(std::move(target_id)),
       owner_(owner),
@@ -32,9 +32,9 @@ ChromiumPage::~ChromiumPage() {
   session_->set_event_handler(nullptr);  // it refers to this object
   if (session_->ended()) return;
   if (owner_ == Owner::us) {
-    browser_->send_and_forget("Target.closeTarget", make_object("targetId", target_id_));
+    browser_session_->send_and_forget("Target.closeTarget", make_object("targetId", target_id_));
   } else {
-    browser_->send_and_forget("Target.detachFromTarget", make_object("sessionId", session_->id()));
+    browser_session_->send_and_forget("Target.detachFromTarget", make_object("sessionId", session_->id()));
   }
 }
 
@@ -138,7 +138,7 @@ asio::awaitable<void> ChromiumPage::navigate(std::string url) {
 asio::awaitable<void> ChromiumPage::close() {
   if (session_->ended()) co_return;
   Waiter end(session_);
-  auto asked = browser_->command("Target.closeTarget", make_object("targetId", target_id_));
+  auto asked = browser_session_->command("Target.closeTarget", make_object("targetId", target_id_));
   const auto outcome = co_await runtime::settle(std::move(asked));
   if (!session_->ended() && outcome.error()) std::rethrow_exception(outcome.error());
   const auto waited = co_await runtime::settle(runtime::done(end.wait(session_->command_timeout(), "page.close")));

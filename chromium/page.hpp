@@ -30,7 +30,7 @@ class LoadWaiter;
 /// opened. In a browser of connect(), a dialog in a window that our page opened also
 /// stops our page.
 ///
-/// Not thread-safe: to be used on the event loop of its Browser. Must outlive its
+/// Not thread-safe: use it only on the event loop of its Browser. It must outlive its
 /// operations. Destroying it closes a page of new_page() and detaches from a page of
 /// attach(), in both cases without waiting.
 class ChromiumPage : public BrowserPage {
@@ -56,7 +56,7 @@ class ChromiumPage : public BrowserPage {
   boost::asio::awaitable<boost::json::value> evaluate(std::string expression) override;
 
   /// The viewport given to new_page(). For an attached page, its inner size at the
-  /// time of attach() or of the last screenshot; absent if the page did not tell.
+  /// time of attach() or of the last screenshot; absent if the page did not respond.
   std::optional<boost::json::object> viewport_size() override;
 
   /// A click completes when the page has handled press and release. Throws
@@ -87,7 +87,7 @@ class ChromiumPage : public BrowserPage {
   boost::asio::awaitable<boost::json::object> full_page_clip();
   void handle_event(std::string_view method, const boost::json::object& params);
 
-  const std::shared_ptr<Session> browser_;
+  const std::shared_ptr<Session> browser_session_;
   const std::shared_ptr<Session> session_;
   const std::string target_id_;
   const Owner owner_;

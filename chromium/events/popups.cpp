@@ -16,7 +16,7 @@ void answer_dialog(Session& session, const json::object& opening) {
 }
 
 Popups::Popups(std::shared_ptr<Connection> connection, std::shared_ptr<Session> browser)
-    : connection_(std::move(connection)), browser_(std::move(browser)) {}
+    : connection_(std::move(connection)), browser_session_(std::move(browser)) {}
 
 json::object Popups::auto_attach() {
   const json::array filter = {make_object("type", "page")};
@@ -54,7 +54,7 @@ void Popups::remove(const std::string& session_id) {
   // The windows that these have opened follow, as their own ends are reported.
   for (const auto& [id, window] : windows_) {
     if (window.opener_id == gone) {
-      browser_->send_and_forget("Target.closeTarget", make_object("targetId", window.target_id));
+      browser_session_->send_and_forget("Target.closeTarget", make_object("targetId", window.target_id));
     }
   }
 }

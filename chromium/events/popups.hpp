@@ -42,7 +42,7 @@ class Popups {
   void remove(const std::string& session_id);
 
   const std::shared_ptr<Connection> connection_;
-  const std::shared_ptr<Session> browser_;
+  const std::shared_ptr<Session> browser_session_;
   std::map<std::string, Window> windows_;  // by the id of our session with the window
 };
 

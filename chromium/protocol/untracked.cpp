@@ -7,8 +7,8 @@ namespace vision::chromium {
 namespace asio = boost::asio;
 namespace {
 
-// any_io_executor's properties but for outstanding_work: a wrapper passes on only
-// what it lists, and Asio goes without a property that is merely preferred.
+// The properties of any_io_executor without outstanding_work. A wrapper passes on only
+// the properties that it lists, and Asio does without one that it merely prefers.
 using UntrackedExecutor =
     asio::execution::any_executor<asio::execution::context_as_t<asio::execution_context&>,
                                   asio::execution::blocking_t::never_t,
@@ -16,8 +16,8 @@ using UntrackedExecutor =
                                   asio::execution::prefer_only<asio::execution::relationship_t::fork_t>,
                                   asio::execution::prefer_only<asio::execution::relationship_t::continuation_t>>;
 
-// An execution context does not tell its type; an executor does. Both are looked
-// through their wrappers.
+// The type of an execution context cannot be queried, but that of an executor can,
+// through all its wrappers.
 asio::io_context* io_context_of(const asio::any_io_executor& executor) {
   using Plain = asio::io_context::executor_type;
   const auto* plain = executor.target<Plain>();
@@ -34,10 +34,9 @@ asio::any_io_executor untracked(const asio::any_io_executor& executor) {
   return UntrackedExecutor(executor);
 }
 
-// The count reaches zero here only when nothing but idle reads is left. It cannot
-// fall below: the coroutine runs in a handler, which counts until it returns, and
-// the read counts from its start until its own handler has returned, after the
-// destructor.
+// The count of work reaches zero here only if nothing but idle reads is left. It never
+// falls below: the coroutine runs in a handler, which counts until it returns, and the
+// read counts from its start until its own handler returns, after the destructor.
 UncountedRead::UncountedRead(const asio::any_io_executor& executor) : context_(io_context_of(executor)) {
   if (context_) context_->get_executor().on_work_finished();
 }

@@ -3,7 +3,7 @@
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/io_context.hpp>
 
-/// What lets a held, idle browser not keep io_context::run() from returning.
+/// How a held, idle browser lets io_context::run() return.
 namespace vision::chromium {
 
 /// `executor` without work tracking: a coroutine, socket or composed operation on it
@@ -11,10 +11,10 @@ namespace vision::chromium {
 /// operation that is pending at a time.
 boost::asio::any_io_executor untracked(const boost::asio::any_io_executor& executor);
 
-/// During its lifetime the read that its coroutine awaits does not count as work
-/// either. The coroutine and what it reads from are on untracked(executor), so that
-/// the read counts exactly once; the executor is an io_context's own or a strand on
-/// one. On any other executor it has no effect: there, a pending read is work.
+/// During its lifetime, the read that its coroutine awaits does not count as work
+/// either. The coroutine and the socket must be on untracked(executor), so that the
+/// read counts exactly once. Has an effect on an io_context's own executor and on its
+/// strands; on any other executor a pending read remains work.
 class UncountedRead {
  public:
   explicit UncountedRead(const boost::asio::any_io_executor& executor);
