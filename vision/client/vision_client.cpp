@@ -22,9 +22,9 @@ std::unique_ptr<VisionClient>& process_wide() {
   return *slot;
 }
 
-std::shared_ptr<MessagesClient> http_client(const std::string& given_key) {
+std::shared_ptr<MessagesClient> http_client(const VisionClientOptions& options) {
   (void)MODEL_SONNET();  // a missing registry is reported before a missing key
-  return std::make_shared<HttpMessagesClient>(detail::resolve_api_key(given_key));
+  return std::make_shared<HttpMessagesClient>(detail::resolve_api_key(options.api_key()), options.http());
 }
 
 // Coroutines, so that host code that throws before it suspends is no exception.
@@ -46,7 +46,7 @@ std::int64_t viewport_side(const boost::json::object& size, std::string_view nam
 
 }  // namespace
 
-VisionClient::VisionClient(VisionClientOptions options) : VisionClient(http_client(options.api_key()), options) {}
+VisionClient::VisionClient(VisionClientOptions options) : VisionClient(http_client(options), options) {}
 
 VisionClient::VisionClient(std::shared_ptr<MessagesClient> client, VisionClientOptions options)
     : _client(std::move(client)),
