@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "vision/client/ask_options.hpp"
+#include "vision/client/http/http_options.hpp"
 #include "vision/client/messages_client.hpp"
 #include "vision/client/metrics.hpp"
 #include "vision/records/action_result.hpp"
@@ -58,12 +59,20 @@ class VisionClientOptions {
     return *this;
   }
 
+  /// How the vendor is reached: endpoint, certificates, time-out. Not used with a
+  /// MessagesClient of the host's. Default: HttpOptions().
+  VisionClientOptions& http(HttpOptions value) {
+    http_ = std::move(value);
+    return *this;
+  }
+
   ///@{
   /// The value that was set, or its default.
   const std::string& api_key() const noexcept { return api_key_; }
   const std::optional<std::string>& default_model() const noexcept { return default_model_; }
   std::int64_t call_budget() const noexcept { return call_budget_; }
   const OnAction& on_action() const noexcept { return on_action_; }
+  const HttpOptions& http() const noexcept { return http_; }
   ///@}
 
  private:
@@ -71,6 +80,7 @@ class VisionClientOptions {
   std::optional<std::string> default_model_;
   std::int64_t call_budget_ = DEFAULT_CALL_BUDGET;
   OnAction on_action_;
+  HttpOptions http_;
 };
 
 /// Asks the hosted model about a screenshot. Holds the Messages API client, the
@@ -83,15 +93,15 @@ class VisionClientOptions {
 /// coroutine lets through, ends an operation at once with operation_aborted.
 class VisionClient {
  public:
-  /// Talks to the vendor over HTTPS with default settings. Throws
-  /// std::runtime_error when no API key is found or no model registry has been
-  /// supplied, std::invalid_argument when the key or ANTHROPIC_BASE_URL is
-  /// malformed.
+  /// Talks to the vendor through an HttpMessagesClient with the options' key and HTTP
+  /// options. Throws std::runtime_error when no API key is found or no model registry
+  /// has been supplied, std::invalid_argument when the key (the message says where it
+  /// came from), ANTHROPIC_BASE_URL or an HTTP option is malformed.
   explicit VisionClient(VisionClientOptions options = VisionClientOptions());
 
-  /// Talks through `client` (not null), which holds its own credentials; the
-  /// options' API key is not used. Throws std::runtime_error when no model
-  /// registry has been supplied.
+  /// Talks through `client`, which holds its own credentials; the options' API key and
+  /// HTTP options are not used. Throws std::invalid_argument when `client` is null,
+  /// std::runtime_error when no model registry has been supplied.
   explicit VisionClient(std::shared_ptr<MessagesClient> client, VisionClientOptions options = VisionClientOptions());
 
   ~VisionClient();
