@@ -4,6 +4,7 @@
 #include "tests/support/scripted.hpp"
 #include "vision/records/errors.hpp"
 #include "vision/records/internal/coercion.hpp"
+#include "vision/settings/internal/defaults.hpp"
 #include "vision/text/internal/error_text.hpp"
 #include "vision/text/internal/json_text.hpp"
 #include "vision/text/internal/numbers.hpp"

@@ -16,13 +16,10 @@ class FastTime : public runtime::TimeSource {
   runtime::Duration steady_now() const override { return real_.steady_now() * speed_; }
   runtime::Duration wall_now() const override { return real_.wall_now(); }
 
-  asio::awaitable<void> sleep(runtime::Duration duration) override {
-    const auto waiting = waiting_;
-    co_await real_.sleep(duration / speed_);
-  }
-  asio::awaitable<void> wait(runtime::Duration duration) override {
-    const auto waiting = waiting_;
-    co_await real_.wait(duration / speed_);
+  std::unique_ptr<runtime::Timer> call_after(const asio::any_io_executor& executor, runtime::Duration delay,
+                                             std::function<void()> callback) override {
+    const auto counted = [waiting = waiting_, callback = std::move(callback)] { callback(); };
+    return real_.call_after(executor, delay / speed_, counted);
   }
 
   /// From any thread.

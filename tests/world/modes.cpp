@@ -66,10 +66,11 @@ asio::awaitable<void> run_wrapper(Mission& mission, VisionClient& client) {
   };
   if (mission.scenario.with.has_agent) agent = fallback;
   auto result = co_await with_vision_fallback(mission.page, std::move(step), std::move(options), std::move(agent));
-  if (result.index() == 0) mission.value = std::get<0>(result);
-  if (result.index() == 1) mission.result = std::get<1>(result);
-  if (result.index() == 2) mission.value = std::get<2>(result);
-  mission.value["way"] = result.index();
+  const bool is_step = result.way() == FallbackWay::step || result.is_rescued();
+  if (is_step) mission.value = result.step();
+  if (result.way() == FallbackWay::verdict) mission.result = result.verdict();
+  if (result.way() == FallbackWay::agent) mission.value = result.agent();
+  mission.value["way"] = is_step ? 0 : result.way() == FallbackWay::verdict ? 1 : 2;
 }
 
 asio::awaitable<void> run_act(Mission& mission, VisionClient& client) {

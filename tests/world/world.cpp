@@ -14,18 +14,23 @@ constexpr int limit_rank = 10;
 
 }  // namespace
 
-asio::awaitable<void> Time::sleep(Duration duration) {
+std::unique_ptr<runtime::Timer> Time::call_after(const asio::any_io_executor& executor, Duration delay,
+                                                 std::function<void()> callback) {
   const Fault fault = world_.pass('t', "timer");
-  const auto alive = std::make_shared<int>();
+  auto alive = std::make_shared<int>();
   if (fault == Fault::cancel_before) world_.cancel_soon(world_.any_mission());
-  world_.cancel_around(fault, world_.any_mission(), duration, limit_rank, alive);
-  limits_.emplace(steady_now() + duration, alive);
-  co_await sleep_ranked(duration, limit_rank);
+  world_.cancel_around(fault, world_.any_mission(), delay, limit_rank, alive);
+  limits_.emplace(steady_now() + delay, alive);
+  auto fire = [alive = std::move(alive), callback = std::move(callback)]() mutable {
+    alive.reset();
+    callback();
+  };
+  return VirtualTime::call_after(executor, delay, limit_rank, std::move(fire));
 }
 
 asio::awaitable<void> Time::until_limit(const Visit& visit) {
   // A time limit is set after what it bounds has begun.
-  for (int turn = 0; turn < 4; ++turn) co_await asio::post(asio::use_awaitable);
+  co_await asio::post(asio::use_awaitable);
   const Duration limit = next_limit();
   const Duration rest = limit == never ? visit.latency : limit - steady_now();
   co_await sleep_ranked(rest, visit.fault == Fault::deadline_last ? 2 * limit_rank : 0);
@@ -44,7 +49,7 @@ Duration Time::next_limit() {
   return limits_.empty() ? never : limits_.begin()->first;
 }
 
-World::World(const Run& run) : spec(run), time(std::make_shared<Time>(*this, *io)), rng_(run.seed) {
+World::World(const Run& run) : spec(run), time(std::make_shared<Time>(*this)), rng_(run.seed) {
   runtime::install_time_source(*io, time);
   std::istringstream faults(run.plan);
   for (std::string fault; std::getline(faults, fault, ',');) {

@@ -44,9 +44,10 @@ struct Visit {
 /// they come last, but for what is to come after them.
 class Time : public test::VirtualTime {
  public:
-  Time(World& world, asio::io_context& io) : VirtualTime(io), world_(world) {}
-  asio::awaitable<void> sleep(Duration duration) override;
-  asio::awaitable<void> wait(Duration duration) override { return TimeSource::wait(duration); }
+  explicit Time(World& world) : world_(world) {}
+  using VirtualTime::call_after;
+  std::unique_ptr<runtime::Timer> call_after(const asio::any_io_executor& executor, Duration delay,
+                                             std::function<void()> callback) override;
   /// Until the next of the library's timers fires, as `visit`'s fault says; for the
   /// visit's latency when none is running.
   asio::awaitable<void> until_limit(const Visit& visit);

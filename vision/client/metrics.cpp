@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "vision/settings/settings.hpp"
+#include "vision/settings/internal/defaults.hpp"
 #include "vision/text/internal/utf8.hpp"
 
 namespace vision {

@@ -3,13 +3,13 @@
 #include <boost/asio/awaitable.hpp>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 
 #include "vision/client/ask_options.hpp"
+#include "vision/client/http/http_options.hpp"
 #include "vision/client/messages_client.hpp"
 #include "vision/client/metrics.hpp"
 #include "vision/records/action_result.hpp"
@@ -22,7 +22,7 @@ namespace vision {
 
 class BrowserPage;
 namespace detail {
-class ClientInMode;
+class ClientCore;
 }
 
 /// A hook that sees the result of every response, that of one without a tool call
@@ -59,12 +59,20 @@ class VisionClientOptions {
     return *this;
   }
 
+  /// How the vendor is reached: endpoint, certificates, time-out. Not used with a
+  /// MessagesClient of the host's. Default: HttpOptions().
+  VisionClientOptions& http(HttpOptions value) {
+    http_ = std::move(value);
+    return *this;
+  }
+
   ///@{
   /// The value that was set, or its default.
   const std::string& api_key() const noexcept { return api_key_; }
   const std::optional<std::string>& default_model() const noexcept { return default_model_; }
   std::int64_t call_budget() const noexcept { return call_budget_; }
   const OnAction& on_action() const noexcept { return on_action_; }
+  const HttpOptions& http() const noexcept { return http_; }
   ///@}
 
  private:
@@ -72,6 +80,7 @@ class VisionClientOptions {
   std::optional<std::string> default_model_;
   std::int64_t call_budget_ = DEFAULT_CALL_BUDGET;
   OnAction on_action_;
+  HttpOptions http_;
 };
 
 /// Asks the hosted model about a screenshot. Holds the Messages API client, the
@@ -84,16 +93,20 @@ class VisionClientOptions {
 /// coroutine lets through, ends an operation at once with operation_aborted.
 class VisionClient {
  public:
-  /// Talks to the vendor over HTTPS with default settings. Throws
-  /// std::runtime_error when no API key is found or no model registry has been
-  /// supplied, std::invalid_argument when the key or ANTHROPIC_BASE_URL is
-  /// malformed.
+  /// Talks to the vendor through an HttpMessagesClient with the options' key and HTTP
+  /// options. Throws std::runtime_error when no API key is found or no model registry
+  /// has been supplied, std::invalid_argument when the key (the message says where it
+  /// came from), ANTHROPIC_BASE_URL or an HTTP option is malformed.
   explicit VisionClient(VisionClientOptions options = VisionClientOptions());
 
-  /// Talks through `client` (not null), which holds its own credentials; the
-  /// options' API key is not used. Throws std::runtime_error when no model
-  /// registry has been supplied.
+  /// Talks through `client`, which holds its own credentials; the options' API key and
+  /// HTTP options are not used. Throws std::invalid_argument when `client` is null,
+  /// std::runtime_error when no model registry has been supplied.
   explicit VisionClient(std::shared_ptr<MessagesClient> client, VisionClientOptions options = VisionClientOptions());
+
+  ~VisionClient();
+  VisionClient(const VisionClient&) = delete;  // it would have a second ledger, and so a second budget
+  VisionClient& operator=(const VisionClient&) = delete;
 
   /// The run's ledger: every call that passed the budget gate and reached a
   /// result, once. The pipeline reads and resets it.
@@ -127,32 +140,11 @@ class VisionClient {
   boost::asio::awaitable<ActionResult> act(BrowserPage& page, const FlowContext& flow_context,
                                            AskOptions options = AskOptions());
 
+  /// The client's insides, for the modes. Not for hosts.
+  detail::ClientCore& _core() noexcept { return *core_; }
+
  private:
-  struct Call;
-  friend class detail::ClientInMode;
-  using Answer = std::unique_ptr<ActionResult>;  // by value it would have a place in every frame on its way
-
-  ActionResult _failure(std::string reason, const std::string& model, double latency_ms, std::int64_t in_tok = 0,
-                        std::int64_t out_tok = 0);
-  void _log_call(const ActionResult& result, const FlowContext& flow_context) const;
-
-  MessagesRequest make_request(Bytes image, const ImgMeta& img_meta, const FlowContext& flow_context,
-                               const AskOptions& options);
-  Answer accept(const boost::json::value& response, const Call& call, std::exception_ptr& error);
-  Answer give_up(const Call& call, const std::exception_ptr& error, bool is_last, const AskOptions& options);
-  boost::asio::awaitable<void> run_hook(const ActionResult& result, const FlowContext& flow_context);
-  boost::asio::awaitable<Answer> ask_owning(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
-                                            AskOptions options);
-  boost::asio::awaitable<Answer> ask_body(Bytes image, const ImgMeta& img_meta, const FlowContext& flow_context,
-                                          const AskOptions& options);
-  boost::asio::awaitable<std::pair<Bytes, ImgMeta>> screenshot_body(BrowserPage& page, bool full_page);
-  boost::asio::awaitable<Answer> act_body(BrowserPage& page, const FlowContext& flow_context, AskOptions options);
-
-  std::shared_ptr<MessagesClient> _client;
-  std::string _default_model;
-  std::int64_t _call_budget;
-  OnAction _on_action;
-  std::map<std::string, std::shared_ptr<const std::string>> prefixes_;  // per model: the default and the heavy one
+  const std::unique_ptr<detail::ClientCore> core_;
 };
 
 /// The process-wide client, built with all defaults by the first call that

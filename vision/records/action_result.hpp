@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "vision/records/action_verb.hpp"
 
@@ -14,16 +15,18 @@ namespace vision {
 /// An optional field that is absent differs from zero and from the empty text.
 /// Only results parsed from a model's answer have their ratios clamped to 0..1.
 struct ActionResult {
+  /// An empty result, which no operation returns: Asio's completion tokens need one.
+  ActionResult() = default;
   /// The four members that every result has; the others are set one by one.
-  ActionResult(std::string verb, std::string justification, double certainty, std::string expected_state)
-      : action(std::move(verb)),
+  ActionResult(std::string_view verb, std::string justification, double certainty, std::string expected_state)
+      : action(verb),
         reason(std::move(justification)),
         confidence(certainty),
         next_expected_state(std::move(expected_state)) {}
 
   std::string action;               ///< an ActionVerb, or whatever the model sent instead
   std::string reason;               ///< short justification; for declare_success the answer read from the screen
-  double confidence;                ///< the model's own assessment, 0 to 1; not clamped
+  double confidence = 0;            ///< the model's own assessment, 0 to 1; not clamped
   std::string next_expected_state;  ///< the screen after the action, as the model expects it
 
   std::optional<double> x_ratio;            ///< click position as a fraction of the viewport width

@@ -8,6 +8,7 @@
 #include <optional>
 #include <stdexcept>
 
+#include "vision/settings/internal/defaults.hpp"
 #include "vision/settings/model_registry.hpp"
 #include "vision/text/internal/numbers.hpp"
 #include "vision/text/internal/utf8.hpp"

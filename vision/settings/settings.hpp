@@ -3,8 +3,6 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 /// @file
 /// The library's tunables, fixed for the life of the process, and the tier
@@ -13,20 +11,8 @@ namespace vision {
 
 namespace detail {
 
-/// Reads a time-out in seconds as KX_VISION_TIMEOUT_S gives it: the default of
-/// 20.0 for null, an empty or unreadable text, and for a value that is not
-/// positive or not finite.
-double timeout_from_text(const char* text) noexcept;
-
 /// KX_VISION_TIMEOUT_S as it stood when it was first asked for.
 double default_timeout_s() noexcept;
-
-/// Prices in US dollars per million tokens, light model first. One entry, at
-/// the heavy price, when both have the same identifier.
-using PriceMap = std::vector<std::pair<std::string, double>>;
-PriceMap make_price_map(const std::string& light, double light_price, const std::string& heavy, double heavy_price);
-const PriceMap& COST_PER_MTOK_INPUT();
-const PriceMap& COST_PER_MTOK_OUTPUT();
 
 }  // namespace detail
 

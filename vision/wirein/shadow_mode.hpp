@@ -11,7 +11,7 @@
 
 #include "vision/client/vision_client.hpp"
 #include "vision/page/browser_page.hpp"
-#include "vision/runtime/internal/awaited.hpp"
+#include "vision/wirein/internal/host_callable.hpp"
 #include "vision/wirein/observer_options.hpp"
 
 namespace vision {
@@ -97,15 +97,15 @@ boost::asio::awaitable<std::exception_ptr> shadow_run(BrowserPage& page, boost::
 /// Throws what default_client() throws when no client is given; `cua_fn` is not
 /// called then. Cancellation ends both legs; no record is written then. `page`
 /// must outlive the operation.
-template <class CuaFn>
-boost::asio::awaitable<runtime::awaited_t<CuaFn>> shadow_observe_then_cua(BrowserPage& page, CuaFn cua_fn,
-                                                                          ObserverOptions options) {
-  runtime::Slot<runtime::awaited_t<CuaFn>> result;
-  auto cua = runtime::await_into(cua_fn, result);
+template <detail::AsyncCallable CuaFn>
+boost::asio::awaitable<detail::awaited_t<CuaFn>> shadow_observe_then_cua(BrowserPage& page, CuaFn cua_fn,
+                                                                         ObserverOptions options) {
+  std::optional<detail::stored_t<detail::awaited_t<CuaFn>>> result;
+  auto cua = detail::await_into(result, cua_fn);
   std::function<boost::json::value()> cua_text = [&result] { return detail::text_entry(*result); };
   const auto error = co_await detail::shadow_run(page, std::move(cua), std::move(cua_text), std::move(options));
   if (error) std::rethrow_exception(error);
-  if constexpr (!std::is_void_v<runtime::awaited_t<CuaFn>>) co_return std::move(*result);
+  if constexpr (!std::is_void_v<detail::awaited_t<CuaFn>>) co_return std::move(*result);
 }
 
 }  // namespace vision

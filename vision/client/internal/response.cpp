@@ -65,7 +65,7 @@ std::string text_of(const json::value* input, std::string_view name, std::string
 
 ActionResult _failure_result(std::string reason, const std::string& model, double latency_ms, std::int64_t in_tok,
                              std::int64_t out_tok) {
-  ActionResult result(std::string(ActionVerb::declare_failure), std::move(reason), 0.0, "");
+  ActionResult result(ActionVerb::declare_failure, std::move(reason), 0.0, "");
   result.model_used = model;
   result.latency_ms = latency_ms;
   result.input_tokens = in_tok;

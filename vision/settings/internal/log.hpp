@@ -46,7 +46,8 @@ void line(spdlog::level::level_enum level, const char* format, const Args&... ar
 }
 
 /// The error line of an unexpected failure: `message`, then indented lines with
-/// `details` and the current stack.
+/// `details` and those frames of the current stack that have a name (functions that a
+/// module exports; often few or none).
 void error_with_stack(std::string_view message, const std::string& details) noexcept;
 
 }  // namespace vision::log

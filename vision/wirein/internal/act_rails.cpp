@@ -35,7 +35,7 @@ std::optional<std::string> _act_mission_text(const std::optional<std::string>& m
 }
 
 ActionResult _act_synth(std::string reason) {
-  ActionResult result(std::string(ActionVerb::escalate_to_cua), std::move(reason), 0.0, "");
+  ActionResult result(ActionVerb::escalate_to_cua, std::move(reason), 0.0, "");
   result.model_used = "act_loop";
   return result;
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,9 +25,9 @@ namespace detail {
 
 /// How a mission ended, and the word for it in the final record.
 struct Terminal {
-  Terminal(ActionResult r, std::string_view o) : result(std::make_unique<ActionResult>(std::move(r))), outcome(o) {}
-  std::unique_ptr<ActionResult> result;  ///< not null
-  std::string_view outcome;              ///< "success", "failure" or "escalate"
+  Terminal(ActionResult r, std::string_view o) : result(std::move(r)), outcome(o) {}
+  ActionResult result;
+  std::string_view outcome;  ///< "success", "failure" or "escalate"
 };
 
 /// A terminal of the loop's own making.

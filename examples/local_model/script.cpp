@@ -1,4 +1,4 @@
-#include "examples/local_model/mission.hpp"
+#include "examples/local_model/script.hpp"
 
 #include <algorithm>
 #include <cctype>
@@ -50,7 +50,7 @@ std::string lower(std::string text) {
   return text;
 }
 
-// A line taken apart at its first and last quotation mark.
+// A line, split at its first and last quotation mark.
 struct Sentence {
   std::string before, quoted, after;
 };
@@ -99,7 +99,7 @@ std::optional<Guard> guard_of(const Sentence& sentence) {
   return guard;
 }
 
-// Takes a leading "12. " off the line; absent when there is none.
+// Removes a leading "12. " from the line; absent when there is none.
 std::optional<int> take_number(std::string& line) {
   std::size_t digits = 0;
   while (digits < line.size() && std::isdigit(static_cast<unsigned char>(line[digits])) != 0) ++digits;
@@ -109,43 +109,43 @@ std::optional<int> take_number(std::string& line) {
   return number;
 }
 
-void add_line(Mission& mission, std::string line) {
+void add_line(Script& script, std::string line) {
   line.erase(0, line.find_first_not_of(" \t"));
   const auto number = take_number(line);
   const auto sentence = parse_sentence(line);
   if (sentence) {
     if (auto guard = guard_of(*sentence)) {
-      mission.guards.push_back(std::move(*guard));
+      script.guards.push_back(std::move(*guard));
       return;
     }
   }
   if (!number) return;
   const auto kind = sentence ? kind_of(sentence->before) : std::nullopt;
   if (kind) {
-    mission.instructions.push_back({*number, *kind, sentence->quoted});
-  } else if (mission.not_understood.empty()) {
-    mission.not_understood = std::to_string(*number) + ". " + line;
+    script.instructions.push_back({*number, *kind, sentence->quoted});
+  } else if (script.not_understood.empty()) {
+    script.not_understood = std::to_string(*number) + ". " + line;
   }
 }
 
 }  // namespace
 
-Mission parse_mission(std::string_view user_message) {
-  Mission mission;
-  for (const auto& line : split_lines(task_part(user_message))) add_line(mission, line);
-  if (mission.instructions.empty() && mission.not_understood.empty()) {
+Script parse_script(std::string_view user_message) {
+  Script script;
+  for (const auto& line : split_lines(task_part(user_message))) add_line(script, line);
+  if (script.instructions.empty() && script.not_understood.empty()) {
     const std::string step = context_value(user_message, "current_step");
-    if (parse_sentence(step)) add_line(mission, "1. " + step);
+    if (parse_sentence(step)) add_line(script, "1. " + step);
   }
-  return mission;
+  return script;
 }
 
 Progress parse_progress(std::string_view user_message) {
-  // The verb and its place come from the loop, the bracket from this model.
+  // The loop writes the verb and its place, this model the bracket.
   static const std::regex note(
       R"((?:^| \| )step \d{1,6}/\d{1,6}: [a-z_]+(?:\([0-9.,]+\))? — \[(\d{1,4})(?: try (\d{1,4}))?\] )");
   std::string history = context_value(user_message, "last_action");
-  constexpr std::size_t enough = 4096;  // for three short lines; the matcher recurses on what it is given
+  constexpr std::size_t enough = 4096;  // for three short lines; libstdc++'s std::regex recurses
   if (history.size() > enough) history.erase(0, history.size() - enough);
   Progress progress;
   for (std::sregex_iterator found(history.begin(), history.end(), note), end; found != end; ++found) {

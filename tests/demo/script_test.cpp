@@ -1,5 +1,5 @@
-// What the local model makes of instructions, of its own notes and of the words
-// on a picture.
+// What the local model decides from instructions, its own notes and the words in a
+// picture.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -49,7 +49,7 @@ TEST(LocalModel, ReadsInstructionsAndForgivesTheReaderOfThePicture) {
                   line_at(0, 250, {"“Quoted”"}), line_at(0, 300, {"Link:"}), line_at(60, 300, {"river-42", "72"}, 4)});
   picture.words.push_back({"(a)", {-50, 288, -4, 334}, 0.5});  // a round sign, close to the word on its right
   const std::string wait = "wait: [3 try 1] Wait for ",
-                    unclear = "escalate_to_cua: This instruction has no form that the local model knows: ";
+                    unclear = "escalate_to_cua: The local model does not understand this instruction: ";
   const std::pair<std::string, std::string> rows[] = {
       {R"(Click "Share".)", R"(click 25,110: [3] Click "Share")"},
       {R"(Click the blue "share this" button)", R"(click 117,60: [3] Click "share this")"},
@@ -57,7 +57,6 @@ TEST(LocalModel, ReadsInstructionsAndForgivesTheReaderOfThePicture) {
       {R"(Click "Send invitation".)", R"(click 70,190: [3] Click "Send invitation")"},
       {R"(Click "quoted".)", R"(click 60,260: [3] Click "quoted")"},
       {R"(Click "Sharp".)", wait + R"("Sharp")"},
-      {R"(Click "Shared with me".)", wait + R"("Shared with me")"},
       {R"(Click "you Right".)", wait + R"("you Right")"},
       {R"(Click "...".)", wait + R"("...")"},
       {R"(Click the field BELOW "Email address".)", R"(click 69,214: [3] Click the field under "Email address")"},
@@ -66,7 +65,6 @@ TEST(LocalModel, ReadsInstructionsAndForgivesTheReaderOfThePicture) {
       {R"(scroll DOWN until "Zebra" is visible)", R"(scroll: [3 try 1] Scroll to find "Zebra")"},
       {R"(Report the text after "Link:".)", "declare_success: river-4272"},
       {R"(Dance with "Zebra".)", unclear + R"(3. Dance with "Zebra".)"},
-      {R"(Click "".)", unclear + R"(3. Click "".)"},
       {R"(If "x" is visible, dance.)", unclear + R"(3. If "x" is visible, dance.)"},
   };
   for (const auto& [instruction, expected] : rows) {
@@ -88,7 +86,7 @@ TEST(LocalModel, GoesOnFromItsOwnNotesAndGivesUpInTime) {
       {std::string(1'000'000, 'a') + " — [1] ", screen, "click 625,400: [1] Click \"Share\""},
       {"click(0.50,0.31) — [1] Click", screen, "click 125,164: [3] Click the field under \"Email\""},
       {"click(0.50,0.31) — [1] Click", nothing, "wait: [2 try 1] Wait for \"Email\""},
-      {"wait — [2 try 2] Wait", nothing, "escalate_to_cua: \"Email\" is not to be seen, needed by instruction 2."},
+      {"wait — [2 try 2] Wait", nothing, "escalate_to_cua: \"Email\" is not visible, and instruction 2 needs it."},
       {"wait — [3 try 2] Wait | step 10/20: click — [3] Click", screen, "type ana: [4] Type \"ana\""},
       {"type — [4] Type \"— [7] x\"", screen, "key Enter: [5] Press Enter"},
       {"scroll — [6 try 2] Scroll", nothing, "wait: [6 try 3] Wait for \"Link:\""},
@@ -96,8 +94,7 @@ TEST(LocalModel, GoesOnFromItsOwnNotesAndGivesUpInTime) {
       {"key — [5] Press", picture_of({line_at(0, 0, {"Link:"})}), "wait: [7 try 1] Wait for \"Link:\""},
       {"key — [5] Press", screen, "declare_success: go/maple now"},
       {"", picture_of({line_at(0, 0, {"Access", "denied"})}), "declare_failure: \"Access denied\" is visible."},
-      {"", picture_of({line_at(0, 0, {"Captcha"})}),
-       "escalate_to_cua: The screen asks to prove that a human is there."},
+      {"", picture_of({line_at(0, 0, {"Captcha"})}), "escalate_to_cua: The screen asks for proof of a human."},
   };
   for (const auto& [history, picture, expected] : rows) EXPECT_EQ(decision(brief, history, picture), expected);
 }
