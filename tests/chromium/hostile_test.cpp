@@ -16,7 +16,7 @@ using vision::test::proposal;
 
 // A mission on a real page with time limits in virtual time: the pauses between
 // steps pass at once, a limit only once it is known that nothing else can come.
-class HostileWorld : vision::test::World {
+class HostileWorld : vision::test::VirtualLoop {
  public:
   HostileWorld() : begins_(io, {asio::ip::address_v4::loopback(), 0}) {
     begins_.async_accept([this](boost::system::error_code, tcp::socket) { hangs = true; });

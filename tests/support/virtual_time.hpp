@@ -22,6 +22,13 @@ inline asio::awaitable<void> pause(double seconds) {
   co_await runtime::sleep_for(runtime::to_duration(seconds));
 }
 
+/// Returns `value` once `operation` has succeeded.
+template <class T>
+asio::awaitable<T> with_value(asio::awaitable<void> operation, T value) {
+  co_await std::move(operation);
+  co_return value;
+}
+
 /// Time that passes only when nothing else can happen.
 class VirtualTime : public runtime::TimeSource {
  public:
@@ -31,11 +38,11 @@ class VirtualTime : public runtime::TimeSource {
   Duration wall_now() const override { return wall_start + now_; }
 
   asio::awaitable<void> sleep(Duration duration) override { return sleep_ranked(duration, 0); }
-  /// The same; of the timers of one instant those of lower rank fire first.
+  /// The same; at one instant, timers of lower rank fire first.
   asio::awaitable<void> sleep_ranked(Duration duration, int rank) {
     co_await async_sleep(duration, rank, asio::use_awaitable);
   }
-  /// The same, deaf to cancellation.
+  /// The same, ignoring cancellation.
   asio::awaitable<void> sleep_deaf(Duration duration) {
     co_await async_sleep(duration, 0, asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
   }
@@ -45,12 +52,12 @@ class VirtualTime : public runtime::TimeSource {
     co_await async_sleep(duration, 0, asio::redirect_error(asio::use_awaitable, cancelled));
   }
 
-  /// Runs `action` then, within advance().
+  /// Runs `action` at that time, within advance().
   void at(Duration from_now, int rank, std::function<void()> action) {
     timers_.emplace(key(from_now, rank), [action = std::move(action)](auto) { action(); });
   }
 
-  /// Jumps to the earliest timer and lets it fire; false when there is none.
+  /// Jumps to the earliest timer and fires it; returns false when there is none.
   bool advance() {
     if (timers_.empty()) return false;
     const Key next = timers_.begin()->first;
@@ -70,7 +77,7 @@ class VirtualTime : public runtime::TimeSource {
   using Complete = std::function<void(boost::system::error_code)>;
   using Key = std::tuple<Duration, int, std::uint64_t>;  // when, rank, and in which order set
 
-  // What waits goes with the event loop, not with the last who holds the clock.
+  // What waits is destroyed with the event loop, not with the last owner of the clock.
   void shutdown() noexcept override { std::exchange(timers_, {}); }
 
   Key key(Duration from_now, int rank) { return {now_ + std::max(from_now, Duration::zero()), rank, ++last_id_}; }
@@ -94,7 +101,7 @@ class VirtualTime : public runtime::TimeSource {
     if (slot.is_connected()) slot.assign([this, key](auto) { finish(key, asio::error::operation_aborted); });
   }
 
-  // A timer that has fired is gone when a late cancellation looks for it.
+  // A late cancellation does not find a timer that has already fired.
   void finish(Key key, boost::system::error_code error) {
     const auto timer = timers_.find(key);
     if (timer == timers_.end()) return;
@@ -110,16 +117,16 @@ class VirtualTime : public runtime::TimeSource {
 };
 
 /// One event loop on virtual time.
-class World {
+class VirtualLoop {
  public:
-  World() : time(std::make_shared<VirtualTime>(io)) { runtime::install_time_source(io, time); }
+  VirtualLoop() : time(std::make_shared<VirtualTime>(io)) { runtime::install_time_source(io, time); }
 
   asio::io_context io;
   std::shared_ptr<VirtualTime> time;
-  /// Cancels the operation that runs; not to be called when none does.
+  /// Cancels the running operation. Call it only while one runs.
   std::function<void()> cancel;
 
-  /// Runs `operation` to its end and gives its value or throws its error.
+  /// Runs `operation` to its end; returns its value or throws its error.
   template <class T>
   T run(asio::awaitable<T> operation) {
     Running<T> running(io, std::move(operation), [this] { take_turn(); });
