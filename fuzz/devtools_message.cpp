@@ -1,6 +1,6 @@
-// A message from the browser is a JSON value with well-formed texts, or an error
-// after which its waiter can still be found. A browser's URL is taken apart into
-// what a request can be made of, or refused with one harmless line.
+// A message from the browser is a JSON value with well-formed texts, or an error after
+// which the command it answers can still be found. A browser's URL is split into parts
+// that are safe in a request, or refused with one harmless line.
 #include <boost/json/serialize.hpp>
 
 #include "chromium/errors.hpp"
@@ -18,16 +18,16 @@ void check_url(std::string_view text) try {
     return !part.empty() && std::all_of(part.begin(), part.end(), [](char c) { return c > ' ' && c <= '~'; });
   };
   const auto endpoint = parse_endpoint(std::string(text));
-  require(endpoint.scheme == "http" || endpoint.scheme == "ws", "one of two schemes");
+  require(endpoint.scheme == "http" || endpoint.scheme == "ws", "the scheme is http or ws");
   require(can_be_sent(endpoint.authority()) && can_be_sent(endpoint.path), "nothing can end a header");
   require(endpoint.path.starts_with('/'), "a path is absolute");
   const int port = std::stoi(endpoint.port);
-  require(port > 0 && port < 65536, "a port is one");
+  require(port > 0 && port < 65536, "a port is in range");
   const auto again = parse_endpoint(endpoint.scheme + "://" + endpoint.authority() + endpoint.path);
   require(again.host == endpoint.host && again.port == endpoint.port && again.path == endpoint.path,
-          "its own words mean the same");
+          "its own text parses to the same endpoint");
   const bool is_plain = endpoint.host.find_first_of("@/?#") == std::string::npos;
-  require(is_plain || !is_loopback(endpoint.host), "no other host");
+  require(is_plain || !is_loopback(endpoint.host), "a host with a delimiter is not loopback");
 } catch (const std::invalid_argument& e) {
   require(vision::text::one_line(e.what()) == e.what(), "an error is one harmless line");
 }
@@ -43,7 +43,7 @@ void check(Input text) {
   try {
     const boost::json::value message = parse_message(text);
     require(error || message == strict, "a strict reader's value");
-    // Of a lone surrogate, which scripts can make, nothing may be left.
+    // Scripts can make lone surrogates; none may be left.
     const std::string texts = boost::json::serialize(message);
     require(well_formed(texts) == texts, "texts are well-formed");
     const auto id = leading_id(text);
