@@ -1,6 +1,6 @@
-// A message from the browser is a JSON value with well-formed texts, or an error
-// after which its waiter can still be found. A browser's URL is taken apart into
-// what a request can be made of, or refused with one harmless line.
+// A message from the browser is a JSON value with well-formed texts, or an error after
+// which the command it answers can still be found. A browser's URL is split into parts
+// that are safe in a request, or refused with one harmless line.
 #include <boost/json/serialize.hpp>
 
 #include "chromium/errors.hpp"
@@ -42,7 +42,7 @@ void check(Input text) {
   try {
     const boost::json::value message = parse_message(text);
     require(error || message == strict, "a strict reader's value");
-    // Of a lone surrogate, which scripts can make, nothing may be left.
+    // Scripts can make lone surrogates; none may be left.
     const std::string texts = boost::json::serialize(message);
     require(well_formed(texts) == texts, "texts are well-formed");
     const auto id = leading_id(text);

@@ -1,6 +1,6 @@
-// However a browser's bytes are cut on their way, the messages are what stands
-// between the NULs; and whatever they say, everything that waits for them ends,
-// and nothing but the driver's own errors comes of it.
+// However a browser's bytes are cut on their way, the messages are the bytes between the
+// NULs. Whatever they say, every command that waits for them ends, and only the driver's
+// own errors come out.
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -56,7 +56,7 @@ void check(Input input) {
     const auto session = connection->session(id);
     session->set_event_handler([](std::string_view, const boost::json::object&) {});
     asio::co_spawn(context, evaluate(session), [&](std::exception_ptr error) {
-      require(!error, "only the driver's own errors come of it");
+      require(!error, "only the driver's own errors come out");
       ++ended;
     });
   }

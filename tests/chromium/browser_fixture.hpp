@@ -96,7 +96,7 @@ inline asio::awaitable<std::string> verdict_of(BrowserPage& page, ActLoopOptions
 
 /// A real browser with time limits in virtual time: the pauses between the steps of a
 /// mission pass at once, a limit only once it is known that nothing else can come.
-class VirtualTimeLoop : vision::test::World {
+class VirtualTimeLoop : vision::test::VirtualLoop {
  public:
   VirtualTimeLoop() : begins_(io, {asio::ip::address_v4::loopback(), 0}) {
     begins_.async_accept([this](boost::system::error_code, asio::ip::tcp::socket) { hangs = true; });

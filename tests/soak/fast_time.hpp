@@ -8,7 +8,7 @@ namespace vision::soak {
 
 namespace asio = boost::asio;
 
-/// The system's time, so many times as fast, and a count of the waits under way.
+/// The system's time, `speed` times as fast. Counts the waits under way.
 class FastTime : public runtime::TimeSource {
  public:
   explicit FastTime(int speed) : speed_(speed) {}
@@ -27,7 +27,7 @@ class FastTime : public runtime::TimeSource {
 
  private:
   const int speed_;
-  asio::io_context untouched_;  // a context without a time source of its own has the system's
+  asio::io_context untouched_;  // a context without its own time source uses the system's
   runtime::TimeSource& real_ = runtime::time_source(untouched_.get_executor());
   const std::shared_ptr<void> waiting_ = std::make_shared<int>();
 };

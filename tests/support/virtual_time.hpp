@@ -22,6 +22,13 @@ inline asio::awaitable<void> pause(double seconds) {
   co_await runtime::sleep_for(runtime::to_duration(seconds));
 }
 
+/// Returns `value` once `operation` has succeeded.
+template <class T>
+asio::awaitable<T> with_value(asio::awaitable<void> operation, T value) {
+  co_await std::move(operation);
+  co_return value;
+}
+
 /// Time that passes only when nothing else can happen.
 class VirtualTime : public runtime::TimeSource, public std::enable_shared_from_this<VirtualTime> {
  public:
@@ -64,7 +71,7 @@ class VirtualTime : public runtime::TimeSource, public std::enable_shared_from_t
     timers_.emplace(Key{now_ + std::max(from_now, Duration::zero()), rank, ++last_id_}, std::move(action));
   }
 
-  /// Jumps to the earliest timer and lets it fire; false when there is none.
+  /// Jumps to the earliest timer and fires it; returns false when there is none.
   bool advance() {
     if (timers_.empty()) return false;
     auto next = timers_.extract(timers_.begin());
@@ -100,16 +107,16 @@ class VirtualTime : public runtime::TimeSource, public std::enable_shared_from_t
 };
 
 /// One event loop on virtual time.
-class World {
+class VirtualLoop {
  public:
-  World() : time(std::make_shared<VirtualTime>()) { runtime::install_time_source(io, time); }
+  VirtualLoop() : time(std::make_shared<VirtualTime>()) { runtime::install_time_source(io, time); }
 
   asio::io_context io;
   std::shared_ptr<VirtualTime> time;
-  /// Cancels the operation that runs; not to be called when none does.
+  /// Cancels the running operation. Call it only while one runs.
   std::function<void()> cancel;
 
-  /// Runs `operation` to its end and gives its value or throws its error.
+  /// Runs `operation` to its end; returns its value or throws its error.
   template <class T>
   T run(asio::awaitable<T> operation) {
     Running<T> running(io, std::move(operation), [this] { take_turn(); });

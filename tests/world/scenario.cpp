@@ -1,19 +1,7 @@
-#include "tests/world/plan.hpp"
-
-#include <algorithm>
-#include <map>
-#include <stdexcept>
+#include "tests/world/scenario.hpp"
 
 namespace vision::world {
 namespace {
-
-constexpr struct {
-  std::string_view name, kinds;
-} faults[] = {
-#define VISION_WORLD_FAULT(name, kinds) {#name, kinds},
-    VISION_WORLD_FAULTS(VISION_WORLD_FAULT)
-#undef VISION_WORLD_FAULT
-};
 
 const std::string centre = R"(, "x_ratio": 0.5, "y_ratio": 0.25)";
 const Answer click{"click", 0.9, centre}, elsewhere{"click", 0.6, R"(, "x_ratio": 0.1, "y_ratio": 0.25)"};
@@ -26,29 +14,8 @@ const Answer no_tool{"no_tool"}, broken{"broken"}, unknown{"juggle"}, pointless{
 
 }  // namespace
 
-std::string name_of(Fault fault) {
-  return std::string(faults[static_cast<std::size_t>(fault)].name);
-}
-
-Fault fault_named(std::string_view name) {
-  const auto found =
-      std::find_if(std::begin(faults), std::end(faults), [&](const auto& row) { return row.name == name; });
-  if (found == std::end(faults)) throw std::invalid_argument("no fault is named \"" + std::string(name) + "\"");
-  return static_cast<Fault>(found - faults);
-}
-
-const std::vector<Fault>& faults_of(Kind of) {
-  static const auto by_kind = [] {
-    std::map<Kind, std::vector<Fault>> made;
-    for (const auto& row : faults)
-      for (const Kind kind : row.kinds) made[kind].push_back(fault_named(row.name));
-    return made;
-  }();
-  return by_kind.at(of);
-}
-
 const std::vector<Scenario>& scenarios() {
-  using enum Mode;
+  using namespace modes;
   static const std::vector<Scenario> all = {
       {act_loop, "act_loop/every_action", {click, type, scroll, key, short_wait, long_wait, unknown, success}},
       {act_loop, "act_loop/click_with_fixtures", {click, success}, {.fixtures = true}},
