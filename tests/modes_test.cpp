@@ -63,7 +63,7 @@ TEST_F(Modes, ActLoopTellsTheModelOfItsMission) {
 
 TEST_F(Modes, ActLoopSaysWhyItEnded) {
   const auto plain = [](ActLoopOptions&) {};
-  const auto read_only = [](ActLoopOptions& o) { o.read_only(); };
+  const auto read_only = [](ActLoopOptions& o) { o.read_only(true); };
   const auto at = [](const std::string& x) { return proposal("click", 1, R"(, "y_ratio": 0.3, "x_ratio": )" + x); };
   const std::string guess =
       test::tool_call(R"({"action": "click", "confidence": 0.42, "reason": ")" + std::string(200, 'r') + "\"}");

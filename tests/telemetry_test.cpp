@@ -187,9 +187,9 @@ TEST_F(Telemetry, VisionBlock) {
       {"It did not return", R"({"error": "It did not return", "elapsed_ms": 1999})"},
   };
   for (const auto& [reason, block] : rows) {
-    EXPECT_EQ(text::to_json(_vision_block(_failure_result(reason, "m", 1999.9))), block);
+    EXPECT_EQ(text::to_json(_vision_block(_failure_result(Cause::unexpected_error, reason, "m", 1999.9))), block);
   }
-  const auto verdict = _failure_result("a login wall; no transport error", "m", 1.0);
+  const auto verdict = _failure_result(Cause::model_answer, "a login wall; no transport error", "m", 1.0);
   EXPECT_EQ(_vision_block(verdict), _observe_action_record(verdict));
 }
 

@@ -15,9 +15,9 @@ std::unique_ptr<VisionClient>& process_wide() {
   return *slot;
 }
 
-std::shared_ptr<MessagesClient> http_client(const std::string& given_key) {
+std::shared_ptr<MessagesClient> http_client(const VisionClientOptions& options) {
   (void)MODEL_SONNET();  // a missing registry is reported before a missing key
-  return std::make_shared<HttpMessagesClient>(detail::resolve_api_key(given_key));
+  return std::make_shared<HttpMessagesClient>(detail::resolve_api_key(options.api_key()), options.http());
 }
 
 asio::awaitable<ActionResult> ask_owning(detail::ClientCore& core, Bytes image, ImgMeta img_meta,
@@ -27,7 +27,7 @@ asio::awaitable<ActionResult> ask_owning(detail::ClientCore& core, Bytes image, 
 
 }  // namespace
 
-VisionClient::VisionClient(VisionClientOptions options) : VisionClient(http_client(options.api_key()), options) {}
+VisionClient::VisionClient(VisionClientOptions options) : VisionClient(http_client(options), options) {}
 
 VisionClient::VisionClient(std::shared_ptr<MessagesClient> client, VisionClientOptions options)
     : core_(std::make_unique<detail::ClientCore>(metrics, std::move(client), options)) {}

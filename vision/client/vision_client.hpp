@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "vision/client/ask_options.hpp"
+#include "vision/client/http/http_options.hpp"
 #include "vision/client/messages_client.hpp"
 #include "vision/client/metrics.hpp"
 #include "vision/records/action_result.hpp"
@@ -38,29 +39,44 @@ class VisionClientOptions {
 
   /// The vendor API key. Absent and empty: the host registry's resolve_api_key,
   /// then ANTHROPIC_API_KEY.
-  VisionClientOptions& api_key(std::string value) {
+  VisionClientOptions& api_key(std::string value) & {
     api_key_ = std::move(value);
     return *this;
   }
+  /// Settings of the HTTPS client that the constructor without a MessagesClient makes.
+  VisionClientOptions& http(HttpOptions value) & {
+    http_ = std::move(value);
+    return *this;
+  }
   /// Model for calls that nothing sends to the heavy one. Default MODEL_SONNET().
-  VisionClientOptions& default_model(std::string value) {
+  VisionClientOptions& default_model(std::string value) & {
     default_model_ = std::move(value);
     return *this;
   }
   /// Calls allowed until the metrics are reset. Default DEFAULT_CALL_BUDGET.
-  VisionClientOptions& call_budget(std::int64_t value) {
+  VisionClientOptions& call_budget(std::int64_t value) & {
     call_budget_ = value;
     return *this;
   }
   /// Run on the result of each response, before the call returns. Default: none.
-  VisionClientOptions& on_action(OnAction value) {
+  VisionClientOptions& on_action(OnAction value) & {
     on_action_ = std::move(value);
     return *this;
   }
 
   ///@{
+  /// The setters on a temporary, which they return by value.
+  VisionClientOptions api_key(std::string value) && { return std::move(api_key(std::move(value))); }
+  VisionClientOptions http(HttpOptions value) && { return std::move(http(std::move(value))); }
+  VisionClientOptions default_model(std::string value) && { return std::move(default_model(std::move(value))); }
+  VisionClientOptions call_budget(std::int64_t value) && { return std::move(call_budget(value)); }
+  VisionClientOptions on_action(OnAction value) && { return std::move(on_action(std::move(value))); }
+  ///@}
+
+  ///@{
   /// The value that was set, or its default.
   const std::string& api_key() const noexcept { return api_key_; }
+  const HttpOptions& http() const noexcept { return http_; }
   const std::optional<std::string>& default_model() const noexcept { return default_model_; }
   std::int64_t call_budget() const noexcept { return call_budget_; }
   const OnAction& on_action() const noexcept { return on_action_; }
@@ -68,6 +84,7 @@ class VisionClientOptions {
 
  private:
   std::string api_key_;
+  HttpOptions http_;
   std::optional<std::string> default_model_;
   std::int64_t call_budget_ = DEFAULT_CALL_BUDGET;
   OnAction on_action_;
@@ -83,15 +100,14 @@ class VisionClientOptions {
 /// coroutine lets through, ends an operation at once with operation_aborted.
 class VisionClient {
  public:
-  /// Talks to the vendor over HTTPS with default settings. Throws
-  /// std::runtime_error when no API key is found or no model registry has been
-  /// supplied, std::invalid_argument when the key or ANTHROPIC_BASE_URL is
-  /// malformed.
+  /// Talks to the vendor over HTTPS. Throws std::runtime_error when no API key is
+  /// found or no model registry has been supplied, std::invalid_argument when the
+  /// key, ANTHROPIC_BASE_URL or one of the HTTP options is malformed.
   explicit VisionClient(VisionClientOptions options = VisionClientOptions());
 
-  /// Talks through `client` (not null), which holds its own credentials; the
-  /// options' API key is not used. Throws std::runtime_error when no model
-  /// registry has been supplied.
+  /// Talks through `client`, which holds its own credentials: the API key and the
+  /// HTTP options are not used. Throws std::invalid_argument when `client` is null,
+  /// std::runtime_error when no model registry has been supplied.
   explicit VisionClient(std::shared_ptr<MessagesClient> client, VisionClientOptions options = VisionClientOptions());
 
   ~VisionClient();

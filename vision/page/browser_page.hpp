@@ -39,10 +39,15 @@ class ScreenshotOptions {
  public:
   ScreenshotOptions() {}
   /// The whole page instead of the viewport. Default false.
-  ScreenshotOptions& full_page(bool value) {
+  ScreenshotOptions& full_page(bool value) & {
     full_page_ = value;
     return *this;
   }
+  ///@{
+  /// The setters on a temporary, which they return by value.
+  ScreenshotOptions full_page(bool value) && { return std::move(full_page(value)); }
+  ///@}
+
   ///@{
   /// The value that was set, or its default.
   bool full_page() const noexcept { return full_page_; }

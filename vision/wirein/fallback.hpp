@@ -20,15 +20,21 @@ class FallbackOptions {
   explicit FallbackOptions(FlowContext flow_context) : flow_context_(std::move(flow_context)) {}
 
   /// The client; it must outlive the call. Default: default_client().
-  FallbackOptions& vision(VisionClient& value) {
+  FallbackOptions& vision(VisionClient& value) & {
     vision_ = &value;
     return *this;
   }
   /// Forces the heavy model. Default false.
-  FallbackOptions& high_stakes(bool value = true) {
+  FallbackOptions& high_stakes(bool value) & {
     high_stakes_ = value;
     return *this;
   }
+
+  ///@{
+  /// The setters on a temporary, which they return by value.
+  FallbackOptions vision(VisionClient& value) && { return std::move(vision(value)); }
+  FallbackOptions high_stakes(bool value) && { return std::move(high_stakes(value)); }
+  ///@}
 
   ///@{
   /// The value that was set, or its default.
