@@ -11,7 +11,7 @@
 /// API key or the request body. `kind_name()` is the name of the class.
 namespace vision {
 
-/// The root of the family; on its own an error of none of the kinds below.
+/// The base class; itself an error of no kind below.
 class APIError : public std::runtime_error, public NamedError {
  public:
   using std::runtime_error::runtime_error;
@@ -24,7 +24,7 @@ class APIConnectionError : public APIError {
   /// What stood in the way, where that is known.
   enum class Reason {
     other,
-    unreachable,            ///< the name does not resolve, or nobody listens
+    unreachable,            ///< the name does not resolve, or the connection is refused
     timed_out,              ///< connecting took too long
     broken_off,             ///< the connection or the response ended too early
     untrusted_certificate,  ///< self-signed, or from an authority that is not trusted
@@ -52,7 +52,7 @@ class APITimeoutError : public APIConnectionError {
   const char* kind_name() const noexcept override { return "APITimeoutError"; }
 };
 
-/// A response that arrived but is no Messages API response: not JSON, too large,
+/// A response that is not a Messages API response: not JSON, too large,
 /// nested too deep, not an object.
 class APIResponseValidationError : public APIError {
  public:

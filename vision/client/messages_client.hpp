@@ -14,7 +14,7 @@ class MessagesClient {
  public:
   virtual ~MessagesClient() = default;
 
-  /// Sends one request and gives the response's JSON object. `request` stays
+  /// Sends one request and returns the response's JSON object. `request` stays
   /// valid until the operation has ended.
   ///
   /// Fails with an APIError (api_error.hpp) or any other exception; of these,

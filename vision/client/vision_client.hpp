@@ -48,7 +48,7 @@ class VisionClientOptions {
     http_ = std::move(value);
     return *this;
   }
-  /// Model for calls that nothing sends to the heavy one. Default MODEL_SONNET().
+  /// The model of calls for which nothing selects the heavy one. Default MODEL_SONNET().
   VisionClientOptions& default_model(std::string value) & {
     default_model_ = std::move(value);
     return *this;
@@ -118,13 +118,13 @@ class VisionClient {
   /// result, once. The pipeline reads and resets it.
   VisionMetrics metrics;
 
-  /// One vision call: sends the screenshot and the context, gives the model's
-  /// answer as a typed result. A time-out, a transport error (after one retry) or
+  /// One vision call: sends the screenshot and the context, returns the
+  /// model's answer as a typed result. A time-out, a transport error (after one retry) or
   /// any other error of the call comes back as a declare_failure result with the
-  /// cause in `reason`.
+  /// cause in `reason` and `cause`.
   ///
   /// Throws BudgetExceeded when `metrics` already counts the call budget, and
-  /// ConversionError when "attempts" in `flow_context` is no integer; nothing is
+  /// ConversionError when "attempts" in `flow_context` is not an integer; nothing is
   /// sent or recorded then. A call that is cancelled before its response has been
   /// read is not recorded; one that is cancelled in the hook has been.
   boost::asio::awaitable<ActionResult> ask(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
@@ -137,12 +137,12 @@ class VisionClient {
   ///
   /// Passes the page's error when it cannot take the screenshot; throws
   /// std::out_of_range for a viewport size without width or height, and
-  /// ConversionError for one that is no number.
+  /// ConversionError for one that is not a number.
   boost::asio::awaitable<std::pair<Bytes, ImgMeta>> screenshot(BrowserPage& page, bool full_page = false);
 
   /// Takes a screenshot and asks about it, with the transport retry on. The
   /// on_action hook sees a copy of `flow_context` that has a "viewport" entry (w,
-  /// h, dpr) unless the caller gave one. Errors as of `screenshot` and `ask`.
+  /// h, dpr) unless the caller's has one. Throws what `screenshot` and `ask` throw.
   boost::asio::awaitable<ActionResult> act(BrowserPage& page, const FlowContext& flow_context,
                                            AskOptions options = AskOptions());
 

@@ -100,9 +100,9 @@ class ActLoopOptions {
 };
 
 /// Drives `page` toward the mission's goal, one model-proposed action at a time,
-/// and gives the terminal result: the model's declare_success (the answer is in
+/// and returns the terminal result: the model's declare_success (the answer is in
 /// `reason`), declare_failure or escalate_to_cua, or an escalate_to_cua of the
-/// loop's own (`model_used` "act_loop") when a rail ends the mission: the step
+/// loop's own (`model_used` "act_loop") when a rail ends the mission; `cause` tells which: the step
 /// cap, `should_abort`, three identical proposals in a row, a low-confidence
 /// proposal or success claim, a page action in read-only mode, a step that fails
 /// or takes longer than DEFAULT_TIMEOUT_S x 2 + 12 seconds, an exhausted call
@@ -113,7 +113,7 @@ class ActLoopOptions {
 ///
 /// Throws only what default_client() throws, when no client is given. `page` must
 /// outlive the operation. Cancellation, of any kind that the caller's coroutine
-/// lets through, ends it with operation_aborted: there is no final record then.
+/// lets through, ends it with operation_aborted, without a final record.
 boost::asio::awaitable<ActionResult> act_loop(BrowserPage& page, ActLoopOptions options);
 
 }  // namespace vision

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
+#include <cassert>
 #include <functional>
 #include <string>
 #include <utility>
@@ -88,8 +89,10 @@ class FallbackResult {
   ///@}
 
   ///@{
-  /// A result of each way. For the library and for hosts' tests.
+  /// A result of each way; `way` of a step is `step` or `rescued`. For the library and
+  /// for hosts' tests.
   static FallbackResult of_step(detail::stored_t<Step> value, FallbackWay way) {
+    assert(way == FallbackWay::step || way == FallbackWay::rescued);
     return FallbackResult(way, std::in_place_index<1>, std::move(value));
   }
   static FallbackResult of_verdict(ActionResult value) {

@@ -34,7 +34,7 @@ struct ClientCore::Attempt {
   enum class Next {
     done,     ///< there was a response: `result` is what it says
     give_up,  ///< `result` is the failure of the call
-    retry,    ///< once more; there is no `result`
+    retry,    ///< once more; `result` is empty
   };
   Next next;
   ActionResult result;

@@ -1,6 +1,7 @@
 #include "vision/settings/internal/log.hpp"
 
 #include <dlfcn.h>
+#include <spdlog/sinks/stdout_color_sinks.h>
 
 #include <boost/stacktrace.hpp>
 
@@ -24,8 +25,10 @@ std::shared_ptr<spdlog::logger> logger() {
   if (auto registered = spdlog::get("vision")) return registered;
   // Not registered, so that a host may still register its own; never destroyed,
   // so that static objects may still log.
-  static const auto& own = *new std::shared_ptr<spdlog::logger>(
-      spdlog::default_logger() ? spdlog::default_logger()->clone("vision") : nullptr);
+  static const auto& own =
+      *new auto(std::make_shared<spdlog::logger>("vision", std::make_shared<spdlog::sinks::stderr_color_sink_mt>()));
+  // spdlog::set_level() does not reach a logger that is not registered.
+  if (const auto* process_wide = spdlog::default_logger_raw()) own->set_level(process_wide->level());
   return own;
 }
 
