@@ -36,7 +36,7 @@ function(vision_library name)
   cmake_parse_arguments(ARG "" "EXPORT_NAME;INCLUDE_PREFIX;PC;BASE"
     "SOURCES;ROOMS;FORCED_HEADERS;PUBLIC;PRIVATE;NEEDS" ${ARGN})
   set(in_tree _shared)
-  if(NOT VISION_SHARED OR VISION_TESTS OR VISION_EXAMPLES OR VISION_BENCH)
+  if(NOT VISION_SHARED OR VISION_TESTS OR VISION_EXAMPLES OR VISION_TOOLS OR VISION_BENCH)
     add_library(${name} STATIC)
     set(in_tree "")
   endif()

@@ -4,7 +4,7 @@
 #include <boost/json/serialize.hpp>
 
 #include "chromium/errors.hpp"
-#include "chromium/protocol/endpoint.hpp"
+#include "chromium/protocol/devtools_url.hpp"
 #include "chromium/protocol/message.hpp"
 #include "fuzz/input.hpp"
 
@@ -17,17 +17,16 @@ void check_url(std::string_view text) try {
   const auto can_be_sent = [](std::string_view part) {
     return !part.empty() && std::all_of(part.begin(), part.end(), [](char c) { return c > ' ' && c <= '~'; });
   };
-  const auto endpoint = parse_endpoint(std::string(text));
-  require(endpoint.scheme == "http" || endpoint.scheme == "ws", "one of two schemes");
-  require(can_be_sent(endpoint.authority()) && can_be_sent(endpoint.path), "nothing can end a header");
-  require(endpoint.path.starts_with('/'), "a path is absolute");
-  const int port = std::stoi(endpoint.port);
+  const auto url = parse_devtools_url(std::string(text));
+  require(url.scheme == "http" || url.scheme == "ws", "one of two schemes");
+  require(can_be_sent(url.authority()) && can_be_sent(url.path), "nothing can end a header");
+  require(url.path.starts_with('/'), "a path is absolute");
+  const int port = std::stoi(url.port);
   require(port > 0 && port < 65536, "a port is one");
-  const auto again = parse_endpoint(endpoint.scheme + "://" + endpoint.authority() + endpoint.path);
-  require(again.host == endpoint.host && again.port == endpoint.port && again.path == endpoint.path,
-          "its own words mean the same");
-  const bool is_plain = endpoint.host.find_first_of("@/?#") == std::string::npos;
-  require(is_plain || !is_loopback(endpoint.host), "no other host");
+  const auto again = parse_devtools_url(url.scheme + "://" + url.authority() + url.path);
+  require(again.host == url.host && again.port == url.port && again.path == url.path, "its own words mean the same");
+  const bool is_plain = url.host.find_first_of("@/?#") == std::string::npos;
+  require(is_plain || !is_loopback(url.host), "no other host");
 } catch (const std::invalid_argument& e) {
   require(vision::text::one_line(e.what()) == e.what(), "an error is one harmless line");
 }

@@ -25,7 +25,7 @@ void check(Input input) {
     const chromium::Key& key = (*keys)[i];
     require((*longer)[i + 1].code == key.code, "keys keep their order");
     require(!key.key.empty() && !key.code.empty() && key.virtual_code > 0, "a key is complete");
-    const auto struck = chromium::under_modifiers(key, held);
+    const auto struck = chromium::with_modifiers(key, held);
     require((held & ~chromium::shift) == 0 || struck.text.empty(), "a short cut types nothing");
     require((held & ~chromium::shift) != 0 || struck.text.empty() == key.text.empty(),
             "Shift neither adds nor takes away text");

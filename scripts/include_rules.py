@@ -16,15 +16,15 @@ vision/client
 vision/client/http vision/wirein
 vision
 chromium/errors.hpp chromium/launch_options.hpp
-chromium/process chromium/protocol
-chromium/input chromium/events
+chromium/protocol
+chromium/process chromium/input chromium/events
 chromium
 """
 LEVEL = {room: level for level, line in enumerate(LAYERS.split("\n")) for room in line.split()}
 # The one include that goes up.
 UPWARD = {("vision/client/vision_client.cpp", "vision/client/http/http_messages_client.hpp"): "the default transport"}
 # Who may include internal headers. All other programs show hosts how it is done.
-INSIDERS = "vision chromium tests fuzz bench examples/demo examples/local_model examples/loopback".split()
+INSIDERS = "vision chromium tests fuzz bench bindings tools examples/demo examples/local_model examples/loopback".split()
 OUTSIDERS = ["tests/consumer"]
 # Internal, and installed all the same: what templates in host headers need.
 FORCED = {"vision/" + name for names in re.findall(r"FORCED_HEADERS((?:\s+\S+\.hpp)+)", CMAKE.read_text())

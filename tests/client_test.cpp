@@ -161,15 +161,28 @@ TEST_F(Client, Metrics) {
 }
 
 TEST_F(Client, ApiKeyAndTheProcessWideClient) {
-  const test::ScopedEnv env("ANTHROPIC_API_KEY", "from-env");
-  registry.resolver = [] { return std::string("from-registry"); };
-  EXPECT_EQ(detail::resolve_api_key("given"), "given");
-  EXPECT_EQ(detail::resolve_api_key(""), "from-registry");
-  const std::function<std::string()> without[] = {[] { return ""; }, []() -> std::string { throw 42; }, nullptr};
-  for (const auto& resolver : without) {
+  const std::function<std::string()> none[] = {[] { return ""; }, []() -> std::string { throw 42; }, nullptr};
+  const std::tuple<std::string, std::function<std::string()>, std::string, std::string> rows[] = {
+      {"given", [] { return "from-registry"; }, "from-env", "given"},
+      {"", [] { return "from-registry"; }, "from-env", "from-registry"},
+      {"", none[0], " from-env\n", "from-env"},
+      {"", none[1], "from-env", "from-env"},
+      {"", none[2], "from-env", "from-env"},
+      {" ", none[0], "from-env", "the API key from the api_key argument is blank"},
+      {"", [] { return "\n"; }, "from-env", "the API key from the model registry's resolve_api_key is blank"},
+      {"", none[2], " ", "the API key from the environment variable ANTHROPIC_API_KEY is blank"},
+      {"", none[2], "", "VisionClient: no API key. Pass api_key= or set ANTHROPIC_API_KEY."},
+  };
+  for (const auto& [given, resolver, variable, expected] : rows) {
     registry.resolver = resolver;
-    EXPECT_EQ(detail::resolve_api_key(""), "from-env");
+    const test::ScopedEnv env("ANTHROPIC_API_KEY", variable);
+    try {
+      EXPECT_EQ(detail::resolve_api_key(given), expected);
+    } catch (const std::exception& error) {
+      EXPECT_EQ(error.what(), expected);
+    }
   }
+  const test::ScopedEnv env("ANTHROPIC_API_KEY", "from-env");
   EXPECT_THROW(VisionClient(std::shared_ptr<MessagesClient>()), std::invalid_argument);
   reset_default_metrics();
   VisionClient& made = default_client();

@@ -256,6 +256,7 @@ TEST_F(Telemetry, HostileTextStaysInItsLine) {
   for (std::string line : log.lines()) {
     // The stack below an unexpected error is all that takes lines of its own.
     if (line.starts_with("error: ")) boost::algorithm::replace_all(line, "\n    ", " ");
+    EXPECT_EQ(line.find("+0x"), line.npos) << "a frame without a name: " << line;
     EXPECT_EQ(text::one_line(line), line);
   }
 }

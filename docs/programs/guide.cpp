@@ -138,10 +138,9 @@ asio::awaitable<void> one_run(std::shared_ptr<vision::BrowserPage> page, std::st
 
 // [client]
 std::unique_ptr<vision::VisionClient> gateway_client() {
-  auto options = vision::HttpOptions().base_url("https://gateway.example").ca_file("/etc/ssl/gateway.pem");
-  auto http = std::make_shared<vision::HttpMessagesClient>(key_from_vault(), options);
-  auto client_options = vision::VisionClientOptions().call_budget(200);
-  return std::make_unique<vision::VisionClient>(http, client_options);
+  auto http = vision::HttpOptions().base_url("https://gateway.example").ca_file("/etc/ssl/gateway.pem");
+  auto options = vision::VisionClientOptions().api_key(key_from_vault()).http(http).call_budget(200);
+  return std::make_unique<vision::VisionClient>(options);
 }
 // [client]
 

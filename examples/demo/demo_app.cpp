@@ -10,7 +10,7 @@
 #include <random>
 #include <stdexcept>
 
-#include "vision/runtime/time.hpp"
+#include "vision/runtime/internal/await.hpp"
 
 namespace demo {
 namespace {

@@ -7,6 +7,7 @@
 #                        logs/vision_shadow.jsonl and the log lines vision.log
 #   <!-- shown: why -->  sh or cpp: not run
 #   <!-- output -->      exactly what the commands before it print
+#   <!-- run by path -->  by that program of the tests
 #   <!-- record -->      every line stands in the sample log
 #   <!-- log -->         every line stands in the sample log lines
 # Every cpp and sh block needs one. Links between files must lead somewhere.
@@ -70,6 +71,7 @@ check_blocks() { # PAGE
     case "$language|$mark" in
       'cpp|shown: '* | 'sh|shown: '*) ;;
       'sh|run') run_commands "$place" "$scratch/blocks/$number" "$scratch/world" ;;
+      *'|run by '*) [ -x "$project/${mark#run by }" ] || mistake "$place: no program ${mark#run by }" ;;
       *'|output') diff -u "$scratch/blocks/$number" "$scratch/output" || mistake "$place: the output differs" ;;
       *'|record') check_lines "$place" "$scratch/blocks/$number" "$scratch/world/logs/vision_shadow.jsonl" ;;
       *'|log') check_lines "$place" "$scratch/blocks/$number" "$scratch/world/vision.log" ;;

@@ -14,10 +14,16 @@ namespace html {
 /// other than line feed and tab, and what is not valid UTF-8, become U+FFFD.
 std::string escaped(std::string_view text);
 
+/// What a page has of its own. Neither text may hold the end tag of its element.
+struct PageExtras {
+  std::string_view style;   ///< CSS, after the common style sheet
+  std::string_view script;  ///< JavaScript, run when the page has been read
+};
+
 /// A whole page: UTF-8, self-contained, dark or light as the reader's system is,
-/// with a policy that forbids scripts and whatever is not in the page itself.
-/// `title` is also its heading; `html` follows.
-std::string page(std::string_view title, std::string_view html);
+/// with a policy that forbids whatever is not in the page itself, and every script
+/// but `extras.script`. `title` is also its heading; `html` follows.
+std::string page(std::string_view title, std::string_view html, const PageExtras& extras = {});
 
 /// Names with their values, side by side.
 std::string facts(const std::vector<std::pair<std::string, std::string>>& entries);

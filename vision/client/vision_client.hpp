@@ -43,11 +43,6 @@ class VisionClientOptions {
     api_key_ = std::move(value);
     return *this;
   }
-  /// Settings of the HTTPS client that the constructor without a MessagesClient makes.
-  VisionClientOptions& http(HttpOptions value) & {
-    http_ = std::move(value);
-    return *this;
-  }
   /// The model of calls for which nothing selects the heavy one. Default MODEL_SONNET().
   VisionClientOptions& default_model(std::string value) & {
     default_model_ = std::move(value);
@@ -61,6 +56,13 @@ class VisionClientOptions {
   /// Run on the result of each response, before the call returns. Default: none.
   VisionClientOptions& on_action(OnAction value) & {
     on_action_ = std::move(value);
+    return *this;
+  }
+
+  /// How the vendor is reached: endpoint, certificates, time-out. Not used with a
+  /// MessagesClient of the host's. Default: HttpOptions().
+  VisionClientOptions& http(HttpOptions value) & {
+    http_ = std::move(value);
     return *this;
   }
 
@@ -100,12 +102,13 @@ class VisionClientOptions {
 /// coroutine lets through, ends an operation at once with operation_aborted.
 class VisionClient {
  public:
-  /// Talks to the vendor over HTTPS. Throws std::runtime_error when no API key is
-  /// found or no model registry has been supplied, std::invalid_argument when the
-  /// key, ANTHROPIC_BASE_URL or one of the HTTP options is malformed.
+  /// Talks to the vendor through an HttpMessagesClient with the options' key and HTTP
+  /// options. Throws std::runtime_error when no API key is found or no model registry
+  /// has been supplied, std::invalid_argument when the key (the message says where it
+  /// came from), ANTHROPIC_BASE_URL or an HTTP option is malformed.
   explicit VisionClient(VisionClientOptions options = VisionClientOptions());
 
-  /// Talks through `client`, which holds its own credentials: the API key and the
+  /// Talks through `client`, which holds its own credentials; the options' API key and
   /// HTTP options are not used. Throws std::invalid_argument when `client` is null,
   /// std::runtime_error when no model registry has been supplied.
   explicit VisionClient(std::shared_ptr<MessagesClient> client, VisionClientOptions options = VisionClientOptions());

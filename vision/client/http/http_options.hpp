@@ -14,17 +14,16 @@ class HttpOptions {
  public:
   HttpOptions() {}
 
-  /// Where the API is, an http or https URL to which "/v1/messages" is appended
-  /// (slashes at its end are ignored). http is accepted for this machine alone
-  /// (localhost, 127.0.0.0/8, ::1), which no proxy is asked for. Default:
-  /// ANTHROPIC_BASE_URL when it is set and not empty, else
-  /// https://api.anthropic.com.
+  /// The URL of the API, http or https, to which "/v1/messages" is appended (slashes
+  /// at its end are ignored). http is accepted only for this machine (localhost,
+  /// 127.0.0.0/8, ::1), and then uses no proxy. Default: ANTHROPIC_BASE_URL when it
+  /// is set and not empty, else https://api.anthropic.com.
   HttpOptions& base_url(std::string value) & {
     base_url_ = std::move(value);
     return *this;
   }
-  /// Also accept http to other machines: the API key and the screenshots travel
-  /// in the clear. Default false.
+  /// Accept http to other machines too: the API key and the screenshots then travel
+  /// unencrypted. Default false.
   HttpOptions& allow_plain_http(bool value) & {
     allow_plain_http_ = value;
     return *this;
@@ -34,13 +33,13 @@ class HttpOptions {
     ca_file_ = std::move(value);
     return *this;
   }
-  /// Limit for resolving, connecting and the TLS handshake together. Default
-  /// 10 s. Waiting for the response has no limit of its own.
+  /// Limit for name resolution, connecting and the TLS handshake together. Default
+  /// 10 s. Waiting for the response has no limit.
   HttpOptions& connect_timeout(std::chrono::milliseconds value) & {
     connect_timeout_ = value;
     return *this;
   }
-  /// Largest response body accepted, in bytes. Default 1 MiB: an answer has a few kB.
+  /// Largest response body accepted, in bytes. Default 1 MiB; an answer takes a few kB.
   HttpOptions& max_response_bytes(std::size_t value) & {
     max_response_bytes_ = value;
     return *this;

@@ -1,25 +1,10 @@
 #include "vision/settings/internal/log.hpp"
 
-#include <dlfcn.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 
 #include <boost/stacktrace.hpp>
 
 namespace vision::log {
-
-namespace {
-
-// "function" or, where the module tells no name, "module+0xoffset", which
-// addr2line understands.
-std::string describe(const boost::stacktrace::frame& frame) {
-  if (std::string name = frame.name(); !name.empty()) return name;
-  Dl_info info{};
-  if (::dladdr(frame.address(), &info) == 0 || !info.dli_fname) return "?";
-  const auto offset = static_cast<const char*>(frame.address()) - static_cast<const char*>(info.dli_fbase);
-  return fmt::sprintf("%s+0x%x", info.dli_fname, offset);
-}
-
-}  // namespace
 
 std::shared_ptr<spdlog::logger> logger() {
   if (auto registered = spdlog::get("vision")) return registered;
@@ -43,12 +28,12 @@ void write(spdlog::logger& logger, spdlog::level::level_enum level, std::string_
 void error_with_stack(std::string_view message, const std::string& details) noexcept {
   try {
     const auto channel = logger();
-    if (!channel || !channel->should_log(spdlog::level::err)) return;
+    if (!channel->should_log(spdlog::level::err)) return;
     std::string lines(message);
     lines += "\n    " + text::one_line(details);
     constexpr std::size_t own_frames = 1, max_frames = 24;
     for (const auto& frame : boost::stacktrace::stacktrace(own_frames, max_frames)) {
-      lines += "\n    at " + text::one_line(describe(frame));
+      if (const std::string name = frame.name(); !name.empty()) lines += "\n    at " + text::one_line(name);
     }
     write(*channel, spdlog::level::err, lines);
   } catch (...) {

@@ -39,7 +39,7 @@ template <class... Args>
 void line(spdlog::level::level_enum level, const char* format, const Args&... args) noexcept {
   try {
     const auto channel = logger();
-    if (!channel || !channel->should_log(level)) return;
+    if (!channel->should_log(level)) return;
     write(*channel, level, text::one_line(fmt::sprintf(format, evaluate(args)...)));
   } catch (...) {
     return;  // a line that cannot be built is lost, its caller goes on
@@ -47,7 +47,8 @@ void line(spdlog::level::level_enum level, const char* format, const Args&... ar
 }
 
 /// The error line of an unexpected failure: `message`, then indented lines with
-/// `details` and the current stack.
+/// `details` and those frames of the current stack that have a name (functions that a
+/// module exports; often few or none).
 void error_with_stack(std::string_view message, const std::string& details) noexcept;
 
 }  // namespace vision::log

@@ -36,8 +36,8 @@ class ContextDriver {
   std::shared_ptr<CurlDriver> driver_;
 };
 
-// The driver serves a whole context: it should not queue behind one caller's
-// strand.
+// The driver serves a whole context, and must not queue behind the strand of the
+// caller that happens to be the first.
 asio::any_io_executor without_strand(const asio::any_io_executor& executor) {
   if (const auto* strand = executor.target<asio::strand<asio::io_context::executor_type>>()) {
     return strand->get_inner_executor();
@@ -48,24 +48,25 @@ asio::any_io_executor without_strand(const asio::any_io_executor& executor) {
   return executor;
 }
 
-// The asynchronous operation behind `run`: hands the waiting coroutine to the
-// driver as a completion that resumes it on its own executor.
+// The asynchronous operation behind `run`: gives the driver a completion that resumes
+// the waiting coroutine on its own executor.
 struct StartExchange {
   template <class Handler>
   void operator()(Handler&& handler, std::shared_ptr<CurlDriver> driver, std::shared_ptr<Exchange> exchange) const {
     auto slot = asio::get_associated_cancellation_slot(handler);
     if (slot.is_connected()) {
+      // Weak, because a slot keeps its handler after the operation has ended.
       slot.assign([driver = std::weak_ptr(driver), exchange = std::weak_ptr(exchange)](asio::cancellation_type_t type) {
         const auto [d, e] = std::pair(driver.lock(), exchange.lock());
         if (d && e && type != asio::cancellation_type::none) d->cancel(e.get());
       });
     }
     auto work = asio::make_work_guard(handler);
-    // Shared, because std::function copies.
+    // Shared, because std::function copies what it holds, and a handler cannot be copied.
     auto shared = std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler));
-    CurlDriver& runner = *driver;  // the completion may run, and end `driver`'s owner, before `start` returns
-    const auto keep = driver;
-    runner.start(std::move(exchange), [shared = std::move(shared), work = std::move(work)](error_code error) {
+    // `driver` is a copy: another thread may resume the coroutine, and destroy all that
+    // owns the driver, before `start` returns.
+    driver->start(std::move(exchange), [shared = std::move(shared), work = std::move(work)](error_code error) {
       asio::post(work.get_executor(), [shared, error] {
         auto resume = std::move(*shared);
         std::move(resume)(error);
@@ -78,8 +79,8 @@ struct StartExchange {
 
 std::shared_ptr<CurlDriver> driver_of(const asio::any_io_executor& executor) {
   {
-    // A context shuts its services down in the reverse order of their creation:
-    // those that the driver uses have to exist first.
+    // A context shuts its services down in the reverse order of their creation, so
+    // those that the driver uses must exist before it.
     const runtime::IoTimer timer(executor);
     const asio::posix::stream_descriptor descriptor(executor);
   }
