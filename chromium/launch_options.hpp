@@ -12,30 +12,39 @@ class LaunchOptions {
  public:
   LaunchOptions() {}
   /// The browser: a path, or a name to look up on PATH. Default "chromium".
-  LaunchOptions& executable(std::string value) {
+  LaunchOptions& executable(std::string value) & {
     executable_ = std::move(value);
     return *this;
   }
   /// Whether to run without windows on a screen. Default true.
-  LaunchOptions& headless(bool value) {
+  LaunchOptions& headless(bool value) & {
     headless_ = value;
     return *this;
   }
   /// Adds a command-line argument for the browser, after those of this library.
-  LaunchOptions& argument(std::string value) {
+  LaunchOptions& argument(std::string value) & {
     arguments_.push_back(std::move(value));
     return *this;
   }
   /// How long the browser may take to answer its first command. Default 60 s.
-  LaunchOptions& launch_timeout(std::chrono::milliseconds value) {
+  LaunchOptions& launch_timeout(std::chrono::milliseconds value) & {
     launch_timeout_ = value;
     return *this;
   }
   /// How long each later command or page load may take. Default 30 s.
-  LaunchOptions& command_timeout(std::chrono::milliseconds value) {
+  LaunchOptions& command_timeout(std::chrono::milliseconds value) & {
     command_timeout_ = value;
     return *this;
   }
+
+  ///@{
+  /// The setters on a temporary, which they return by value.
+  LaunchOptions executable(std::string value) && { return std::move(executable(std::move(value))); }
+  LaunchOptions headless(bool value) && { return std::move(headless(value)); }
+  LaunchOptions argument(std::string value) && { return std::move(argument(std::move(value))); }
+  LaunchOptions launch_timeout(std::chrono::milliseconds value) && { return std::move(launch_timeout(value)); }
+  LaunchOptions command_timeout(std::chrono::milliseconds value) && { return std::move(command_timeout(value)); }
+  ///@}
 
   ///@{
   /// The value that was set, or the default.
@@ -59,16 +68,22 @@ class ConnectOptions {
  public:
   ConnectOptions() {}
   /// How long connecting, a command or a page load may take. Default 30 s.
-  ConnectOptions& command_timeout(std::chrono::milliseconds value) {
+  ConnectOptions& command_timeout(std::chrono::milliseconds value) & {
     command_timeout_ = value;
     return *this;
   }
   /// Whether to accept a host other than this machine. The connection is neither
   /// encrypted nor authenticated. Default false.
-  ConnectOptions& allow_remote(bool value) {
+  ConnectOptions& allow_remote(bool value) & {
     allow_remote_ = value;
     return *this;
   }
+
+  ///@{
+  /// The setters on a temporary, which they return by value.
+  ConnectOptions command_timeout(std::chrono::milliseconds value) && { return std::move(command_timeout(value)); }
+  ConnectOptions allow_remote(bool value) && { return std::move(allow_remote(value)); }
+  ///@}
 
   ///@{
   /// The value that was set, or the default.
@@ -86,16 +101,22 @@ class PageOptions {
  public:
   PageOptions() {}
   /// The viewport in CSS pixels, each side from 1 to 10,000,000. Default 1280 by 800.
-  PageOptions& viewport(int width, int height) {
+  PageOptions& viewport(int width, int height) & {
     width_ = width;
     height_ = height;
     return *this;
   }
   /// Screenshot pixels per CSS pixel, above 0. Default 1.
-  PageOptions& device_pixel_ratio(double value) {
+  PageOptions& device_pixel_ratio(double value) & {
     device_pixel_ratio_ = value;
     return *this;
   }
+
+  ///@{
+  /// The setters on a temporary, which they return by value.
+  PageOptions viewport(int width, int height) && { return std::move(viewport(width, height)); }
+  PageOptions device_pixel_ratio(double value) && { return std::move(device_pixel_ratio(value)); }
+  ///@}
 
   ///@{
   /// The value that was set, or the default.

@@ -120,7 +120,7 @@ TEST_F(Client, ParsesTheFirstToolCall) {
 TEST_F(Client, ParsesAnswersWithoutAUsableCall) {
   for (const std::string content : {"[]", "null", R"([1, "x", {"type": "tool_use"}])"}) {
     EXPECT_EQ(parsed(R"({"usage": {"input_tokens": 3, "output_tokens": 4}, "content": )" + content + "}"),
-              _failure_result("model did not return propose_action tool call", "m", 12.5, 3, 4))
+              _failure_result(Cause::no_tool_call, "model did not return propose_action tool call", "m", 12.5, 3, 4))
         << content;
   }
   EXPECT_EQ(parsed(test::tool_call("null")).action, "declare_failure");
@@ -138,7 +138,7 @@ TEST_F(Client, Metrics) {
   EXPECT_EQ(metrics.p95(), 0.0);
   EXPECT_EQ(metrics.estimated_cost_usd(), 0.0);
   const auto record = [&](std::string reason, const char* name, double ms, std::int64_t in, std::int64_t out) {
-    metrics.record(_failure_result(std::move(reason), name, ms, in, out));
+    metrics.record(_failure_result(Cause::unexpected_error, std::move(reason), name, ms, in, out));
   };
   for (int i = 20; i >= 1; --i) record("", i % 4 == 0 ? "heavy-model" : "light-model", i, 2000, 250);
   EXPECT_EQ(metrics.p95(), 19.0);

@@ -47,9 +47,10 @@ TEST(Json, ExactText) {
   members["a"] = "q\"\\\n\t\b\f\x01\x7f é — 😀 \xFF";
   members["n"] = {std::nan(""), INFINITY};
   members["e"] = boost::json::object{};
-  EXPECT_EQ(to_json(members),
-            R"({"z": [1, -2, 3, 2.0, 1e-05, true, null], )"
-            R"("a": "q\"\\\n\t\b\f\u0001\u007f \u00e9 \u2014 \ud83d\ude00 \ufffd", "n": [null, null], "e": {}})");
+  EXPECT_EQ(to_json(members), R"({"z": [1, -2, 3, 2.0, 1e-05, true, null], )"
+                              R"("a": "q\"\\\n\t\b\f\u0001)"
+                              "\x7f"
+                              R"( \u00e9 \u2014 \ud83d\ude00 \ufffd", "n": [null, null], "e": {}})");
 }
 
 struct NoMessage : std::exception {
@@ -102,8 +103,8 @@ TEST(SettingsDeathTest, SaysWhatTheRegistryLacks) {
     std::exit(0);
   };
   EXPECT_EXIT(use(nullptr, nullptr), testing::ExitedWithCode(0), "no model registry");
-  EXPECT_EXIT(use("", "heavy"), testing::ExitedWithCode(0), "gives no VISION_LIGHT_MODEL");
-  EXPECT_EXIT(use("light", ""), testing::ExitedWithCode(0), "gives no VISION_HEAVY_MODEL");
+  EXPECT_EXIT(use("", "heavy"), testing::ExitedWithCode(0), "returns an empty VISION_LIGHT_MODEL");
+  EXPECT_EXIT(use("light", ""), testing::ExitedWithCode(0), "returns an empty VISION_HEAVY_MODEL");
 }
 
 TEST(Coercion, AsRatioIntegerAndText) {

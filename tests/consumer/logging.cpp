@@ -6,15 +6,20 @@
 #include <iostream>
 #include <memory>
 
-#include "vision/wirein/observer.hpp"
+#include "vision/vision.hpp"
+
+// Names that hosts have for rooms of their own.
+namespace text = std;
+namespace http = boost::asio;
+using namespace vision;
 
 int main() {
   auto logger = std::make_shared<spdlog::logger>("vision", std::make_shared<spdlog::sinks::ostream_sink_mt>(std::cout));
   logger->set_pattern("the host's logger: %v");
   spdlog::register_logger(logger);
 
-  boost::asio::io_context io;
+  http::io_context io;
   // Fails, because no model registry was supplied, and logs that.
-  vision::observe_in_background(io.get_executor(), {}, vision::ObserverOptions({}, "home"));
+  observe_in_background(io.get_executor(), {}, ObserverOptions({}, text::string("home")));
   io.run();
 }

@@ -39,48 +39,57 @@ class VisionClientOptions {
 
   /// The vendor API key. Absent and empty: the host registry's resolve_api_key,
   /// then ANTHROPIC_API_KEY.
-  VisionClientOptions& api_key(std::string value) {
+  VisionClientOptions& api_key(std::string value) & {
     api_key_ = std::move(value);
     return *this;
   }
-  /// Model for calls that nothing sends to the heavy one. Default MODEL_SONNET().
-  VisionClientOptions& default_model(std::string value) {
+  /// The model of calls for which nothing selects the heavy one. Default MODEL_SONNET().
+  VisionClientOptions& default_model(std::string value) & {
     default_model_ = std::move(value);
     return *this;
   }
   /// Calls allowed until the metrics are reset. Default DEFAULT_CALL_BUDGET.
-  VisionClientOptions& call_budget(std::int64_t value) {
+  VisionClientOptions& call_budget(std::int64_t value) & {
     call_budget_ = value;
     return *this;
   }
   /// Run on the result of each response, before the call returns. Default: none.
-  VisionClientOptions& on_action(OnAction value) {
+  VisionClientOptions& on_action(OnAction value) & {
     on_action_ = std::move(value);
     return *this;
   }
 
   /// How the vendor is reached: endpoint, certificates, time-out. Not used with a
   /// MessagesClient of the host's. Default: HttpOptions().
-  VisionClientOptions& http(HttpOptions value) {
+  VisionClientOptions& http(HttpOptions value) & {
     http_ = std::move(value);
     return *this;
   }
 
   ///@{
+  /// The setters on a temporary, which they return by value.
+  VisionClientOptions api_key(std::string value) && { return std::move(api_key(std::move(value))); }
+  VisionClientOptions http(HttpOptions value) && { return std::move(http(std::move(value))); }
+  VisionClientOptions default_model(std::string value) && { return std::move(default_model(std::move(value))); }
+  VisionClientOptions call_budget(std::int64_t value) && { return std::move(call_budget(value)); }
+  VisionClientOptions on_action(OnAction value) && { return std::move(on_action(std::move(value))); }
+  ///@}
+
+  ///@{
   /// The value that was set, or its default.
   const std::string& api_key() const noexcept { return api_key_; }
+  const HttpOptions& http() const noexcept { return http_; }
   const std::optional<std::string>& default_model() const noexcept { return default_model_; }
   std::int64_t call_budget() const noexcept { return call_budget_; }
   const OnAction& on_action() const noexcept { return on_action_; }
-  const HttpOptions& http() const noexcept { return http_; }
   ///@}
 
  private:
   std::string api_key_;
+  HttpOptions http_;
   std::optional<std::string> default_model_;
   std::int64_t call_budget_ = DEFAULT_CALL_BUDGET;
   OnAction on_action_;
-  HttpOptions http_;
 };
 
 /// Asks the hosted model about a screenshot. Holds the Messages API client, the
@@ -112,13 +121,13 @@ class VisionClient {
   /// result, once. The pipeline reads and resets it.
   VisionMetrics metrics;
 
-  /// One vision call: sends the screenshot and the context, gives the model's
-  /// answer as a typed result. A time-out, a transport error (after one retry) or
+  /// One vision call: sends the screenshot and the context, returns the
+  /// model's answer as a typed result. A time-out, a transport error (after one retry) or
   /// any other error of the call comes back as a declare_failure result with the
-  /// cause in `reason`.
+  /// cause in `reason` and `cause`.
   ///
   /// Throws BudgetExceeded when `metrics` already counts the call budget, and
-  /// ConversionError when "attempts" in `flow_context` is no integer; nothing is
+  /// ConversionError when "attempts" in `flow_context` is not an integer; nothing is
   /// sent or recorded then. A call that is cancelled before its response has been
   /// read is not recorded; one that is cancelled in the hook has been.
   boost::asio::awaitable<ActionResult> ask(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
@@ -131,12 +140,12 @@ class VisionClient {
   ///
   /// Passes the page's error when it cannot take the screenshot; throws
   /// std::out_of_range for a viewport size without width or height, and
-  /// ConversionError for one that is no number.
+  /// ConversionError for one that is not a number.
   boost::asio::awaitable<std::pair<Bytes, ImgMeta>> screenshot(BrowserPage& page, bool full_page = false);
 
   /// Takes a screenshot and asks about it, with the transport retry on. The
   /// on_action hook sees a copy of `flow_context` that has a "viewport" entry (w,
-  /// h, dpr) unless the caller gave one. Errors as of `screenshot` and `ask`.
+  /// h, dpr) unless the caller's has one. Throws what `screenshot` and `ask` throw.
   boost::asio::awaitable<ActionResult> act(BrowserPage& page, const FlowContext& flow_context,
                                            AskOptions options = AskOptions());
 

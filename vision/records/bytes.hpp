@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -16,6 +17,12 @@ class Bytes {
   Bytes() = default;
   /// Takes the buffer over.
   explicit Bytes(std::string buffer) : buffer_(std::make_shared<const std::string>(std::move(buffer))) {}
+  ///@{
+  /// Copies the bytes of a vector, an array or a span.
+  explicit Bytes(std::span<const unsigned char> bytes) : Bytes(std::string(bytes.begin(), bytes.end())) {}
+  explicit Bytes(std::span<const std::byte> bytes)
+      : Bytes(std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size())) {}
+  ///@}
 
   ///@{
   /// The bytes. Valid as long as any copy lives.

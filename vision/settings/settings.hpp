@@ -35,7 +35,7 @@ inline constexpr double TRANSPORT_RETRY_DELAY_S = 1.5;
 inline constexpr double LOW_CONFIDENCE_THRESHOLD = 0.6;
 /// Calls allowed per run of the pipeline when the client is built without a budget.
 inline constexpr std::int64_t DEFAULT_CALL_BUDGET = 50;
-/// Step cap of the act loop when the caller gives none.
+/// Step cap of the act loop when the caller sets none.
 inline constexpr std::int64_t ACT_MAX_STEPS_DEFAULT = 8;
 /// Seconds the act loop lets the page settle after a click, type or key action;
 /// half of it after a scroll.

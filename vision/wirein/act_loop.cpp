@@ -31,8 +31,10 @@ class Mission {
 
   asio::awaitable<ActionResult> run() {
     while (!terminal_ && step_ < options_.max_steps()) co_await take_step();
-    if (!terminal_)
-      hand_over("step cap (" + std::to_string(options_.max_steps()) + ") reached without a terminal action");
+    if (!terminal_) {
+      hand_over(Cause::step_cap,
+                "step cap (" + std::to_string(options_.max_steps()) + ") reached without a terminal action");
+    }
     co_await runtime::pass_cancellation();  // a probe that says "abort" may have cancelled us too
     write_final_record();
     co_return std::move(terminal_->result);
@@ -41,7 +43,8 @@ class Mission {
  private:
   asio::awaitable<void> take_step() {
     ++step_;
-    if (abort_requested()) co_return hand_over("aborted by caller before step " + std::to_string(step_));
+    if (abort_requested())
+      co_return hand_over(Cause::aborted, "aborted by caller before step " + std::to_string(step_));
     const auto limit = runtime::to_duration(DEFAULT_TIMEOUT_S * 2 + 12);
     auto operation = detail::shot_and_ask(client_, detail::borrowed(page_), context_, site_, ask_options_);
     auto answer = co_await runtime::with_deadline(std::move(operation), limit);
@@ -53,15 +56,17 @@ class Mission {
     if (terminal_) co_return;
     const int repeats = repeat_guard_.note(result);
     if (repeats >= ACT_REPEAT_LIMIT) {
-      co_return hand_over("repeated identical " + result.action + " " + std::to_string(repeats) + "x with no progress");
+      co_return hand_over(Cause::repeated_proposal,
+                          "repeated identical " + result.action + " " + std::to_string(repeats) + "x with no progress");
     }
     if (result.action == ActionVerb::wait && result.duration_ms.value_or(0) > ACT_MAX_WAIT_MS) {
       result.duration_ms = ACT_MAX_WAIT_MS;
     }
     const auto executed = co_await runtime::try_await(detail::carry_out(page_, result, meta));
     if (executed.error()) {
-      co_return hand_over("execute_action(" + result.action + ") failed at step " + std::to_string(step_) + ": " +
-                          text::exception_text(executed.error()));
+      co_return hand_over(Cause::action_failed, "execute_action(" + result.action + ") failed at step " +
+                                                    std::to_string(step_) + ": " +
+                                                    text::exception_text(executed.error()));
     }
     co_await let_page_settle(result.action);
     breadcrumbs_.add(step_, options_.max_steps(), result);
@@ -92,17 +97,17 @@ class Mission {
     }
   }
 
-  void hand_over(std::string reason) { terminal_ = detail::hand_over(std::move(reason)); }
+  void hand_over(Cause cause, std::string reason) { terminal_ = detail::hand_over(cause, std::move(reason)); }
 
   void unanswered(bool timed_out, const std::exception_ptr& error) {
     const std::string step_name = "act step " + std::to_string(step_);
-    if (timed_out) return hand_over(step_name + " timed out (screenshot hung?)");
+    if (timed_out) return hand_over(Cause::step_timed_out, step_name + " timed out (screenshot hung?)");
     try {
       std::rethrow_exception(error);
     } catch (const BudgetExceeded& budget) {
-      return hand_over(std::string("vision budget exhausted: ") + budget.what());
+      return hand_over(Cause::budget_exhausted, std::string("vision budget exhausted: ") + budget.what());
     } catch (...) {
-      return hand_over(step_name + " error: " + text::exception_text(error));
+      return hand_over(Cause::step_failed, step_name + " error: " + text::exception_text(error));
     }
   }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
+#include <cassert>
 #include <functional>
 #include <string>
 #include <utility>
@@ -20,15 +21,21 @@ class FallbackOptions {
   explicit FallbackOptions(FlowContext flow_context) : flow_context_(std::move(flow_context)) {}
 
   /// The client; it must outlive the call. Default: default_client().
-  FallbackOptions& vision(VisionClient& value) {
+  FallbackOptions& vision(VisionClient& value) & {
     vision_ = &value;
     return *this;
   }
   /// Forces the heavy model. Default false.
-  FallbackOptions& high_stakes(bool value = true) {
+  FallbackOptions& high_stakes(bool value) & {
     high_stakes_ = value;
     return *this;
   }
+
+  ///@{
+  /// The setters on a temporary, which they return by value.
+  FallbackOptions vision(VisionClient& value) && { return std::move(vision(value)); }
+  FallbackOptions high_stakes(bool value) && { return std::move(high_stakes(value)); }
+  ///@}
 
   ///@{
   /// The value that was set, or its default.
@@ -82,8 +89,10 @@ class FallbackResult {
   ///@}
 
   ///@{
-  /// A result of each way. For the library and for hosts' tests.
+  /// A result of each way; `way` of a step is `step` or `rescued`. For the library and
+  /// for hosts' tests.
   static FallbackResult of_step(detail::stored_t<Step> value, FallbackWay way) {
+    assert(way == FallbackWay::step || way == FallbackWay::rescued);
     return FallbackResult(way, std::in_place_index<1>, std::move(value));
   }
   static FallbackResult of_verdict(ActionResult value) {

@@ -14,7 +14,7 @@ namespace vision {
 namespace asio = boost::asio;
 namespace {
 
-// Stands for a page that was destroyed before its observation began.
+// Replaces a page that was destroyed before its observation began.
 class GonePage : public BrowserPage {
  public:
   asio::awaitable<Bytes> screenshot(ScreenshotOptions) override { fail(); }

@@ -47,7 +47,7 @@ bool is_cua_origin(const std::exception& error) noexcept;
 
 namespace detail {
 
-/// The result's "text" entry, null when the result is no map or has none.
+/// The result's "text" entry, null when the result is not a map or has none.
 template <class Result>
 boost::json::value text_entry(const Result& result) {
   if constexpr (std::is_same_v<Result, boost::json::value>) {
@@ -71,7 +71,7 @@ boost::json::value text_entry(const Result& result) {
 }
 
 /// Shadow mode without the type of the CUA's result: runs both legs, writes the
-/// record, gives the CUA's error, marked, or null.
+/// record, returns the CUA's error, marked, or null.
 boost::asio::awaitable<std::exception_ptr> shadow_run(BrowserPage& page, boost::asio::awaitable<void> cua,
                                                       std::function<boost::json::value()> cua_text,
                                                       ObserverOptions options);
@@ -80,10 +80,10 @@ boost::asio::awaitable<std::exception_ptr> shadow_run(BrowserPage& page, boost::
 
 /// Runs the computer-use agent `cua_fn` and, beside it, one vision observation of
 /// the same situation, which never touches the page; appends one record with both
-/// outcomes to the shadow log; gives what `cua_fn` gave, or throws the very
+/// outcomes to the shadow log; returns what `cua_fn` yields, or throws the very
 /// exception object that it threw, marked by CuaOriginMark where its type allows.
 ///
-/// `cua_fn` is called once, without arguments, and gives an awaitable of any type,
+/// `cua_fn` is called once, without arguments, and returns an awaitable of any type,
 /// void and move-only types included. Name a lambda with captures before the call
 /// and move it in: g++ 12 destroys one that is written inside a co_await
 /// expression twice. The observation starts first; neither leg interrupts the

@@ -34,7 +34,7 @@ struct ClientCore::Attempt {
   enum class Next {
     done,     ///< there was a response: `result` is what it says
     give_up,  ///< `result` is the failure of the call
-    retry,    ///< once more; there is no `result`
+    retry,    ///< once more; `result` is empty
   };
   Next next;
   ActionResult result;
@@ -130,7 +130,7 @@ asio::awaitable<ActionResult> ClientCore::ask(Bytes image, const ImgMeta& img_me
     }
     co_return std::move(attempt.result);
   }
-  co_return _failure("unreachable retry branch exhausted", call.model, 0.0);
+  co_return _failure(Cause::unexpected_error, "unreachable retry branch exhausted", call.model, 0.0);
 }
 
 MessagesRequest ClientCore::make_request(Bytes image, const ImgMeta& img_meta, const FlowContext& flow_context,
@@ -159,7 +159,8 @@ ActionResult ClientCore::timed_out(const Call& call) {
   const double latency_ms = call.elapsed_ms();
   log::line(spdlog::level::warn, "vision: timeout after %.0fms (model=%s, workflow=%s)", latency_ms, call.model,
             [&] { return context_text(call.flow_context, "workflow_name", "?"); });
-  return _failure("vision timeout after " + call.options.timeout_s().text() + "s", call.model, latency_ms);
+  return _failure(Cause::call_timed_out, "vision timeout after " + call.options.timeout_s().text() + "s", call.model,
+                  latency_ms);
 }
 
 ClientCore::Attempt ClientCore::failed(const Call& call, const std::exception_ptr& error, bool may_retry) {
@@ -167,9 +168,13 @@ ClientCore::Attempt ClientCore::failed(const Call& call, const std::exception_pt
   const std::string error_text = text::full_exception_text(error);
   if (!is_transport_error(error)) {
     log::error_with_stack("vision: unexpected error", error_text);
-    return {Attempt::Next::give_up, _failure("unexpected error: " + error_text, call.model, latency_ms)};
+    return {Attempt::Next::give_up,
+            _failure(Cause::unexpected_error, "unexpected error: " + error_text, call.model, latency_ms)};
   }
-  if (!may_retry) return {Attempt::Next::give_up, _failure("transport error: " + error_text, call.model, latency_ms)};
+  if (!may_retry) {
+    return {Attempt::Next::give_up,
+            _failure(Cause::transport_error, "transport error: " + error_text, call.model, latency_ms)};
+  }
   log::line(spdlog::level::info, "vision: transport error, retrying once: %s",
             [&] { return text::describe(error).message; });
   return {Attempt::Next::retry, {}};
@@ -182,9 +187,8 @@ asio::awaitable<void> ClientCore::run_hook(const ActionResult& result, const Flo
   log::line(spdlog::level::warn, "on_action hook raised: %s", [&] { return text::describe(hook.error()).message; });
 }
 
-ActionResult ClientCore::_failure(std::string reason, const std::string& model, double latency_ms, std::int64_t in_tok,
-                                  std::int64_t out_tok) {
-  ActionResult result = _failure_result(std::move(reason), model, latency_ms, in_tok, out_tok);
+ActionResult ClientCore::_failure(Cause cause, std::string reason, const std::string& model, double latency_ms) {
+  ActionResult result = _failure_result(cause, std::move(reason), model, latency_ms);
   _metrics.record(result);
   return result;
 }

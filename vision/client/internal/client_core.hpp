@@ -36,8 +36,7 @@ class ClientCore {
   ActionResult timed_out(const Call& call);
   Attempt failed(const Call& call, const std::exception_ptr& error, bool may_retry);
   boost::asio::awaitable<void> run_hook(const ActionResult& result, const FlowContext& flow_context);
-  ActionResult _failure(std::string reason, const std::string& model, double latency_ms, std::int64_t in_tok = 0,
-                        std::int64_t out_tok = 0);
+  ActionResult _failure(Cause cause, std::string reason, const std::string& model, double latency_ms);
   void _log_call(const ActionResult& result, const FlowContext& flow_context) const;
 
   VisionMetrics& _metrics;

@@ -19,7 +19,7 @@ std::optional<std::string> _act_mission_text(const std::optional<std::string>& m
 
 /// A terminal that the loop makes itself: escalate_to_cua with confidence 0 and
 /// "act_loop" as the model.
-ActionResult _act_synth(std::string reason);
+ActionResult _act_synth(Cause cause, std::string reason);
 
 namespace detail {
 
@@ -31,7 +31,7 @@ struct Terminal {
 };
 
 /// A terminal of the loop's own making.
-Terminal hand_over(std::string reason);
+Terminal hand_over(Cause cause, std::string reason);
 
 /// Whether a proposal ends the mission before anything is done: a verdict, a
 /// guess (low confidence), or any page action in read-only mode.

@@ -30,7 +30,7 @@ bool harvesting_is_on() {
 void require_plain_name(std::string_view what, std::string_view name) {
   using namespace std::string_view_literals;
   if (name.empty() || name == "." || name == ".." || name.find_first_of("/\0"sv) != std::string_view::npos) {
-    throw std::invalid_argument(std::string(what) + " is no plain name: \"" + std::string(name) + "\"");
+    throw std::invalid_argument(std::string(what) + " is not a plain file name: \"" + std::string(name) + "\"");
   }
 }
 
