@@ -3,7 +3,6 @@
 #include <array>
 #include <boost/asio/associated_cancellation_slot.hpp>
 #include <boost/asio/async_result.hpp>
-#include <boost/asio/bind_cancellation_slot.hpp>
 #include <boost/asio/cancellation_signal.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/error.hpp>
@@ -56,12 +55,24 @@ class Group : public std::enable_shared_from_this<Group> {
   }
 
  private:
+  // An operation's completion handler. Asio sends a cancellation to the operation at
+  // once because this type has no associated executor. To what bind_cancellation_slot
+  // returns it dispatches the cancellation, and what is queued then can outlive the
+  // signal.
+  struct Ended {
+    using cancellation_slot_type = asio::cancellation_slot;
+    cancellation_slot_type get_cancellation_slot() const noexcept { return slot; }
+    void operator()(const std::exception_ptr& error) const { group->one_ended(error); }
+
+    std::shared_ptr<Group> group;
+    asio::cancellation_slot slot;
+  };
+
   // Runs the operation up to where it first suspends. Asio completes no spawned
   // coroutine before co_spawn has returned.
   void spawn(const asio::any_io_executor& executor, asio::awaitable<void> operation,
              asio::cancellation_signal& signal) {
-    const auto ended = [group = shared_from_this()](const std::exception_ptr& error) { group->one_ended(error); };
-    asio::co_spawn(executor, std::move(operation), asio::bind_cancellation_slot(signal.slot(), ended));
+    asio::co_spawn(executor, std::move(operation), Ended{shared_from_this(), signal.slot()});
   }
 
   void cancel() {

@@ -110,10 +110,10 @@ boost::asio::awaitable<Outcome<T>> try_await(boost::asio::awaitable<T> operation
   co_return outcome;
 }
 
-/// Runs `operation` for at most `limit`. Returns its value, even one that arrives in
-/// the turn in which the limit passes; else a time-out when the limit has passed; else
-/// the operation's error. When the limit passes, the operation is cancelled and
-/// waited for.
+/// Runs `operation` for at most `limit`: when the limit passes, the operation is
+/// cancelled and waited for. Returns the operation's value, even when it arrives at
+/// or after the limit; otherwise a time-out if the limit has passed, and the
+/// operation's error if it has not.
 template <class T>
 boost::asio::awaitable<Outcome<T>> with_deadline(boost::asio::awaitable<T> operation, Duration limit) {
   Outcome<T> outcome;
