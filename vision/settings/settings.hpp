@@ -11,7 +11,7 @@ namespace vision {
 
 namespace detail {
 
-/// KX_VISION_TIMEOUT_S as it stood when it was first asked for.
+/// The value of DEFAULT_TIMEOUT_S, read from the environment.
 double default_timeout_s() noexcept;
 
 }  // namespace detail
@@ -38,12 +38,17 @@ inline constexpr std::int64_t DEFAULT_CALL_BUDGET = 50;
 /// Step cap of the act loop when the caller sets none.
 inline constexpr std::int64_t ACT_MAX_STEPS_DEFAULT = 8;
 /// Seconds the act loop lets the page settle after a click, type or key action;
-/// half of it after a scroll.
+/// half that after a scroll.
 inline constexpr double ACT_STEP_SETTLE_S = 1.0;
 /// Upper bound in milliseconds on a wait that the act loop executes.
 inline constexpr std::int64_t ACT_MAX_WAIT_MS = 10000;
-/// So many identical proposals in a row make the act loop hand over.
+/// Number of identical proposals in a row after which the act loop hands over.
 inline constexpr int ACT_REPEAT_LIMIT = 3;
+/// Seconds that a screenshot and its ask may take in the act loop, beyond two
+/// time-outs (one attempt and its retry) of DEFAULT_TIMEOUT_S.
+inline constexpr double ACT_STEP_MARGIN_S = 12;
+/// Seconds that an observation may take beyond DEFAULT_TIMEOUT_S.
+inline constexpr double OBSERVE_MARGIN_S = 8;
 
 /// The mode in which the pipeline is to use vision, from KX_VISION_TIER as it
 /// stands now: "off" (also when unset or unknown), "shadow", "tier2" or "tier3".

@@ -35,7 +35,7 @@ class Mission {
       hand_over(Cause::step_cap,
                 "step cap (" + std::to_string(options_.max_steps()) + ") reached without a terminal action");
     }
-    co_await runtime::pass_cancellation();  // a probe that says "abort" may have cancelled us too
+    co_await runtime::throw_if_cancelled();  // a probe that says "abort" may have cancelled us too
     write_final_record();
     co_return std::move(terminal_->result);
   }
@@ -45,7 +45,7 @@ class Mission {
     ++step_;
     if (abort_requested())
       co_return hand_over(Cause::aborted, "aborted by caller before step " + std::to_string(step_));
-    const auto limit = runtime::to_duration(DEFAULT_TIMEOUT_S * 2 + 12);
+    const auto limit = runtime::to_duration(DEFAULT_TIMEOUT_S * 2 + ACT_STEP_MARGIN_S);
     auto operation = detail::shot_and_ask(client_, detail::borrowed(page_), context_, site_, ask_options_);
     auto answer = co_await runtime::with_deadline(std::move(operation), limit);
     if (!answer.has_value()) co_return unanswered(answer.timed_out(), answer.error());

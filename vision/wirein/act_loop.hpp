@@ -99,15 +99,15 @@ class ActLoopOptions {
   bool read_only_ = false;
 };
 
-/// Drives `page` toward the mission's goal, one model-proposed action at a time,
-/// and returns the terminal result: the model's declare_success (the answer is in
-/// `reason`), declare_failure or escalate_to_cua, or an escalate_to_cua of the
-/// loop's own (`model_used` "act_loop") when a rail ends the mission; `cause` tells which: the step
-/// cap, `should_abort`, three identical proposals in a row, a low-confidence
-/// proposal or success claim, a page action in read-only mode, a step that fails
-/// or takes longer than DEFAULT_TIMEOUT_S x 2 + 12 seconds, an exhausted call
-/// budget, an action that the page refuses. On anything but declare_success the
-/// caller runs its computer-use agent.
+/// Drives `page` toward the mission's goal, one model-proposed action at a time, and
+/// returns the terminal result: the model's declare_success (the answer is in `reason`),
+/// declare_failure or escalate_to_cua, or an escalate_to_cua of the loop's own
+/// (`model_used` "act_loop") when a rail ends the mission; `cause` tells which: the step
+/// cap, `should_abort`, three identical proposals in a row, a low-confidence proposal or
+/// success claim, a page action in read-only mode, a screenshot-and-ask that fails or
+/// together takes longer than DEFAULT_TIMEOUT_S x 2 + ACT_STEP_MARGIN_S seconds (the page
+/// action is limited only by the page), an exhausted call budget, an action that the page
+/// refuses. On anything but declare_success the caller runs its computer-use agent.
 ///
 /// Appends one record per answered step and one final record to the shadow log.
 ///

@@ -9,8 +9,8 @@
 
 namespace vision {
 
-/// The parameters of shadow_observe_then_cua and observe_only: the two required
-/// ones in the constructor, the others by chained setters.
+/// The parameters of shadow_observe_then_cua, observe_only and observe_in_background:
+/// the two required ones in the constructor, the others by chained setters.
 class ObserverOptions {
  public:
   /// The flow context, passed on unchanged, and the caller's name of the place in
@@ -33,8 +33,8 @@ class ObserverOptions {
     high_stakes_ = value;
     return *this;
   }
-  /// What the scripted step acted on, recorded unchanged; observe_only alone uses
-  /// it. Default: an empty map.
+  /// What the scripted step acted on, recorded unchanged; shadow_observe_then_cua
+  /// ignores it. Default: an empty map.
   ObserverOptions& dom_ground_truth(boost::json::object value) & {
     dom_ground_truth_ = std::move(value);
     return *this;

@@ -118,7 +118,7 @@ asio::awaitable<Awaited> run(asio::awaitable<void> first, std::optional<asio::aw
                                                 limit);
 }
 
-void pass_cancellation(Awaited awaited) {
+void throw_if_cancelled(Awaited awaited) {
   if (!awaited.was_cancelled) return;
   throw boost::system::system_error(asio::error::operation_aborted, "cancelled by the caller");
 }
@@ -132,12 +132,12 @@ asio::awaitable<void> sleep_for(Duration delay) {
   co_await has_passed.wait();
   // A request may have come between the end of the delay and now: nothing that is
   // awaited later need exist to tell of it.
-  co_await pass_cancellation();
+  co_await throw_if_cancelled();
 }
 
-asio::awaitable<void> pass_cancellation() {
+asio::awaitable<void> throw_if_cancelled() {
   const auto state = co_await asio::this_coro::cancellation_state;
-  detail::pass_cancellation({.was_cancelled = state.cancelled() != asio::cancellation_type::none});
+  detail::throw_if_cancelled({.was_cancelled = state.cancelled() != asio::cancellation_type::none});
 }
 
 }  // namespace vision::runtime

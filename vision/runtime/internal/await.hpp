@@ -11,23 +11,22 @@
 #include "vision/runtime/internal/duration.hpp"
 
 /// @file
-/// How an operation is awaited. Each of the four functions here gives the operation a
-/// cancellation state of its own:
+/// How an operation is awaited. `try_await`, `with_deadline`, `gather` and
+/// `with_own_cancellation` run an operation with a cancellation state of its own:
 ///
-/// - Any request that reaches the caller reaches the operation as terminal
-///   cancellation, a second and weaker one too, and is not forgotten. The caller's
-///   own state is left alone.
-/// - Code that resets its cancellation state, in order to clean up, resets that of
-///   its own operation and no other.
+/// - Every cancellation request to the caller is forwarded as terminal, including a
+///   later, weaker one, and is latched. The caller's own state is left alone.
+/// - Code that resets its cancellation state, in order to clean up, affects only its own operation.
 /// - The call returns when the operation has ended, cancelled or not.
 ///
-/// `try_await`, `with_deadline` and `gather` are for what may be code of the host: a
-/// caller that was cancelled meanwhile gets operation_aborted, whatever the operation
-/// made of the request. An operation_aborted that no request of the caller's explains
-/// is an ordinary error of the operation. `with_own_cancellation` is what every public
-/// operation of the library runs behind: its body decides.
+/// `try_await`, `with_deadline` and `gather` are for operations that may run host code:
+/// a caller that was cancelled meanwhile gets operation_aborted, however the operation
+/// ended. An operation_aborted that was not caused by cancelling the caller is an
+/// ordinary error of the operation. Every mode, execute_action and every VisionClient
+/// operation runs behind `with_own_cancellation`: the body alone determines the
+/// outcome.
 ///
-/// This is the only place of the library with a broad catch around an await.
+/// This is the only place in the library with a broad catch around an await.
 namespace vision::runtime {
 
 /// How an operation ended: with a value, an error, or (with_deadline only) at its
@@ -43,15 +42,15 @@ class Outcome {
   /// The error; null when there is none, and for a time-out.
   std::exception_ptr error() const { return state_.index() == 2 ? std::get<2>(state_) : nullptr; }
 
-  /// The value. Throws the error when the operation failed. Not to be called after a
-  /// time-out.
+  /// The value. Throws the error when the operation failed. Must not be called after a time-out.
   Value& value() {
     if (const auto failure = error()) std::rethrow_exception(failure);
     return std::get<1>(state_);
   }
 
   ///@{
-  /// Set once, when the operation ends.
+  /// Set when the operation ends; with_deadline then replaces an error by a time-out if
+  /// its limit has passed.
   void set_value(Value value) { state_.template emplace<1>(std::move(value)); }
   void set_error(std::exception_ptr error) { state_.template emplace<2>(std::move(error)); }
   void set_timed_out() { state_.template emplace<3>(); }
@@ -73,13 +72,12 @@ struct Awaited {
 /// Runs one or two operations that do not throw, the first one started first, each
 /// spawned with a cancellation signal of its own; sends them terminal cancellation
 /// when the caller is cancelled or `limit` has passed; waits until all have ended.
-/// The second operation is not started when the caller was cancelled while the first
-/// one started.
+/// The second operation is not started if the caller was cancelled while the first was starting.
 boost::asio::awaitable<Awaited> run(boost::asio::awaitable<void> first,
                                     std::optional<boost::asio::awaitable<void>> second, std::optional<Duration> limit);
 
 /// Throws operation_aborted when the caller was cancelled.
-void pass_cancellation(Awaited awaited);
+void throw_if_cancelled(Awaited awaited);
 
 template <class T>
 boost::asio::awaitable<void> capture(boost::asio::awaitable<T> operation, Outcome<T>& outcome) {
@@ -93,20 +91,21 @@ boost::asio::awaitable<void> capture(boost::asio::awaitable<T> operation, Outcom
   } catch (...) {
     outcome.set_error(std::current_exception());
   }
-  // A spawned coroutine that never suspended awaits once more inside Asio. Had a
-  // cancellation come meanwhile, that would throw past every catch, out of the
-  // event loop.
+  // Asio itself performs one more await after a spawned coroutine that never suspended.
+  // If a cancellation is pending, that await would throw outside all our handlers and
+  // out of run().
   co_await boost::asio::this_coro::throw_if_cancelled(false);
 }
 
 }  // namespace detail
 
-/// Runs `operation` and returns its value or its error, of whatever type.
+/// Runs `operation` and returns its value or its error, of whatever type. Throws only
+/// operation_aborted, if the caller was cancelled.
 template <class T>
 boost::asio::awaitable<Outcome<T>> try_await(boost::asio::awaitable<T> operation) {
   Outcome<T> outcome;
   auto captured = detail::capture(std::move(operation), outcome);
-  detail::pass_cancellation(co_await detail::run(std::move(captured), std::nullopt, std::nullopt));
+  detail::throw_if_cancelled(co_await detail::run(std::move(captured), std::nullopt, std::nullopt));
   co_return outcome;
 }
 
@@ -119,26 +118,26 @@ boost::asio::awaitable<Outcome<T>> with_deadline(boost::asio::awaitable<T> opera
   Outcome<T> outcome;
   auto captured = detail::capture(std::move(operation), outcome);
   const auto awaited = co_await detail::run(std::move(captured), std::nullopt, limit);
-  detail::pass_cancellation(awaited);
+  detail::throw_if_cancelled(awaited);
   if (awaited.has_limit_passed && !outcome.has_value()) outcome.set_timed_out();
   co_return outcome;
 }
 
 /// Runs two operations at once, the first one started first, and waits for both;
-/// neither's error disturbs the other.
+/// an error in one does not affect the other.
 template <class A, class B>
 boost::asio::awaitable<std::pair<Outcome<A>, Outcome<B>>> gather(boost::asio::awaitable<A> first,
                                                                  boost::asio::awaitable<B> second) {
   std::pair<Outcome<A>, Outcome<B>> outcomes;
   auto captured_first = detail::capture(std::move(first), outcomes.first);
   std::optional captured_second = detail::capture(std::move(second), outcomes.second);
-  detail::pass_cancellation(co_await detail::run(std::move(captured_first), std::move(captured_second), std::nullopt));
+  detail::throw_if_cancelled(co_await detail::run(std::move(captured_first), std::move(captured_second), std::nullopt));
   co_return outcomes;
 }
 
 /// Runs the body of a public operation and returns its value or throws its error. A
-/// request that comes when the body has nothing left to await changes nothing: what
-/// the body has done and recorded stands.
+/// request that arrives after the body's last await has no effect; whatever the body
+/// did and recorded stands.
 template <class T>
 boost::asio::awaitable<T> with_own_cancellation(boost::asio::awaitable<T> body) {
   Outcome<T> outcome;
@@ -155,8 +154,8 @@ boost::asio::awaitable<T> with_own_cancellation(boost::asio::awaitable<T> body) 
 /// it with operation_aborted.
 boost::asio::awaitable<void> sleep_for(Duration delay);
 
-/// Throws operation_aborted when the calling coroutine has been cancelled: before what
-/// must not happen then and awaits nothing.
-boost::asio::awaitable<void> pass_cancellation();
+/// Throws operation_aborted if the calling coroutine has been cancelled. Call it before
+/// code that must not run after a cancellation and does not itself await.
+boost::asio::awaitable<void> throw_if_cancelled();
 
 }  // namespace vision::runtime

@@ -26,7 +26,7 @@ asio::awaitable<boost::json::object> observe(VisionClient& client, std::shared_p
   const auto executor = co_await asio::this_coro::executor;
   runtime::TimeSource& time = runtime::time_source(executor);
   const auto t0 = time.wall_now();
-  const auto limit = runtime::to_duration(DEFAULT_TIMEOUT_S + 8);
+  const auto limit = runtime::to_duration(DEFAULT_TIMEOUT_S + OBSERVE_MARGIN_S);
   const auto ask_options = AskOptions().high_stakes(high_stakes).transport_retry(false);
   auto operation = shot_and_ask(client, std::move(page), flow_context, site, ask_options);
   auto answer = co_await runtime::with_deadline(std::move(operation), limit);

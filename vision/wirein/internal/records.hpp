@@ -7,7 +7,9 @@
 #include "vision/records/action_result.hpp"
 #include "vision/records/flow_context.hpp"
 
-/// What the modes write of an answer.
+/// The members that records share and the description of an answer. Members of one kind
+/// of record are composed where it is written: records.cpp, observation.cpp,
+/// act_loop.cpp, observer.cpp and shadow_mode.cpp.
 namespace vision {
 
 /// The full description of one proposal: eleven members, always all present. With the
