@@ -15,7 +15,7 @@ class Bytes {
  public:
   /// An empty byte string.
   Bytes() = default;
-  /// Takes the buffer over.
+  /// Takes ownership of the buffer.
   explicit Bytes(std::string buffer) : buffer_(std::make_shared<const std::string>(std::move(buffer))) {}
   ///@{
   /// Copies the bytes of a vector, an array or a span.
