@@ -53,7 +53,7 @@ class FallbackOptions {
 /// Which path a call of with_vision_fallback took.
 enum class FallbackWay {
   step,     ///< the scripted step succeeded in its first run
-  rescued,  ///< it succeeded in its second run, after one action by vision
+  rescued,  ///< it succeeded in its second run, after one action by vision (an unknown verb does nothing)
   verdict,  ///< vision declared success
   agent,    ///< the computer-use agent took over
 };
