@@ -4,9 +4,7 @@
 #include <boost/asio/use_future.hpp>
 
 #include "chromium/launch_options.hpp"
-#include "tests/support/environment.hpp"
-#include "tests/support/log_capture.hpp"
-#include "tests/support/scripted.hpp"
+#include "tests/support/scripted_host.hpp"
 #include "vision/client/api_error.hpp"
 #include "vision/settings/internal/log.hpp"
 
@@ -70,18 +68,9 @@ TEST(Log, GoesToStandardErrorAtTheLevelOfTheMoment) {
   EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 1);
 }
 
-class Api : public testing::Test {
+class Api : public test::ScriptedHost {
  protected:
   AskOptions options() { return AskOptions().transport_retry(false).timeout_s(8); }
-
-  test::TestRegistry& registry = test::TestRegistry::instance();
-  test::ScratchDirectory directory;
-  test::ScopedEnv log_path{"KX_VISION_SHADOW_LOG", std::nullopt};
-  test::LogCapture log;
-  test::VirtualLoop world;
-  test::ScriptedPage page;
-  std::shared_ptr<test::ScriptedModel> model = std::make_shared<test::ScriptedModel>();
-  VisionClient client{model};
 };
 
 TEST_F(Api, EveryOperationTakesAsiosCompletionTokens) {
@@ -97,14 +86,14 @@ TEST_F(Api, EveryOperationTakesAsiosCompletionTokens) {
   const auto spawn = [&](auto start) {
     using Value = typename decltype(start())::value_type;
     for (int call = 0; call < 2; ++call) model->answer(proposal("declare_success", 0.9));
-    auto future = asio::co_spawn(world.io, start(), asio::use_future);
+    auto future = asio::co_spawn(loop.io, start(), asio::use_future);
     std::exception_ptr error = std::make_exception_ptr(std::logic_error("the handler was not called"));
     if constexpr (std::is_void_v<Value>) {
-      asio::co_spawn(world.io, start(), [&error](std::exception_ptr e) { error = e; });
+      asio::co_spawn(loop.io, start(), [&error](std::exception_ptr e) { error = e; });
     } else {
-      asio::co_spawn(world.io, start(), [&error](std::exception_ptr e, const Value&) { error = e; });
+      asio::co_spawn(loop.io, start(), [&error](std::exception_ptr e, const Value&) { error = e; });
     }
-    world.run(pause(10));
+    loop.run(pause(10));
     EXPECT_FALSE(error);
     model->steps.clear();
     return future.get();
@@ -130,14 +119,14 @@ TEST_F(Api, ACallSaysHowItEnded) {
   };
   for (const auto& [set, cause] : rows) {
     set();
-    const auto result = world.run(client.ask(Bytes(), ImgMeta(1, 1, 1, 0), {}, options()));
+    const auto result = loop.run(client.ask(Bytes(), ImgMeta(1, 1, 1, 0), {}, options()));
     EXPECT_EQ(result.cause, cause) << result.reason;
     if (cause == Cause::call_timed_out) continue;  // the calls of a mission have 20 s
     set();
     if (cause == Cause::transport_error) model->steps.push_back(model->steps.front());  // a mission tries again
     ActLoopOptions mission({}, "site");
     mission.vision(client);
-    EXPECT_EQ(world.run(act_loop(page, mission)).cause, cause) << "passed on as it is";
+    EXPECT_EQ(loop.run(act_loop(page, mission)).cause, cause) << "passed on as it is";
   }
 }
 
@@ -168,15 +157,15 @@ TEST_F(Api, AMissionSaysHowItEnded) {
     Options mission({}, "site");
     mission.vision(client);
     set(mission);
-    const auto result = world.run(act_loop(page, mission));
+    const auto result = loop.run(act_loop(page, mission));
     EXPECT_EQ(result.cause, cause) << result.reason;
   }
 }
 
 TEST_F(Api, ACallbackThatThrowsIsNotCalledAFailedObservation) {
-  observe_in_background(world.io.get_executor(), {}, ObserverOptions({}, "gone").vision(client),
+  observe_in_background(loop.io.get_executor(), {}, ObserverOptions({}, "gone").vision(client),
                         [](std::exception_ptr, boost::json::object) { throw std::runtime_error("mine"); });
-  world.run(pause(1));
+  loop.run(pause(1));
   EXPECT_THAT(log.lines(), testing::ElementsAre("warning: vision: on_end callback raised: mine"));
 }
 

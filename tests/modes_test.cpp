@@ -3,9 +3,7 @@
 #include <any>
 #include <map>
 
-#include "tests/support/environment.hpp"
-#include "tests/support/log_capture.hpp"
-#include "tests/support/scripted.hpp"
+#include "tests/support/scripted_host.hpp"
 #include "vision/client/internal/response.hpp"
 #include "vision/text/internal/error_text.hpp"
 #include "vision/text/internal/json_text.hpp"
@@ -19,22 +17,13 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 namespace asio = boost::asio;
 
-class Modes : public testing::Test {
+class Modes : public test::ScriptedHost {
  protected:
   ObserverOptions options() {
     ObserverOptions made(context, "site");
     made.vision(client).run_id("r");
     return made;
   }
-
-  test::TestRegistry& registry = test::TestRegistry::instance();
-  test::ScratchDirectory directory;
-  test::ScopedEnv log_path{"KX_VISION_SHADOW_LOG", std::nullopt};
-  test::LogCapture log;
-  test::VirtualLoop loop;
-  test::ScriptedPage page;
-  std::shared_ptr<test::ScriptedModel> model = std::make_shared<test::ScriptedModel>();
-  VisionClient client{model};
   FlowContext context = {{"phase", 2}, {"platform", "acme"}, {"last_action", "the caller's"}};
 };
 
