@@ -202,6 +202,7 @@ TEST_F(Telemetry, HostileTextStaysInItsLine) {
     // Only the stack below an unexpected error takes lines of its own.
     if (line.starts_with("error: ")) boost::algorithm::replace_all(line, "\n    ", " ");
     EXPECT_EQ(line.find("+0x"), line.npos) << "a frame without a name: " << line;
+    EXPECT_EQ(line.find("__libc_start"), line.npos) << "a frame that says nothing: " << line;
     EXPECT_EQ(text::one_line(line), line);
   }
 }

@@ -33,7 +33,9 @@ void error_with_stack(std::string_view message, const std::string& details) noex
     lines += "\n    " + text::one_line(details);
     constexpr std::size_t own_frames = 1, max_frames = 24;
     for (const auto& frame : boost::stacktrace::stacktrace(own_frames, max_frames)) {
-      if (const std::string name = frame.name(); !name.empty()) lines += "\n    at " + text::one_line(name);
+      // Where every program begins says nothing of the error.
+      const std::string name = frame.name();
+      if (!name.empty() && !name.starts_with("__libc_start")) lines += "\n    at " + text::one_line(name);
     }
     write(*channel, spdlog::level::err, lines);
   } catch (...) {
