@@ -1,6 +1,7 @@
 #include "vision/wirein/act_loop.hpp"
 
 #include "vision/page/execute_action.hpp"
+#include "vision/runtime/internal/awaited.hpp"
 #include "vision/runtime/internal/deadline.hpp"
 #include "vision/runtime/internal/entry.hpp"
 #include "vision/text/internal/error_text.hpp"
@@ -37,8 +38,9 @@ class Mission {
 
   asio::awaitable<void> take_step() {
     ++step_;
-    if (abort_requested()) co_return hand_over("aborted by caller before step " + std::to_string(step_));
     const auto limit = runtime::to_duration(DEFAULT_TIMEOUT_S * 2 + 12);
+    const bool aborted = co_await abort_requested(limit);
+    if (aborted) co_return hand_over("aborted by caller before step " + std::to_string(step_));
     auto operation = detail::shot_and_ask(client_, detail::borrowed(page_), context_, site_, ask_options_);
     auto answer = co_await runtime::with_deadline(std::move(operation), limit);
     if (!answer.has_value()) co_return unanswered(answer.timed_out(), answer.error());
@@ -84,12 +86,19 @@ class Mission {
   }
 
  private:
-  bool abort_requested() const {
-    if (!options_.should_abort()) return false;
+  // A broken probe does not stop a mission.
+  asio::awaitable<bool> abort_requested(runtime::Duration limit) const {
+    if (options_.should_abort()) co_return ask_now(options_.should_abort());
+    if (!options_.should_abort_later()) co_return false;
+    auto answer = co_await runtime::with_deadline(runtime::call(options_.should_abort_later()), limit);
+    co_return answer.has_value() && answer.value();
+  }
+
+  static bool ask_now(const std::function<bool()>& probe) {
     try {
-      return options_.should_abort()();
+      return probe();
     } catch (...) {
-      return false;  // a broken probe does not stop a mission
+      return false;
     }
   }
 

@@ -1,0 +1,100 @@
+#include "bindings/c/exit_gate.hpp"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <set>
+#include <stdexcept>
+
+#include "vision/client/http/internal/endpoint.hpp"
+#include "vision/settings/internal/log.hpp"
+
+namespace vision::c {
+namespace {
+
+thread_local ExitGate* gate_of_this_thread = nullptr;
+
+}  // namespace
+
+struct Exit {
+  std::mutex mutex;
+  std::set<ExitGate*> gates;
+
+  // Never destroyed: it is needed longest. Its handler runs before those of what is
+  // made here first.
+  static Exit& instance() {
+    static Exit* const made = [] {
+      detail::http::initialise_libcurl();
+      (void)log::logger();
+      if (std::atexit(close_gates) != 0) throw std::runtime_error("no exit handler can be registered");
+      return new Exit;
+    }();
+    return *made;
+  }
+
+  static void close_gates() {
+    Exit& self = instance();
+    const std::lock_guard lock(self.mutex);
+    for (ExitGate* const gate : self.gates) gate->close();
+  }
+};
+
+ExitGate::ExitGate(std::function<void()> wake) : wake_(std::move(wake)), process_(::getpid()) {
+  const std::lock_guard lock(Exit::instance().mutex);
+  Exit::instance().gates.insert(this);
+}
+
+ExitGate::~ExitGate() {
+  const std::lock_guard lock(Exit::instance().mutex);
+  Exit::instance().gates.erase(this);
+}
+
+void ExitGate::begin() {
+  gate_of_this_thread = this;
+  enter();
+}
+
+void ExitGate::pass() {
+  leave();
+  enter();
+}
+
+void ExitGate::end() {
+  leave();
+  gate_of_this_thread = nullptr;
+}
+
+void ExitGate::enter() {
+  std::unique_lock lock(mutex_);
+  inside_ = !closed_;
+  lock.unlock();
+  while (!inside_) ::pause();  // until the process is gone
+}
+
+void ExitGate::leave() {
+  const std::lock_guard lock(mutex_);
+  inside_ = false;
+  left_.notify_all();
+}
+
+void ExitGate::close() {
+  if (process_ != ::getpid()) return;
+  std::unique_lock lock(mutex_);
+  closed_ = true;
+  lock.unlock();
+  wake_();
+  lock.lock();
+  left_.wait(lock, [this] { return !inside_; });
+}
+
+HostCode::HostCode() : gate_(std::exchange(gate_of_this_thread, nullptr)) {
+  if (gate_) gate_->leave();
+}
+
+HostCode::~HostCode() {
+  if (!gate_) return;
+  gate_of_this_thread = gate_;
+  gate_->enter();
+}
+
+}  // namespace vision::c
