@@ -43,15 +43,7 @@ std::shared_ptr<Loop> Loop::start() {
 void Loop::thread_body() {
   loop_of_this_thread = this;
   gate_.begin();
-  const auto work = asio::make_work_guard(*io_);
-  while (!io_->stopped()) {
-    try {
-      while (io_->run_one() > 0) gate_.pass();
-    } catch (...) {
-      log::error_with_stack("vision: an error left the event loop",
-                            text::full_exception_text(std::current_exception()));
-    }
-  }
+  serve();
   while (!residents_.empty()) residents_.erase(residents_.begin());
   {
     const std::lock_guard lock(defaults.mutex);
@@ -65,6 +57,18 @@ void Loop::thread_body() {
   lock.lock();
   is_over_ = true;
   over_.notify_all();
+}
+
+void Loop::serve() {
+  const auto work = asio::make_work_guard(*io_);
+  while (!io_->stopped()) {
+    try {
+      while (io_->run_one() > 0) gate_.pass();
+    } catch (...) {
+      log::error_with_stack("vision: an error left the event loop",
+                            text::full_exception_text(std::current_exception()));
+    }
+  }
 }
 
 void Loop::run(const std::function<void()>& job) {

@@ -75,6 +75,7 @@ class Loop : public std::enable_shared_from_this<Loop> {
  private:
   Loop();
   void thread_body();
+  void serve();
   void cancel_all();
   void stop_when_idle();
 
