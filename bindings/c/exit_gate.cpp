@@ -8,7 +8,15 @@
 #include <stdexcept>
 
 #include "vision/client/http/internal/endpoint.hpp"
-#include "vision/settings/internal/log.hpp"
+
+// The linker puts this in the place of __cxa_atexit. Objects of static storage that a
+// first use makes would be destroyed before the gate closes, their destructors having been
+// registered after it, under a thread that uses them: here none is ever destroyed. What
+// is registered by std::atexit has no object, and stays.
+extern "C" int __real___cxa_atexit(void (*function)(void*), void* object, void* library);
+extern "C" int __wrap___cxa_atexit(void (*function)(void*), void* object, void* library) {
+  return object ? 0 : __real___cxa_atexit(function, object, library);
+}
 
 namespace vision::c {
 namespace {
@@ -21,12 +29,10 @@ struct Exit {
   std::mutex mutex;
   std::set<ExitGate*> gates;
 
-  // Never destroyed: it is needed longest. Its handler runs before those of what is
-  // made here first.
+  // Its handler runs before that of OpenSSL, which libcurl has registered by then.
   static Exit& instance() {
     static Exit* const made = [] {
       detail::http::initialise_libcurl();
-      (void)log::logger();
       if (std::atexit(close_gates) != 0) throw std::runtime_error("no exit handler can be registered");
       return new Exit;
     }();

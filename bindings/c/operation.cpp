@@ -140,6 +140,10 @@ void Operation::end() {
     if (output_.browser) result.browser = new vision_browser{std::move(output_.browser)};
     call_host(done_, input_.host, static_cast<const vision_result*>(&result));
   }
+  // Now, and not with the last reference, which a thread that cancels may hold.
+  error_ = nullptr;
+  output_ = Output();
+  input_ = Input(vision_call());
   loop_->ended(shared_from_this());
 }
 
