@@ -56,7 +56,7 @@ typedef struct vision_page vision_page;
 typedef struct vision_client vision_client;
 /// A Chromium that the library drives.
 typedef struct vision_browser vision_browser;
-/// An operation that was started. 0 stands for none.
+/// An operation that was started. 0 is never one.
 typedef uint64_t vision_operation;
 /// The place for one answer of the host.
 typedef uint64_t vision_reply;
@@ -104,9 +104,9 @@ const vision_error* vision_last_error(void);
 
 // ------------------------------------------------------------------------------ images
 
-/// The bytes of a PNG, handed over without a copy. Who receives one calls
-/// `release(owner)` once, on any thread, when it has no more use for the bytes, which
-/// stay as they are until then. The host may set `release` to null: the library then
+/// The bytes of a PNG, handed over without a copy. The receiver calls `release(owner)`
+/// once, on any thread, when it has no more use for the bytes, which must not change
+/// until then. The host may set `release` to null: the library then
 /// copies the bytes before the call returns.
 typedef struct vision_image {
   const void* data;              ///< the first byte
@@ -124,7 +124,7 @@ vision_runtime* vision_runtime_new(void);
 /// Ends a runtime: cancels the operations in flight, lets each of them end and call its
 /// `done`, disconnects and ends its browsers, ends the thread, and returns. An operation
 /// that is started meanwhile is refused. Waits for no answer of the host, but for
-/// callbacks that have begun; so the caller holds no lock that a callback takes. With
+/// callbacks that have begun: the caller must not hold a lock that a callback takes. With
 /// nothing in flight it takes no time; a launched browser ends within about a tenth of a
 /// second, and within ten when it cannot be killed.
 ///
