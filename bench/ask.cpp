@@ -7,6 +7,7 @@
 
 #include "bench/support.hpp"
 #include "vision/client/http/http_messages_client.hpp"
+#include "vision/client/internal/prompt.hpp"
 #include "vision/vision.hpp"
 
 namespace {

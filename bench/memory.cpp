@@ -1,12 +1,13 @@
 #include "bench/memory.hpp"
 
+#include <boost/json/monotonic_resource.hpp>
 #include <stdexcept>
 
 namespace vision::bench {
 namespace {
 
 boost::json::value answer(int turn) {
-  const boost::json::object input = {{"action", "click"}, {"x_ratio", 0.1 * (turn % 9)},
+  const boost::json::object input = {{"action", "click"}, {"x_ratio", 0.1 * turn},
                                      {"y_ratio", 0.5},    {"reason", "The button is there."},
                                      {"confidence", 0.9}, {"next_expected_state", "A dialog is open."}};
   return {{"content", {{{"type", "tool_use"}, {"name", "propose_action"}, {"input", input}}}},
@@ -15,9 +16,15 @@ boost::json::value answer(int turn) {
 
 }  // namespace
 
+MemoryModel::MemoryModel(runtime::Duration thinks) : thinks_(thinks) {
+  for (int turn = 0; turn < 9; ++turn) answers_.push_back(answer(turn));
+}
+
 asio::awaitable<boost::json::value> MemoryModel::create(const MessagesRequest&) {
   if (thinks_ > runtime::Duration::zero()) co_await runtime::sleep_for(thinks_);
-  co_return answer(turn_++);
+  // In one block of memory, as the HTTP client returns it.
+  co_return boost::json::value(answers_[static_cast<std::size_t>(turn_++) % answers_.size()],
+                               boost::json::make_shared_resource<boost::json::monotonic_resource>());
 }
 
 asio::awaitable<void> mission(BrowserPage& page, VisionClient& client, long steps) {

@@ -4,6 +4,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <memory>
+#include <vector>
 
 #include "tests/support/virtual_time.hpp"
 #include "vision/vision.hpp"
@@ -17,7 +18,7 @@ namespace asio = boost::asio;
 /// An event loop in virtual time.
 class MemoryWorld {
  public:
-  MemoryWorld() : time(std::make_shared<test::VirtualTime>(io)) { runtime::install_time_source(io, time); }
+  MemoryWorld() : time(std::make_shared<test::VirtualTime>()) { runtime::install_time_source(io, time); }
   asio::io_context io;
   std::shared_ptr<test::VirtualTime> time;
 
@@ -55,11 +56,12 @@ class MemoryPage : public BrowserPage, private Mouse, private Keyboard {
 /// Proposes a click elsewhere each time, after `thinks` of virtual time.
 class MemoryModel : public MessagesClient {
  public:
-  explicit MemoryModel(runtime::Duration thinks) : thinks_(thinks) {}
+  explicit MemoryModel(runtime::Duration thinks);
   asio::awaitable<boost::json::value> create(const MessagesRequest& request) override;
 
  private:
   const runtime::Duration thinks_;
+  std::vector<boost::json::value> answers_;
   int turn_ = 0;
 };
 

@@ -13,7 +13,7 @@
 
 #include "bench/support.hpp"
 #include "chromium/browser.hpp"
-#include "chromium/protocol/endpoint.hpp"
+#include "chromium/protocol/devtools_url.hpp"
 #include "chromium/protocol/websocket_transport.hpp"
 
 using namespace vision;
@@ -68,12 +68,12 @@ asio::awaitable<void> run(const bench::Arguments& arguments, boost::json::object
   auto page = co_await browser->new_page(chromium::PageOptions().device_pixel_ratio(ratio));
   page->optimize_for_speed(is_fast);
   (void)co_await page->evaluate(draw);
-  chromium::Endpoint endpoint;
-  endpoint.scheme = "ws";
-  endpoint.host = "127.0.0.1";
-  endpoint.port = port;
-  endpoint.path = "/devtools/page/" + page->target_id();
-  const auto raw = co_await chromium::WebSocketTransport::connect(endpoint);
+  chromium::DevToolsUrl url;
+  url.scheme = "ws";
+  url.host = "127.0.0.1";
+  url.port = port;
+  url.path = "/devtools/page/" + page->target_id();
+  const auto raw = co_await chromium::WebSocketTransport::connect(url);
   const std::string command =
       R"({"id":1,"method":"Page.captureScreenshot","params":{"format":"png","optimizeForSpeed":)" +
       std::string(is_fast ? "true}}" : "false}}");

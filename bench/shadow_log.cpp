@@ -21,7 +21,7 @@ boost::json::object record() {
                       "A dialog with the link is open.");
   result.x_ratio = 0.8125;
   result.y_ratio = 0.0475;
-  result.model_used = "claude-haiku-4-5";
+  result.model_used = "light-model";
   result.latency_ms = 1234.5;
   result.input_tokens = 1530;
   result.output_tokens = 82;

@@ -1,6 +1,9 @@
 #include "chromium/browser.hpp"
 
+#include <boost/asio/error.hpp>
 #include <boost/asio/this_coro.hpp>
+#include <boost/system/system_error.hpp>
+#include <cctype>
 #include <cmath>
 #include <stdexcept>
 #include <utility>
@@ -8,12 +11,12 @@
 #include "chromium/events/popups.hpp"
 #include "chromium/process/process.hpp"
 #include "chromium/protocol/connection.hpp"
-#include "chromium/protocol/endpoint.hpp"
-#include "chromium/protocol/fields.hpp"
+#include "chromium/protocol/devtools_url.hpp"
+#include "chromium/protocol/json_object.hpp"
 #include "chromium/protocol/pipe_transport.hpp"
 #include "chromium/protocol/session.hpp"
 #include "chromium/protocol/websocket_transport.hpp"
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/error_text.hpp"
 #include "vision/text/internal/utf8.hpp"
 
@@ -26,18 +29,33 @@ void check(const PageOptions& options) {
   constexpr int max_side = 10'000'000;  // the browser's own limit
   for (const int side : {options.width(), options.height()}) {
     if (side < 1 || side > max_side) {
-      throw std::invalid_argument("a viewport of " + std::to_string(options.width()) + " by " +
-                                  std::to_string(options.height()) + " pixels");
+      throw std::invalid_argument("viewport " + std::to_string(options.width()) + " x " +
+                                  std::to_string(options.height()) + ": a side is from 1 to " +
+                                  std::to_string(max_side) + " pixels");
     }
   }
   const double ratio = options.device_pixel_ratio();
-  if (!std::isfinite(ratio) || ratio <= 0)
-    throw std::invalid_argument("a device pixel ratio of " + std::to_string(ratio));
+  if (!std::isfinite(ratio) || ratio <= 0) {
+    throw std::invalid_argument("device pixel ratio " + std::to_string(ratio) + ": must be finite and above 0");
+  }
 }
 
-asio::awaitable<std::unique_ptr<Transport>> reach(Endpoint endpoint) {
-  Endpoint browser = co_await find_browser(std::move(endpoint));
+asio::awaitable<std::unique_ptr<Transport>> open_transport(DevToolsUrl url) {
+  DevToolsUrl browser = co_await discover_browser(std::move(url));
   co_return co_await WebSocketTransport::connect(std::move(browser));
+}
+
+// The text of Asio's own error names a line of its source.
+[[noreturn]] void rethrow_explained(const DevToolsUrl& url, const std::exception_ptr& failure) {
+  try {
+    std::rethrow_exception(failure);
+  } catch (const boost::system::system_error& error) {
+    std::string reason = error.code().message();
+    reason.replace(0, 1, 1, static_cast<char>(std::tolower(static_cast<unsigned char>(reason[0]))));
+    const bool refused = error.code() == asio::error::connection_refused;
+    throw BrowserError("no browser answers at " + url.authority() + ": " + reason +
+                       (refused ? "; was it started with --remote-debugging-port?" : ""));
+  }
 }
 
 }  // namespace
@@ -45,23 +63,26 @@ asio::awaitable<std::unique_ptr<Transport>> reach(Endpoint endpoint) {
 Browser::Browser(std::unique_ptr<BrowserProcess> process, std::shared_ptr<Connection> connection)
     : process_(std::move(process)), connection_(std::move(connection)), session_(connection_->session("")) {}
 
+// The connection first, so that pages which are still held end with an error at once;
+// process_, the first member, is destroyed last and blocks until the browser has ended.
 Browser::~Browser() {
-  session_->on_event(nullptr);
+  session_->set_event_handler(nullptr);  // it refers to this object
   connection_->close();
 }
 
 asio::awaitable<void> Browser::set_up() {
-  windows_ = std::make_unique<Windows>(connection_, session_);
-  session_->on_event([this](std::string_view method, const json::object& params) { windows_->see(method, params); });
-  co_await session_->call("Target.setAutoAttach", Windows::auto_attach());
-  co_await session_->call("Browser.setDownloadBehavior", fields("behavior", "deny"));
+  popups_ = std::make_unique<Popups>(connection_, session_);
+  session_->set_event_handler(
+      [this](std::string_view method, const json::object& params) { popups_->handle_event(method, params); });
+  co_await session_->command("Target.setAutoAttach", Popups::auto_attach());
+  co_await session_->command("Browser.setDownloadBehavior", make_object("behavior", "deny"));
 }
 
 asio::awaitable<std::vector<PageInfo>> Browser::pages() {
-  const json::object answer = co_await session_->call("Target.getTargets");
+  const json::object reply = co_await session_->command("Target.getTargets");
   std::vector<PageInfo> out;
-  const auto* targets = answer.if_contains("targetInfos");
-  if (!targets || !targets->is_array()) throw BrowserError("the browser did not tell its pages");
+  const auto* targets = reply.if_contains("targetInfos");
+  if (!targets || !targets->is_array()) throw BrowserError("the browser did not list its pages");
   for (const auto& target : targets->get_array()) {
     const auto* info = target.if_object();
     if (!info || text_of(*info, "type") != "page") continue;
@@ -72,9 +93,9 @@ asio::awaitable<std::vector<PageInfo>> Browser::pages() {
 }
 
 asio::awaitable<std::shared_ptr<Session>> Browser::open_session(std::string target_id) {
-  const json::object answer =
-      co_await session_->call("Target.attachToTarget", fields("targetId", target_id, "flatten", true));
-  co_return connection_->session(std::string(text_of(answer, "sessionId")));
+  const json::object reply =
+      co_await session_->command("Target.attachToTarget", make_object("targetId", target_id, "flatten", true));
+  co_return connection_->session(std::string(text_of(reply, "sessionId")));
 }
 
 asio::awaitable<std::shared_ptr<ChromiumPage>> Browser::attach(std::string target_id) {
@@ -86,16 +107,16 @@ asio::awaitable<std::shared_ptr<ChromiumPage>> Browser::attach(std::string targe
   }
   const std::shared_ptr<ChromiumPage> page(
       new ChromiumPage(session_, std::move(session), std::move(target_id), ChromiumPage::Owner::someone_else));
-  co_await page->observe();
-  co_await page->measure();
+  co_await page->enable_events();
+  co_await page->update_viewport_size();
   co_return page;
 }
 
 asio::awaitable<std::shared_ptr<ChromiumPage>> Browser::new_page(PageOptions options) {
   check(options);
-  const json::object answer =
-      co_await session_->call("Target.createTarget", fields("url", "about:blank", "newWindow", true));
-  std::string target_id(text_of(answer, "targetId"));
+  const json::object reply =
+      co_await session_->command("Target.createTarget", make_object("url", "about:blank", "newWindow", true));
+  std::string target_id(text_of(reply, "targetId"));
   auto session = co_await open_session(target_id);
   const std::shared_ptr<ChromiumPage> page(
       new ChromiumPage(session_, std::move(session), std::move(target_id), ChromiumPage::Owner::us));
@@ -116,9 +137,12 @@ asio::awaitable<void> Browser::close_our_pages() {
   }
 }
 
+// A launched browser takes its pages with it, so only those in another program's browser
+// are closed one by one. A page that fails to close keeps nothing else from closing. The
+// connection goes before the process: its end is what tells the browser to exit.
 asio::awaitable<void> Browser::close() {
   if (!process_ && !connection_->ended()) {
-    (void)co_await runtime::settle(runtime::done(close_our_pages()));
+    (void)co_await runtime::try_await(close_our_pages());
   }
   connection_->close();
   if (process_) co_await process_->stop();
@@ -130,12 +154,12 @@ asio::awaitable<std::shared_ptr<Browser>> launch(LaunchOptions options) {
   auto transport = std::make_unique<PipeTransport>(process->take_pipe());
   auto connection = Connection::open(executor, std::move(transport), options.command_timeout());
   const std::shared_ptr<Browser> browser(new Browser(std::move(process), std::move(connection)));
-  auto asked = browser->session_->call("Browser.getVersion", json::object(), options.launch_timeout());
-  const auto outcome = co_await runtime::settle(std::move(asked));
+  auto asked = browser->session_->command("Browser.getVersion", json::object(), options.launch_timeout());
+  const auto outcome = co_await runtime::try_await(std::move(asked));
   if (outcome.error()) {
-    const std::string words = browser->process_->last_words();
+    const std::string& tail = browser->process_->stderr_tail();
     throw BrowserError("the browser " + options.executable() + " did not start: " +
-                       text::describe(outcome.error()).message + (words.empty() ? "" : "\n" + words));
+                       text::describe(outcome.error()).message + (tail.empty() ? "" : "\n" + tail));
   }
   co_await browser->set_up();
   co_return browser;
@@ -147,15 +171,15 @@ asio::awaitable<std::shared_ptr<Browser>> launch() {
 }
 
 asio::awaitable<std::shared_ptr<Browser>> connect(std::string url, ConnectOptions options) {
-  Endpoint endpoint = parse_endpoint(url);
-  if (!options.allow_remote() && !is_loopback(endpoint.host)) {
+  const DevToolsUrl parsed = parse_devtools_url(url);
+  if (!options.allow_remote() && !is_loopback(parsed.host)) {
     throw std::invalid_argument("browser URL \"" + text::one_line(url) +
-                                "\" leads to another machine; ConnectOptions::allow_remote permits that");
+                                "\" is on another machine; ConnectOptions::allow_remote permits that");
   }
   const auto executor = co_await asio::this_coro::executor;
-  auto outcome = co_await runtime::with_deadline(reach(std::move(endpoint)), options.command_timeout());
+  auto outcome = co_await runtime::with_deadline(open_transport(parsed), options.command_timeout());
   if (outcome.timed_out()) throw CommandTimeout("connect to " + text::one_line(url), options.command_timeout().count());
-  if (outcome.error()) std::rethrow_exception(outcome.error());
+  if (outcome.error()) rethrow_explained(parsed, outcome.error());
   auto connection = Connection::open(executor, std::move(outcome.value()), options.command_timeout());
   co_return std::shared_ptr<Browser>(new Browser(nullptr, std::move(connection)));
 }

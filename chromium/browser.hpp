@@ -16,51 +16,57 @@ namespace vision::chromium {
 
 class BrowserProcess;
 class Connection;
+class Popups;
 class Session;
-class Windows;
 
 /// An open page as the browser lists it.
 class PageInfo {
  public:
-  /// All three members, in their order.
+  /// Sets the members, in their order.
   PageInfo(std::string id, std::string page_url, std::string page_title)
       : target_id(std::move(id)), url(std::move(page_url)), title(std::move(page_title)) {}
-  std::string target_id;  ///< what attach() takes
-  std::string url;        ///< of its main frame
+  std::string target_id;  ///< the id that attach() takes
+  std::string url;        ///< of the main frame
   std::string title;      ///< as the browser shows it
 };
 
-/// A Chromium that runs, started by launch() or found by connect().
+/// A running Chromium, started by launch() or found by connect().
 ///
 /// Belongs to the event loop on which it was made, must be destroyed before that
-/// context, and is not thread-safe. Errors, time limits and cancellation are
-/// those of ChromiumPage.
+/// execution context, and is not thread-safe. Errors, time limits and cancellation are
+/// as described at ChromiumPage.
+///
+/// Only operations in progress are work of the event loop: a browser that is merely
+/// held does not keep io_context::run() from returning, for example after the coroutine
+/// that would have closed it has thrown. Its dialogs are answered only while the loop
+/// runs. This holds on an io_context's own executor and on its strands; on any other
+/// executor a browser is work until close() or its destructor.
 class Browser {
  public:
-  /// Ends a launched browser at once, blocking until its processes and its
-  /// profile directory are gone (about a tenth of a second, and about ten seconds
-  /// when something of it cannot be killed); await close() to avoid that.
-  /// Disconnects from any other. Pages fail from then on.
+  /// Ends a browser of launch() at once, and blocks until its processes and its profile
+  /// directory are gone: for about a tenth of a second, or about ten seconds if one of
+  /// its processes cannot be killed. Await close() first to avoid that. Disconnects from
+  /// a browser of connect(). Its pages fail from then on.
   ~Browser();
   Browser(const Browser&) = delete;
   Browser& operator=(const Browser&) = delete;
 
-  /// All open pages, in no particular order.
+  /// Returns all open pages, in no particular order.
   boost::asio::awaitable<std::vector<PageInfo>> pages();
 
-  /// A page that somebody else opened, which keeps all its settings. Throws
-  /// BrowserError when there is no page with this id.
+  /// Attaches to a page that another program opened, and leaves its settings alone.
+  /// Throws BrowserError if there is no page with this id.
   boost::asio::awaitable<std::shared_ptr<ChromiumPage>> attach(std::string target_id);
 
-  /// A new empty page in a window of its own. Throws std::invalid_argument for a
-  /// viewport or a device pixel ratio out of its range.
+  /// Opens an empty page in a window of its own. Throws std::invalid_argument if the
+  /// viewport or the device pixel ratio is out of range.
   boost::asio::awaitable<std::shared_ptr<ChromiumPage>> new_page(PageOptions options);
   /// The same with the default viewport.
   boost::asio::awaitable<std::shared_ptr<ChromiumPage>> new_page();
 
-  /// Ends a launched browser and completes when its processes and its profile
-  /// directory are gone. From any other it disconnects, after closing the pages
-  /// that new_page opened in it. Can be called again.
+  /// Ends a browser of launch(), and completes when its processes and its profile
+  /// directory are gone. Disconnects from a browser of connect(), after closing the
+  /// pages that new_page() opened in it. Idempotent.
   boost::asio::awaitable<void> close();
 
  private:
@@ -71,32 +77,32 @@ class Browser {
   boost::asio::awaitable<std::shared_ptr<Session>> open_session(std::string target_id);
   boost::asio::awaitable<void> close_our_pages();
 
-  std::unique_ptr<BrowserProcess> process_;  // null when somebody else started it
+  std::unique_ptr<BrowserProcess> process_;  // null if connect() found it
   const std::shared_ptr<Connection> connection_;
   const std::shared_ptr<Session> session_;
-  std::unique_ptr<Windows> windows_;  // of a browser that we launched
+  std::unique_ptr<Popups> popups_;  // null if connect() found it: its windows are not ours
   std::vector<std::weak_ptr<ChromiumPage>> our_pages_;
 };
 
-/// Starts a browser of our own, with a temporary profile and no open port, and
-/// completes when it answers. It ends, and its profile goes, with the Browser
-/// object or with this process, also when that is killed. It inherits this
-/// process's environment without ANTHROPIC_API_KEY.
+/// Starts a browser with a temporary profile and without an open port, and completes
+/// when it responds. The browser and its profile go with the Browser object or with this
+/// process, even if that is killed. The browser inherits this process's environment
+/// without ANTHROPIC_API_KEY.
 ///
-/// All its pages are ours, those too that a page opens: their dialogs are answered
-/// as ChromiumPage says, they close with the page that opened them, and nothing is
-/// downloaded to disk.
+/// All its pages are treated as ours, including those that a page opens: their dialogs
+/// are answered as described at ChromiumPage, they close with the page that opened
+/// them, and nothing is downloaded to disk.
 ///
-/// Throws BrowserError when it cannot be started, with the end of what it wrote to
+/// Throws BrowserError if the browser does not start, with the end of what it wrote to
 /// standard error.
 boost::asio::awaitable<std::shared_ptr<Browser>> launch(LaunchOptions options);
 /// The same with default options.
 boost::asio::awaitable<std::shared_ptr<Browser>> launch();
 
 /// Connects to a running browser: "http://127.0.0.1:9222" (its debugging port) or
-/// "ws://127.0.0.1:9222/devtools/browser/...". Throws std::invalid_argument for
-/// any other URL and, unless allowed, for a host other than this machine;
-/// BrowserError or system_error when no browser answers there.
+/// "ws://127.0.0.1:9222/devtools/browser/...". Throws std::invalid_argument for any
+/// other URL and, unless allowed, for a host other than this machine; BrowserError if no
+/// browser answers there; CommandTimeout if connecting takes too long.
 boost::asio::awaitable<std::shared_ptr<Browser>> connect(std::string url, ConnectOptions options);
 /// The same with default options.
 boost::asio::awaitable<std::shared_ptr<Browser>> connect(std::string url);

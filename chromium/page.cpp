@@ -6,10 +6,10 @@
 #include "chromium/events/popups.hpp"
 #include "chromium/input/keyboard.hpp"
 #include "chromium/input/mouse.hpp"
-#include "chromium/protocol/fields.hpp"
+#include "chromium/protocol/json_object.hpp"
 #include "chromium/protocol/remote_value.hpp"
 #include "chromium/protocol/session.hpp"
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/utf8.hpp"
 
 namespace vision::chromium {
@@ -18,85 +18,95 @@ namespace json = boost::json;
 
 ChromiumPage::ChromiumPage(std::shared_ptr<Session> browser, std::shared_ptr<Session> session, std::string target_id,
                            Owner owner)
-    : browser_(std::move(browser)),
+    : browser_session_(std::move(browser)),
       session_(std::move(session)),
       target_id_(std::move(target_id)),
       owner_(owner),
       mouse_(std::make_unique<PageMouse>(session_)),
       keyboard_(std::make_unique<PageKeyboard>(session_)) {
-  session_->on_event([this](std::string_view method, const json::object& params) { on_event(method, params); });
+  session_->set_event_handler(
+      [this](std::string_view method, const json::object& params) { handle_event(method, params); });
 }
 
 ChromiumPage::~ChromiumPage() {
-  session_->on_event(nullptr);
+  session_->set_event_handler(nullptr);  // it refers to this object
   if (session_->ended()) return;
   if (owner_ == Owner::us) {
-    browser_->post("Target.closeTarget", fields("targetId", target_id_));
+    browser_session_->send_and_forget("Target.closeTarget", make_object("targetId", target_id_));
   } else {
-    browser_->post("Target.detachFromTarget", fields("sessionId", session_->id()));
+    browser_session_->send_and_forget("Target.detachFromTarget", make_object("sessionId", session_->id()));
   }
 }
 
-// Page.enable comes first: without it a dialog stops the page for good.
-asio::awaitable<void> ChromiumPage::observe() {
-  co_await session_->call("Page.enable");
-  co_await session_->call("Inspector.enable");
-  co_await session_->call("Page.setLifecycleEventsEnabled", fields("enabled", true));
+// Page.enable comes first: a dialog that opens before it is never reported. Nor does the
+// page reply while one is open, so a time-out here means that it opened before.
+asio::awaitable<void> ChromiumPage::enable_events() {
+  session_->set_obstacle("a dialog may be open that the page's owner has not answered");
+  co_await session_->command("Page.enable");
+  session_->set_obstacle({});
+  co_await session_->command("Inspector.enable");
+  co_await session_->command("Page.setLifecycleEventsEnabled", make_object("enabled", true));
 }
 
 asio::awaitable<void> ChromiumPage::set_up(PageOptions options) {
-  co_await observe();
-  viewport_ = fields("width", options.width(), "height", options.height());
-  co_await session_->call("Emulation.setDeviceMetricsOverride",
-                          fields("width", options.width(), "height", options.height(), "deviceScaleFactor",
-                                 options.device_pixel_ratio(), "mobile", false));
-  co_await session_->call("Emulation.setFocusEmulationEnabled", fields("enabled", true));
+  co_await enable_events();
+  viewport_ = make_object("width", options.width(), "height", options.height());
+  co_await session_->command("Emulation.setDeviceMetricsOverride",
+                             make_object("width", options.width(), "height", options.height(), "deviceScaleFactor",
+                                         options.device_pixel_ratio(), "mobile", false));
+  co_await session_->command("Emulation.setFocusEmulationEnabled", make_object("enabled", true));
 }
 
-// A page that is just navigating, or waits for its owner to answer a dialog,
-// cannot tell: then the last size stands.
-asio::awaitable<void> ChromiumPage::measure() {
+// A page that is navigating, or has a dialog open, does not reply; then the last size
+// stays. Attaching and screenshots must work on such a page, so they do not wait long.
+asio::awaitable<void> ChromiumPage::update_viewport_size() {
   constexpr auto limit = std::chrono::seconds(2);
-  auto asked =
-      session_->call("Runtime.evaluate",
-                     fields("expression", "({width: innerWidth, height: innerHeight})", "returnByValue", true), limit);
-  auto outcome = co_await runtime::settle(std::move(asked));
+  auto asked = session_->command(
+      "Runtime.evaluate",
+      make_object("expression", "({width: innerWidth, height: innerHeight})", "returnByValue", true), limit);
+  auto outcome = co_await runtime::try_await(std::move(asked));
   if (!outcome.has_value() || outcome.value().contains("exceptionDetails")) co_return;
   const json::value size = evaluated_value(std::move(outcome.value()));
   if (size.is_object() && size.get_object().contains("width")) viewport_ = size.get_object();
 }
 
-void ChromiumPage::on_event(std::string_view method, const json::object& params) {
+void ChromiumPage::handle_event(std::string_view method, const json::object& params) {
   if (method == "Page.javascriptDialogOpening") {
-    if (owner_ == Owner::us) answer_dialog(*session_, params);
-  } else if (loading_) {
-    loading_->see(method, params);
+    if (owner_ == Owner::us) return answer_dialog(*session_, params);
+    constexpr std::size_t max_message = 100;
+    session_->set_obstacle("a dialog is open (" + text::one_line(text_of(params, "type")) + " \"" +
+                           text::one_line(text::first_code_points(text_of(params, "message"), max_message)) +
+                           "\") that the page's owner has not answered");
+  } else if (method == "Page.javascriptDialogClosed") {
+    session_->set_obstacle({});
+  } else if (load_waiter_) {
+    load_waiter_->handle_event(method, params);
   }
 }
 
 asio::awaitable<json::object> ChromiumPage::full_page_clip() {
-  const json::object metrics = co_await session_->call("Page.getLayoutMetrics");
+  const json::object metrics = co_await session_->command("Page.getLayoutMetrics");
   const json::object& size = object_of(metrics, "cssContentSize");
   if (!size.contains("width") || !size.contains("height"))
-    throw BrowserError("the browser did not tell the page's size");
-  co_return fields("x", 0, "y", 0, "width", size.at("width"), "height", size.at("height"), "scale", 1);
+    throw BrowserError("the browser did not report the size of the page");
+  co_return make_object("x", 0, "y", 0, "width", size.at("width"), "height", size.at("height"), "scale", 1);
 }
 
 asio::awaitable<Bytes> ChromiumPage::screenshot(ScreenshotOptions options) {
-  co_await session_->call("Page.bringToFront");
-  if (owner_ == Owner::someone_else) co_await measure();
-  json::object params = fields("format", "png", "optimizeForSpeed", optimize_for_speed_);
+  co_await session_->command("Page.bringToFront");
+  if (owner_ == Owner::someone_else) co_await update_viewport_size();
+  json::object params = make_object("format", "png", "optimizeForSpeed", optimize_for_speed_);
   if (options.full_page()) {
     params["clip"] = co_await full_page_clip();
     params["captureBeyondViewport"] = true;
   }
-  co_return co_await session_->call_for_picture("Page.captureScreenshot", std::move(params));
+  co_return co_await session_->command_for_picture("Page.captureScreenshot", std::move(params));
 }
 
 asio::awaitable<json::value> ChromiumPage::evaluate(std::string expression) {
   try {
-    json::object result = co_await session_->call(
-        "Runtime.evaluate", fields("expression", expression, "returnByValue", true, "awaitPromise", true));
+    json::object result = co_await session_->command(
+        "Runtime.evaluate", make_object("expression", expression, "returnByValue", true, "awaitPromise", true));
     co_return evaluated_value(std::move(result));
   } catch (const ProtocolError& error) {
     if (!has_no_json_form(error)) throw;
@@ -106,29 +116,32 @@ asio::awaitable<json::value> ChromiumPage::evaluate(std::string expression) {
 
 asio::awaitable<void> ChromiumPage::navigate(std::string url) {
   LoadWaiter load(session_);
-  struct Listening {  // until this frame goes, in whatever way
-    LoadWaiter*& slot;
+  struct Registration {  // ends however this coroutine does
+    LoadWaiter*& current;
     LoadWaiter* mine;
-    Listening(LoadWaiter*& s, LoadWaiter* m) : slot(s), mine(m) { slot = m; }
-    ~Listening() {
-      if (slot == mine) slot = nullptr;
+    Registration(LoadWaiter*& c, LoadWaiter* m) : current(c), mine(m) { current = m; }
+    ~Registration() {
+      if (current == mine) current = nullptr;  // a later navigate() may have replaced it
     }
-  } listening(loading_, &load);
-  const json::object answer = co_await session_->call("Page.navigate", fields("url", url));
-  if (const auto error = text_of(answer, "errorText"); !error.empty()) {
+  } registration(load_waiter_, &load);
+  const json::object reply = co_await session_->command("Page.navigate", make_object("url", url));
+  if (const auto error = text_of(reply, "errorText"); !error.empty()) {
     throw NavigationError("cannot load " + text::one_line(url) + ": " + std::string(error));
   }
-  if (!answer.contains("loaderId")) co_return;  // within the same document
-  co_await load.wait(session_->limit(), "load of " + text::one_line(url));
+  if (!reply.contains("loaderId")) co_return;  // moved within the same document: no load event comes
+  co_await load.wait(session_->command_timeout(), "load of " + text::one_line(url));
 }
 
+// The browser replies before the page has gone, hence the wait for the session's end,
+// which arrives as the waiter's error. That end is what was asked for, whatever else
+// failed meanwhile.
 asio::awaitable<void> ChromiumPage::close() {
   if (session_->ended()) co_return;
   Waiter end(session_);
-  auto asked = browser_->call("Target.closeTarget", fields("targetId", target_id_));
-  const auto outcome = co_await runtime::settle(std::move(asked));
+  auto asked = browser_session_->command("Target.closeTarget", make_object("targetId", target_id_));
+  const auto outcome = co_await runtime::try_await(std::move(asked));
   if (!session_->ended() && outcome.error()) std::rethrow_exception(outcome.error());
-  const auto waited = co_await runtime::settle(runtime::done(end.wait(session_->limit(), "page.close")));
+  const auto waited = co_await runtime::try_await(end.wait(session_->command_timeout(), "page.close"));
   if (!session_->ended() && waited.error()) std::rethrow_exception(waited.error());
 }
 

@@ -15,64 +15,66 @@ namespace vision::chromium {
 class Session;
 class LoadWaiter;
 
-/// A page of a Chromium browser, got from Browser::new_page or Browser::attach.
+/// A page of a Chromium browser, returned by Browser::new_page or Browser::attach.
 ///
 /// Every operation throws PageClosedError once the page or the browser has ended,
-/// PageCrashedError once its renderer died, CommandTimeout when the browser does
-/// not answer in time, ProtocolError when it refuses; each also when that happens
-/// in the middle. Cancelling (terminal) ends an operation at once and leaves the
-/// page usable; what the browser had been told may still happen.
+/// PageCrashedError once the renderer has crashed, also while it is in progress;
+/// CommandTimeout if the browser does not reply in time; ProtocolError if the browser
+/// refuses. Terminal cancellation ends an operation at once and leaves the page usable;
+/// what was already sent to the browser may still take effect.
 ///
-/// On a page of ours JavaScript dialogs are dismissed as they open, and the
-/// question whether to leave a page is answered with leave; in a browser that
-/// launch() started, in every window that it opens too. A page of someone else
-/// keeps its settings, and its dialogs wait for their owner: one in a window that
-/// a page of ours opened in such a browser holds up both.
+/// On a page of new_page(), JavaScript dialogs are dismissed as they open, and the
+/// question whether to leave the page is answered with yes. In a browser of launch()
+/// the same holds for every window that a page opens. A page of attach() keeps its
+/// settings, and its dialogs wait for its owner; a CommandTimeout says when one has
+/// opened. In a browser of connect(), a dialog in a window that our page opened also
+/// stops our page.
 ///
-/// Not thread-safe: to be used on the event loop of its Browser, and to be kept
-/// until its operations have ended. Destroying it closes a page of ours without
-/// waiting, and lets go of one of somebody else.
+/// Not thread-safe: use it only on the event loop of its Browser. It must outlive its
+/// operations. Destroying it closes a page of new_page() and detaches from a page of
+/// attach(), in both cases without waiting.
 class ChromiumPage : public BrowserPage {
  public:
   ~ChromiumPage() override;
   ChromiumPage(const ChromiumPage&) = delete;
   ChromiumPage& operator=(const ChromiumPage&) = delete;
 
-  /// The viewport in device pixels, or the whole document. Brings the page to
-  /// the front of its window first: the browser draws no hidden page. Of an
-  /// attached page whose owner emulates a device pixel ratio the browser gives a
-  /// picture in CSS pixels.
+  /// Returns the viewport, or the whole document, in device pixels. First brings the
+  /// page to the front of its window, because the browser does not draw a hidden page.
+  /// If the owner of an attached page emulates a device pixel ratio, the browser
+  /// returns CSS pixels.
   boost::asio::awaitable<Bytes> screenshot(ScreenshotOptions options) override;
 
-  /// Whether the browser is to encode later screenshots fast rather than small:
-  /// the same picture in less time and more bytes, which the model's service is
-  /// then sent; docs/performance.md has both measured. Default false.
+  /// Whether the browser encodes later screenshots fast rather than small: the same
+  /// picture in less time but more bytes, all of which are sent to the model's service.
+  /// docs/performance.md has measurements of both. Default false.
   void optimize_for_speed(bool value) noexcept { optimize_for_speed_ = value; }
 
-  /// Throws EvaluationError when the script throws or its promise is rejected.
+  /// Throws EvaluationError if the script throws or its promise is rejected.
   /// undefined, functions, symbols, NaN, infinities, windows and cyclic objects
-  /// become null; a bigint becomes an integer when it fits 64 bits, else null.
+  /// become null; a bigint becomes an integer if it fits into 64 bits, else null.
   boost::asio::awaitable<boost::json::value> evaluate(std::string expression) override;
 
-  /// The viewport given to new_page; for an attached page its inner size when it
-  /// was attached to or last shot, absent when it could not be told.
+  /// The viewport given to new_page(). For an attached page, its inner size at the
+  /// time of attach() or of the last screenshot; absent if the page did not respond.
   std::optional<boost::json::object> viewport_size() override;
 
-  /// A click completes when the page has handled press and release.
+  /// A click completes when the page has handled press and release. Throws
+  /// std::invalid_argument for a coordinate or delta that is not finite.
   Mouse& mouse() override;
-  /// press() throws std::invalid_argument, `Unknown key: "Foo"`, before anything
-  /// is sent. type() sends characters off the US layout as text without key
-  /// events, and a line end as Enter.
+  /// press() throws std::invalid_argument, `Unknown key: "Foo"`, before it sends
+  /// anything. type() sends characters that the US layout does not have as text without
+  /// key events, and a line end as Enter.
   Keyboard& keyboard() override;
 
-  /// Goes to `url` and waits for the load event. Throws NavigationError when it
-  /// cannot be loaded; an answer with an error status is a page like any other.
+  /// Navigates to `url` and waits for the load event. Throws NavigationError if it
+  /// cannot be loaded. A response with an error status counts as loaded.
   boost::asio::awaitable<void> navigate(std::string url);
 
-  /// Closes the page, whoever opened it, without asking it. Can be called again.
+  /// Closes the page, whoever opened it, without its consent. Idempotent.
   boost::asio::awaitable<void> close();
 
-  /// What Browser::attach takes; stays the same for the page's life.
+  /// The id that Browser::attach takes. Never changes.
   const std::string& target_id() const noexcept { return target_id_; }
 
  private:
@@ -80,19 +82,19 @@ class ChromiumPage : public BrowserPage {
   enum class Owner { us, someone_else };
   ChromiumPage(std::shared_ptr<Session> browser, std::shared_ptr<Session> session, std::string target_id, Owner owner);
   boost::asio::awaitable<void> set_up(PageOptions options);
-  boost::asio::awaitable<void> observe();
-  boost::asio::awaitable<void> measure();
+  boost::asio::awaitable<void> enable_events();
+  boost::asio::awaitable<void> update_viewport_size();
   boost::asio::awaitable<boost::json::object> full_page_clip();
-  void on_event(std::string_view method, const boost::json::object& params);
+  void handle_event(std::string_view method, const boost::json::object& params);
 
-  const std::shared_ptr<Session> browser_;
+  const std::shared_ptr<Session> browser_session_;
   const std::shared_ptr<Session> session_;
   const std::string target_id_;
   const Owner owner_;
   const std::unique_ptr<Mouse> mouse_;
   const std::unique_ptr<Keyboard> keyboard_;
   std::optional<boost::json::object> viewport_;
-  LoadWaiter* loading_ = nullptr;
+  LoadWaiter* load_waiter_ = nullptr;  // of the latest navigate() that is in progress
   bool optimize_for_speed_ = false;
 };
 

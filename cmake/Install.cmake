@@ -3,17 +3,40 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
+# vision_objects(NAME SOURCES ... LIBRARIES ...)
+# Compiles the sources once, for whichever libraries are made of them.
+function(vision_objects name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBRARIES" ${ARGN})
+  list(TRANSFORM ARG_SOURCES PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
+  add_library(${name} OBJECT ${ARG_SOURCES})
+  target_compile_features(${name} PUBLIC cxx_std_20)
+  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} vision_developer)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  if(VISION_SHARED)
+    target_compile_options(${name} PRIVATE -fvisibility-inlines-hidden -fno-semantic-interposition)
+  endif()
+endfunction()
+
 # vision_library(NAME EXPORT_NAME name INCLUDE_PREFIX folder PC file
-#                SOURCES ... HEADERS ... PUBLIC ... PRIVATE ... [NEEDS our libraries])
+#                SOURCES ... ROOMS ... PUBLIC ... PRIVATE ... [BASE objects]
+#                [NEEDS our libraries] [FORCED_HEADERS ...])
 # Compiles the sources once, into NAME_objects, and makes of them the static
-# library NAME, the shared library NAME_shared, or both: tests reach into what a
-# shared library hides, and what is installed is shared when VISION_SHARED is on.
-# vision::EXPORT_NAME is what the rest of the tree links. HEADERS are the public
-# ones, relative to the project; they keep their folders below INCLUDE_PREFIX.
+# library NAME, the shared library NAME_shared, or both: what lies in this tree
+# reaches into what a shared library hides, and what is installed is shared when
+# VISION_SHARED is on. vision::EXPORT_NAME is what the rest of the tree links.
+#
+# BASE is what our libraries have in common. Every shared library hides a copy of
+# its own; of static ones it is in the one that NEEDS no other.
+#
+# Installed are all headers that lie in the folders ROOMS themselves, and
+# FORCED_HEADERS, which templates in those need. Both are relative to this folder;
+# headers keep their place in the project below INCLUDE_PREFIX.
 function(vision_library name)
-  cmake_parse_arguments(ARG "" "EXPORT_NAME;INCLUDE_PREFIX;PC" "SOURCES;HEADERS;PUBLIC;PRIVATE;NEEDS" ${ARGN})
+  cmake_parse_arguments(ARG "" "EXPORT_NAME;INCLUDE_PREFIX;PC;BASE"
+    "SOURCES;ROOMS;FORCED_HEADERS;PUBLIC;PRIVATE;NEEDS" ${ARGN})
   set(in_tree _shared)
-  if(NOT VISION_SHARED OR VISION_TESTS)
+  if(NOT VISION_SHARED OR VISION_TESTS OR VISION_EXAMPLES OR VISION_TOOLS OR VISION_BENCH)
     add_library(${name} STATIC)
     set(in_tree "")
   endif()
@@ -22,19 +45,15 @@ function(vision_library name)
   endif()
   add_library(vision::${ARG_EXPORT_NAME} ALIAS ${name}${in_tree})
 
-  list(TRANSFORM ARG_SOURCES PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
-  add_library(${name}_objects OBJECT ${ARG_SOURCES})
-  target_compile_features(${name}_objects PUBLIC cxx_std_20)
   list(TRANSFORM ARG_NEEDS APPEND "${in_tree}" OUTPUT_VARIABLE needs)
-  target_link_libraries(${name}_objects PRIVATE ${ARG_PUBLIC} ${ARG_PRIVATE} ${needs} vision_developer)
-  target_include_directories(${name}_objects PRIVATE ${PROJECT_SOURCE_DIR})
-  set_target_properties(${name}_objects PROPERTIES POSITION_INDEPENDENT_CODE ON)
-  if(VISION_SHARED)
-    target_compile_options(${name}_objects PRIVATE -fvisibility-inlines-hidden -fno-semantic-interposition)
-  endif()
+  vision_objects(${name}_objects SOURCES ${ARG_SOURCES} LIBRARIES ${ARG_PUBLIC} ${ARG_PRIVATE} ${needs})
+  list(TRANSFORM ARG_ROOMS APPEND /*.hpp OUTPUT_VARIABLE public)
+  file(GLOB headers CONFIGURE_DEPENDS ${public})
+  list(TRANSFORM ARG_FORCED_HEADERS PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/ OUTPUT_VARIABLE forced)
+  list(APPEND headers ${forced})
   foreach(suffix IN ITEMS "" _shared)
     if(TARGET ${name}${suffix})
-      vision_link(${name} "${suffix}")
+      vision_link(${name} "${suffix}" "${headers}")
     endif()
   endforeach()
 
@@ -48,11 +67,13 @@ function(vision_library name)
 endfunction()
 
 # Of vision_library: one kind of the library, from its ARG_ variables.
-function(vision_link name suffix)
+function(vision_link name suffix headers)
   set(target ${name}${suffix})
-  list(TRANSFORM ARG_HEADERS PREPEND ${PROJECT_SOURCE_DIR}/ OUTPUT_VARIABLE headers)
   target_sources(${target} PRIVATE $<TARGET_OBJECTS:${name}_objects>
     PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR} FILES ${headers})
+  if(ARG_BASE AND (suffix OR NOT ARG_NEEDS))
+    target_sources(${target} PRIVATE $<TARGET_OBJECTS:${ARG_BASE}>)
+  endif()
   list(TRANSFORM ARG_NEEDS APPEND "${suffix}" OUTPUT_VARIABLE needs)
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_link_libraries(${target} PUBLIC ${ARG_PUBLIC} ${needs} PRIVATE ${ARG_PRIVATE})

@@ -19,13 +19,13 @@ void check(Input input) {
       const ActionResult result = _parse_response(response, "model", 12.5, meta);
       for (const double ratio : {result.x_ratio.value_or(0), result.y_ratio.value_or(0)})
         require(ratio >= 0 && ratio <= 1, "a place is within the viewport");
-      require(result.text != "" && result.key != "", "no text to type and no key is empty");
+      require(result.text != "" && result.key != "", "text and key are absent or not empty");
       require(result.model_used == "model" && result.latency_ms == 12.5, "what the caller knows is kept");
       const bool call_found = result.reason != "model did not return propose_action tool call";
       require(call_found || result.action == ActionVerb::declare_failure, "no call is a failure");
       require(call_found || &response == responses || value.is_null(), "the call is found");
       require(result.low_confidence == (call_found && result.confidence < LOW_CONFIDENCE_THRESHOLD),
-              "low confidence is told");
+              "low confidence is marked");
     } catch (const InvalidResponse&) {
     } catch (const ConversionError&) {
     }

@@ -1,5 +1,5 @@
-// Texts are cut between code points, where an independent decoder sees them, and
-// what enters a log line cannot end it, steer a terminal or be unreadable.
+// Texts are cut between the code points that an independent decoder sees, and what
+// enters a log line can neither end it nor control a terminal.
 #include "fuzz/input.hpp"
 
 namespace vision::fuzz {

@@ -19,12 +19,12 @@ void check(Input input) {
     require(!integer || whole == *integer, "an integer stays as it is");
     const bool fits = real && std::abs(*real) < 9e18;
     require(!fits || static_cast<double>(whole.value()) == std::trunc(*real), "a real is truncated");
-    require(!whole || value.is_primitive(), "no list and no map has an integer");
+    require(!whole || value.is_primitive(), "lists and maps have no integer");
   } catch (const ConversionError&) {
     require(value.is_double() && std::isinf(value.get_double()), "only an infinity is refused");
   }
   const auto text = _opt_str(&value);
-  require(!text || !text->empty(), "no text is empty");
+  require(!text || !text->empty(), "a text is absent or not empty");
   const auto* given = value.if_string();
   if (!given) return;
   require(text.value_or("") == std::string_view(*given), "a text stays as it is");
@@ -32,11 +32,11 @@ void check(Input input) {
   const std::string trimmed(text::trim(*given));
   const auto whole = text::parse_integer(*given);
   require(!whole || *whole == std::strtoll(trimmed.c_str(), nullptr, 10), "the C library reads the same integer");
-  require(!whole || number, "what is an integer is a real");
+  require(!whole || number, "an integer is also a real");
   if (!number) return;
   char* end = nullptr;
   const double expected = std::strtod(trimmed.c_str(), &end);
-  require(end == trimmed.c_str() + trimmed.size(), "the C library reads all of it too");
+  require(end == trimmed.c_str() + trimmed.size(), "the C library reads all of it");
   require(std::isnan(*number) ? std::isnan(expected) : *number == expected, "the C library reads the same real");
 }
 

@@ -1,10 +1,10 @@
-// A message from the browser is a JSON value with well-formed texts, or an error
-// after which its waiter can still be found. A browser's URL is taken apart into
-// what a request can be made of, or refused with one harmless line.
+// A message from the browser is a JSON value with well-formed texts, or an error after
+// which the command it answers can still be found. A browser's URL is split into parts
+// that are safe in a request, or refused with one harmless line.
 #include <boost/json/serialize.hpp>
 
 #include "chromium/errors.hpp"
-#include "chromium/protocol/endpoint.hpp"
+#include "chromium/protocol/devtools_url.hpp"
 #include "chromium/protocol/message.hpp"
 #include "fuzz/input.hpp"
 
@@ -17,17 +17,16 @@ void check_url(std::string_view text) try {
   const auto can_be_sent = [](std::string_view part) {
     return !part.empty() && std::all_of(part.begin(), part.end(), [](char c) { return c > ' ' && c <= '~'; });
   };
-  const auto endpoint = parse_endpoint(std::string(text));
-  require(endpoint.scheme == "http" || endpoint.scheme == "ws", "one of two schemes");
-  require(can_be_sent(endpoint.authority()) && can_be_sent(endpoint.path), "nothing can end a header");
-  require(endpoint.path.starts_with('/'), "a path is absolute");
-  const int port = std::stoi(endpoint.port);
+  const auto url = parse_devtools_url(std::string(text));
+  require(url.scheme == "http" || url.scheme == "ws", "one of two schemes");
+  require(can_be_sent(url.authority()) && can_be_sent(url.path), "nothing can end a header");
+  require(url.path.starts_with('/'), "a path is absolute");
+  const int port = std::stoi(url.port);
   require(port > 0 && port < 65536, "a port is one");
-  const auto again = parse_endpoint(endpoint.scheme + "://" + endpoint.authority() + endpoint.path);
-  require(again.host == endpoint.host && again.port == endpoint.port && again.path == endpoint.path,
-          "its own words mean the same");
-  const bool is_plain = endpoint.host.find_first_of("@/?#") == std::string::npos;
-  require(is_plain || !is_loopback(endpoint.host), "no other host");
+  const auto again = parse_devtools_url(url.scheme + "://" + url.authority() + url.path);
+  require(again.host == url.host && again.port == url.port && again.path == url.path, "its own words mean the same");
+  const bool is_plain = url.host.find_first_of("@/?#") == std::string::npos;
+  require(is_plain || !is_loopback(url.host), "no other host");
 } catch (const std::invalid_argument& e) {
   require(vision::text::one_line(e.what()) == e.what(), "an error is one harmless line");
 }
@@ -43,7 +42,7 @@ void check(Input text) {
   try {
     const boost::json::value message = parse_message(text);
     require(error || message == strict, "a strict reader's value");
-    // Of a lone surrogate, which scripts can make, nothing may be left.
+    // Scripts can make lone surrogates; none may be left.
     const std::string texts = boost::json::serialize(message);
     require(well_formed(texts) == texts, "texts are well-formed");
     const auto id = leading_id(text);

@@ -1,7 +1,8 @@
-// However a browser's bytes are cut on their way, the messages are what stands
-// between the NULs; and whatever they say, everything that waits for them ends,
-// and nothing but the driver's own errors comes of it.
+// However a browser's bytes are cut on their way, the messages are the bytes between the
+// NULs. Whatever they say, every command that waits for them ends, and only the driver's
+// own errors come out.
 #include <boost/asio/co_spawn.hpp>
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/connect_pair.hpp>
 #include <boost/asio/write.hpp>
@@ -31,7 +32,7 @@ struct Recorder : PipeTransport {
 
 asio::awaitable<void> evaluate(std::shared_ptr<Session> session) {
   try {
-    boost::json::object result = co_await session->call("Runtime.evaluate");
+    boost::json::object result = co_await session->command("Runtime.evaluate");
     if (const auto* picture = result.if_contains("data"); picture && picture->is_string()) {
       require(decode_base64(picture->get_string()).size() <= picture->get_string().size(), "a picture has a size");
     }
@@ -44,6 +45,7 @@ asio::awaitable<void> evaluate(std::shared_ptr<Session> session) {
 
 void check(Input input) {
   asio::io_context context;
+  const auto work = asio::make_work_guard(context);  // an idle connection is not work
   asio::local::stream_protocol::socket browser(context), ours(context);
   asio::local::connect_pair(browser, ours);
   auto transport = std::make_unique<Recorder>(std::move(ours));
@@ -52,9 +54,9 @@ void check(Input input) {
   int ended = 0;
   for (const char* id : {"", "P", "P"}) {
     const auto session = connection->session(id);
-    session->on_event([](std::string_view, const boost::json::object&) {});
+    session->set_event_handler([](std::string_view, const boost::json::object&) {});
     asio::co_spawn(context, evaluate(session), [&](std::exception_ptr error) {
-      require(!error, "only the driver's own errors come of it");
+      require(!error, "only the driver's own errors come out");
       ++ended;
     });
   }
@@ -66,7 +68,7 @@ void check(Input input) {
     context.poll();
   }
   browser.close();
-  context.run();
+  while (context.poll() > 0) continue;
   require(received == sent.substr(0, sent.rfind('\0') + 1), "every message, whole and in order");
   require(ended == 3 && connection->ended(), "every command ends, and the browser's end is noticed");
 }

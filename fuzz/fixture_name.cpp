@@ -32,7 +32,7 @@ void check(Input input) {
   if (path) {
     const fs::path given(*path);
     require(given.parent_path() == folder / hotspot_id && given.parent_path().parent_path() == folder, "in its folder");
-    require(fs::is_regular_file(given), "under the name that was told");
+    require(fs::is_regular_file(given), "under the returned name");
     require(given.filename().string().starts_with(run_id.empty() ? "run_" : run_id + "_"), "named after its run");
   }
   fs::remove_all("tests");

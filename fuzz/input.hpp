@@ -17,8 +17,8 @@
 
 namespace vision::fuzz {
 
-/// A fuzzer's bytes that are left, taken piece by piece. Past the end everything
-/// is zero or empty.
+/// The fuzzer's remaining bytes, taken piece by piece. Past the end everything is zero
+/// or empty.
 struct Input : std::string_view {
   std::string_view take(std::size_t count) {
     const auto out = substr(0, count);
@@ -34,7 +34,7 @@ struct Input : std::string_view {
     return out;
   }
 
-  /// At most 255 bytes, after one that tells how many.
+  /// At most 255 bytes, after one that holds their number.
   std::string_view text() { return take(number<std::uint8_t>()); }
 
   /// What comes before the next `end`, which is dropped.
@@ -68,7 +68,7 @@ struct Input : std::string_view {
     return kind == '{' ? boost::json::value(map) : boost::json::value(list);
   }
 
-  /// The rest as JSON text where it begins like an object, else as a value().
+  /// The rest, as JSON text if it begins like an object, else as a value().
   boost::json::value document() {
     boost::system::error_code error;
     return starts_with('{') ? boost::json::parse(*this, error) : value();

@@ -1,6 +1,6 @@
-// Whatever a value holds, its text is one ASCII line that reads back to the same
-// value: but for NaN and infinities, which read back as null, and ill-formed
-// parts of texts, which read back as U+FFFD.
+// Whatever a value holds, its text is one ASCII line that reads back to the same value,
+// except that NaN and infinities read back as null, and ill-formed parts of texts as
+// U+FFFD.
 #include "fuzz/input.hpp"
 #include "vision/text/internal/json_text.hpp"
 
@@ -12,7 +12,7 @@ namespace json = boost::json;
 bool same(const json::value& value, const json::value& read) {
   if (const auto* real = value.if_double()) {
     if (!std::isfinite(*real)) return read.is_null();
-    // Boost.JSON reads a real to a few units of its last place: exactly reads the C library.
+    // Boost.JSON reads a real to within a few units of its last place, the C library exactly.
     const bool is_exact = std::strtod(text::to_json(value).c_str(), nullptr) == *real;
     return is_exact && read.is_double() && std::abs(read.get_double() - *real) <= 1e-14 * std::abs(*real) + 1e-300;
   }
@@ -35,7 +35,7 @@ bool same(const json::value& value, const json::value& read) {
 void check(Input input) {
   const json::value value = input.value();
   const std::string text = text::to_json(value);
-  for (const char c : text) require(c >= ' ' && c <= '~', "one line of printable ASCII");
+  for (const char c : text) require(c >= ' ' && c <= 0x7F, "one line of ASCII");
   boost::system::error_code error;
   const json::value read = json::parse(text, error);
   require(!error, "a JSON reader accepts it");

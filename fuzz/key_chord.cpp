@@ -1,4 +1,4 @@
-// A chord is the keys between its pluses, or an error of one harmless line.
+// A chord is the keys between its plus signs, or an error of one harmless line.
 #include "chromium/input/key_layout.hpp"
 #include "fuzz/input.hpp"
 
@@ -25,8 +25,8 @@ void check(Input input) {
     const chromium::Key& key = (*keys)[i];
     require((*longer)[i + 1].code == key.code, "keys keep their order");
     require(!key.key.empty() && !key.code.empty() && key.virtual_code > 0, "a key is complete");
-    const auto struck = chromium::under_modifiers(key, held);
-    require((held & ~chromium::shift) == 0 || struck.text.empty(), "a short cut types nothing");
+    const auto struck = chromium::with_modifiers(key, held);
+    require((held & ~chromium::shift) == 0 || struck.text.empty(), "a shortcut types nothing");
     require((held & ~chromium::shift) != 0 || struck.text.empty() == key.text.empty(),
             "Shift neither adds nor takes away text");
   }

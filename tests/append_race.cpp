@@ -1,8 +1,8 @@
 // Appends records to one shadow log from many processes at once, some of which are
 // killed, and counts what became of them:
 //   append_race PROCESSES RECORDS ROUNDS
-// Works in the current directory, so that it can be run on any file system. Exits
-// with 1 when a line was torn or a record lost that should be there.
+// Works in the current directory, so that it can be run on any file system. Exits with 1
+// when a line is torn or a record lost that should be there.
 
 #include <sched.h>
 #include <signal.h>
@@ -24,8 +24,8 @@ namespace {
 constexpr const char* log_name = "append_race.jsonl";
 constexpr std::size_t max_writers = 64;
 
-// Where each writer is, seen by all processes: how many of its records it has been
-// told are written, and whether it is to stop.
+// Shared by all processes: how many of its records each writer knows to be written, and
+// whether to stop.
 struct Shared {
   std::array<std::atomic<std::int64_t>, max_writers> done;
   std::atomic<bool> stop;
@@ -59,7 +59,8 @@ struct Sum {
   std::int64_t kills = 0, records = 0, torn = 0, spoiled = 0, failed = 0;
 };
 
-// Counts lines that are no record, and finished records that are not there once.
+// Counts the lines that are not records, and the finished records that are not there
+// exactly once.
 void count(std::size_t writers, Sum& sum) {
   std::map<std::size_t, std::map<std::int64_t, int>> found;
   std::ifstream in(log_name);

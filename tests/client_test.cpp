@@ -8,8 +8,6 @@
 #include "vision/client/internal/api_key.hpp"
 #include "vision/client/internal/prompt.hpp"
 #include "vision/client/internal/response.hpp"
-#include "vision/client/internal/system_prompt.hpp"
-#include "vision/text/internal/utf8.hpp"
 
 namespace vision {
 namespace {
@@ -24,7 +22,7 @@ const ImgMeta meta(1280, 800, 2.0, 0.0);
 class Client : public testing::Test {
  protected:
   test::TestRegistry& registry = test::TestRegistry::instance();
-  test::World world;
+  test::VirtualLoop loop;
   test::LogCapture log;
   test::ScriptedPage page;
   std::shared_ptr<test::ScriptedModel> model = std::make_shared<test::ScriptedModel>();
@@ -32,25 +30,27 @@ class Client : public testing::Test {
 };
 
 TEST_F(Client, PicksTheModel) {
-  const std::pair<const char*, json::value> rows[] = {
-      {"default",
-       json::parse(R"([{}, {"phase": "0"}, {"phase": null}, {"phase": 1}, {"workflow_name": "Captcha_detect"},
-                      {"attempts": 1.9}, {"attempts": true}, {"attempts": ""}, {"attempts": []}, {"attempts": {}},
-                      {"attempts": null}, {"attempts": -7}])")},
-      {"heavy-model",
-       json::parse(R"([{"phase": 0}, {"phase": -0.0}, {"phase": false}, {"workflow_name": "phase0_login_verify"},
-                          {"workflow_name": "captcha_detect"}, {"attempts": 2}, {"attempts": 2.9},
-                          {"attempts": " 2 "}, {"attempts": 18446744073709551615}])")},
+  const std::pair<const char*, const char*> rows[] = {
+      {"default", R"([{}, {"phase": "0"}, {"phase": null}, {"phase": 1}, {"workflow_name": "Captcha_detect"},
+          {"attempts": 1.9}, {"attempts": true}, {"attempts": ""}, {"attempts": []}, {"attempts": {}},
+          {"attempts": null}, {"attempts": -7}])"},
+      {"heavy-model", R"([{"phase": 0}, {"phase": -0.0}, {"phase": false}, {"workflow_name": "phase0_login_verify"},
+          {"workflow_name": "captcha_detect"}, {"attempts": 2}, {"attempts": 2.9}, {"attempts": " 2 "},
+          {"attempts": 18446744073709551615}])"},
+      {"none",
+       R"([{"attempts": "x"}, {"attempts": "2.5"}, {"attempts": [2]}, {"attempts": " "}, {"attempts": 1e999}])"},
   };
   for (const auto& [expected, contexts] : rows) {
-    for (const auto& row : contexts.as_array()) {
-      EXPECT_EQ(_pick_model(row.as_object(), false, "default"), expected) << row;
+    const json::value parsed_contexts = json::parse(contexts);
+    for (const json::value& row : parsed_contexts.as_array()) {
+      std::string picked = "none";
+      try {
+        picked = _pick_model(row.as_object(), false, "default");
+      } catch (const ConversionError&) {
+      }
+      EXPECT_EQ(picked, expected) << row;
       EXPECT_EQ(_pick_model(row.as_object(), true, "default"), "heavy-model") << row;
     }
-  }
-  for (const char* attempts : {R"("x")", R"("2.5")", "[2]", R"(" ")", "1e999"}) {
-    const FlowContext unreadable = {{"attempts", json::parse(attempts)}};
-    EXPECT_THROW(_pick_model(unreadable, false, "d"), ConversionError) << attempts;
   }
 }
 
@@ -68,19 +68,18 @@ TEST_F(Client, UserMessage) {
             "\n# Task\nAdvance the check\nout workflow. Current step: None. Goal: paid.");
 }
 
+// The file was written from the agreed wording, not by this code: every word of the
+// instructions and of the tool is part of the contract.
+TEST_F(Client, ConstantTextOfTheRequest) {
+  EXPECT_EQ(request_prefix("m"), test::read_file(GOLDEN_FOLDER "request_prefix.txt"));
+}
+
 TEST_F(Client, RequestBody) {
   const auto prefix = std::make_shared<const std::string>(request_prefix("m\"1"));
+  EXPECT_TRUE(prefix->starts_with(R"({"model": "m\"1", "max_tokens": 512, )"));
   const MessagesRequest request("m\"1", prefix, Bytes(std::string("\x00\xffPNG", 5)), "say \"hi\"\n—\xFF");
   const std::string text = request.body();
-  EXPECT_THAT(text, HasSubstr(R"("duration_ms": {"type": "integer", "minimum": 0})"));
-  EXPECT_THAT(text, HasSubstr(R"("required": ["action", "reason", "confidence", "next_expected_state"])"));
-  json::object body = json::parse(text).as_object();
-  for (const char* long_member : {"system", "tools"}) body[long_member] = nullptr;
-  EXPECT_EQ(json::serialize(body), json::serialize(json::parse(R"({"model": "m\"1", "max_tokens": 512,
-      "thinking": {"type": "disabled"}, "system": null, "tools": null,
-      "tool_choice": {"type": "tool", "name": "propose_action"}, "messages": [{"role": "user", "content": [
-      {"type": "image", "source": {"type": "base64", "media_type": "image/png", "data": "AP9QTkc="}},
-      {"type": "text", "text": "say \"hi\"\n\u2014\ufffd"}]}]})")));
+  EXPECT_EQ(text, *prefix + R"(AP9QTkc="}}, {"type": "text", "text": "say \"hi\"\n\u2014\ufffd"}]}]})");
   for (const std::size_t most : {1U, 2U, 3U, 5U, 7U, 64U}) {
     detail::http::BodyReader reader(request);
     for (std::size_t at = 0, room = 0; at < text.size(); at += room) {
@@ -90,9 +89,6 @@ TEST_F(Client, RequestBody) {
       EXPECT_EQ(std::string_view(out.get(), room), text.substr(at, room));
     }
   }
-  const std::string_view system = detail::SYSTEM_PROMPT;
-  EXPECT_EQ(text::first_code_points(system, 1229).size() + 1, system.size());
-  EXPECT_EQ(std::count(system.begin(), system.end(), '\n'), 10);
 }
 
 ActionResult parsed(const std::string& response, std::optional<ImgMeta> img_meta = meta) {
@@ -124,26 +120,25 @@ TEST_F(Client, ParsesTheFirstToolCall) {
 TEST_F(Client, ParsesAnswersWithoutAUsableCall) {
   for (const std::string content : {"[]", "null", R"([1, "x", {"type": "tool_use"}])"}) {
     EXPECT_EQ(parsed(R"({"usage": {"input_tokens": 3, "output_tokens": 4}, "content": )" + content + "}"),
-              _failure_result("model did not return propose_action tool call", "m", 12.5, 3, 4))
+              _failure_result(Cause::no_tool_call, "model did not return propose_action tool call", "m", 12.5, 3, 4))
         << content;
   }
-  const ActionResult empty = parsed(test::tool_call("null"));
-  EXPECT_EQ(empty.action + empty.reason, "declare_failure");
+  EXPECT_EQ(parsed(test::tool_call("null")).action, "declare_failure");
   const std::string call = R"({"content": [{"type": "tool_use", "name": "propose_action")";
   for (const std::string& response : {std::string("{}"), std::string("[]"), std::string(R"({"content": 5})"),
                                       call + "}]}", call + R"(, "input": 5}]})"}) {
     EXPECT_THROW(parsed(response), InvalidResponse) << response;
   }
-  for (const std::string confidence : {"null", "[]", R"("high")"}) {
-    EXPECT_THROW(parsed(test::tool_call(R"({"confidence": )" + confidence + "}")), ConversionError) << confidence;
-  }
+  for (const char* confidence : {"null", "[]", R"("high")"})
+    EXPECT_THROW(parsed(test::tool_call(R"({"confidence": )" + std::string(confidence) + "}")), ConversionError);
 }
 
 TEST_F(Client, Metrics) {
   VisionMetrics metrics;
-  EXPECT_EQ(metrics.p95() + metrics.estimated_cost_usd(), 0.0);
+  EXPECT_EQ(metrics.p95(), 0.0);
+  EXPECT_EQ(metrics.estimated_cost_usd(), 0.0);
   const auto record = [&](std::string reason, const char* name, double ms, std::int64_t in, std::int64_t out) {
-    metrics.record(_failure_result(std::move(reason), name, ms, in, out));
+    metrics.record(_failure_result(Cause::unexpected_error, std::move(reason), name, ms, in, out));
   };
   for (int i = 20; i >= 1; --i) record("", i % 4 == 0 ? "heavy-model" : "light-model", i, 2000, 250);
   EXPECT_EQ(metrics.p95(), 19.0);
@@ -157,19 +152,33 @@ TEST_F(Client, Metrics) {
   record("a reason", "", 0, INT64_MAX, INT64_MIN);
   EXPECT_EQ(metrics.total_input_tokens, INT64_MAX);
   EXPECT_EQ(metrics.by_model.size(), 1u) << "a result without a model counts for none";
-  EXPECT_EQ(metrics.failures_by_reason["a reason"] + metrics.failures_by_reason["never seen"], 2);
+  EXPECT_EQ(metrics.failures_by_reason["a reason"], 2);
+  EXPECT_EQ(metrics.failures_by_reason["never seen"], 0);
 }
 
 TEST_F(Client, ApiKeyAndTheProcessWideClient) {
-  const test::ScopedEnv env("ANTHROPIC_API_KEY", "from-env");
-  registry.resolver = [] { return std::string("from-registry"); };
-  EXPECT_EQ(detail::resolve_api_key("given"), "given");
-  EXPECT_EQ(detail::resolve_api_key(""), "from-registry");
-  const std::function<std::string()> without[] = {[] { return ""; }, []() -> std::string { throw 42; }, nullptr};
-  for (const auto& resolver : without) {
+  const std::function<std::string()> none[] = {[] { return ""; }, []() -> std::string { throw 42; }, nullptr};
+  const std::tuple<std::string, std::function<std::string()>, std::string, std::string> rows[] = {
+      {"given", [] { return "from-registry"; }, "from-env", "given"},
+      {"", [] { return "from-registry"; }, "from-env", "from-registry"},
+      {"", none[0], " from-env\n", "from-env"},
+      {"", none[1], "from-env", "from-env"},
+      {"", none[2], "from-env", "from-env"},
+      {" ", none[0], "from-env", "the API key from the api_key argument is blank"},
+      {"", [] { return "\n"; }, "from-env", "the API key from the model registry's resolve_api_key is blank"},
+      {"", none[2], " ", "the API key from the environment variable ANTHROPIC_API_KEY is blank"},
+      {"", none[2], "", "VisionClient: no API key. Pass api_key= or set ANTHROPIC_API_KEY."},
+  };
+  for (const auto& [given, resolver, variable, expected] : rows) {
     registry.resolver = resolver;
-    EXPECT_EQ(detail::resolve_api_key(""), "from-env");
+    const test::ScopedEnv env("ANTHROPIC_API_KEY", variable);
+    try {
+      EXPECT_EQ(detail::resolve_api_key(given), expected);
+    } catch (const std::exception& error) {
+      EXPECT_EQ(error.what(), expected);
+    }
   }
+  const test::ScopedEnv env("ANTHROPIC_API_KEY", "from-env");
   EXPECT_THROW(VisionClient(std::shared_ptr<MessagesClient>()), std::invalid_argument);
   reset_default_metrics();
   VisionClient& made = default_client();
@@ -185,8 +194,7 @@ TEST_F(Client, TimeOutsKeepTheKindOfNumber) {
       {20.0, "20.0", 20}, {8, "8", 8}, {0.25, "0.25", 0.25}, {std::nan(""), "20.0", 20}, {0, "0", 0}};
   for (const auto& [timeout, text, seconds] : rows) {
     model->answer(proposal("click", 1), 1e9);
-    const auto result =
-        world.run(client.ask(Bytes(std::string("PNG")), meta, context, AskOptions().timeout_s(timeout)));
+    const auto result = loop.run(client.ask(Bytes(std::string("PNG")), meta, context, AskOptions().timeout_s(timeout)));
     EXPECT_EQ(result.reason, "vision timeout after " + std::string(text) + "s");
     EXPECT_EQ(result.latency_ms, seconds * 1000);
   }
@@ -194,7 +202,7 @@ TEST_F(Client, TimeOutsKeepTheKindOfNumber) {
 
 TEST_F(Client, ScreenshotMetadata) {
   VisionClient client(model);
-  const auto shot = [&] { return world.run(client.screenshot(page)).second; };
+  const auto shot = [&] { return loop.run(client.screenshot(page)).second; };
   EXPECT_EQ(shot(), ImgMeta(1280, 800, 2.0, 1763319900.0));
   page.viewport = json::object{{"width", 1280.7}, {"height", "720"}};
   for (const json::value& unreadable : {json::value("x"), json::value()}) {
@@ -227,7 +235,7 @@ TEST_F(Client, ActShowsTheViewportToTheHookOnlyAndNoBrokenHookOrLogDisturbsIt) {
   const std::string answer = test::tool_call(R"({"action": "click", "confidence": 0.85, "reason": ")" + reason + "\"}");
   model->fail(APIConnectionError("x")).answer(answer).answer(answer);
   const auto ask_options = AskOptions().prompt("Open it").transport_retry(false);  // act retries all the same
-  EXPECT_EQ(world.run(client.act(page, context, ask_options)).latency_ms, 2500);
+  EXPECT_EQ(loop.run(client.act(page, context, ask_options)).latency_ms, 2500);
   EXPECT_EQ(json::serialize(seen["viewport"]), R"({"w":1280,"h":800,"dpr":2E0})");
   EXPECT_THAT(model->user_text(1), testing::Not(HasSubstr("viewport:")));
   EXPECT_TRUE(model->user_text(1).ends_with("# Task\nOpen it"));
@@ -238,7 +246,7 @@ TEST_F(Client, ActShowsTheViewportToTheHookOnlyAndNoBrokenHookOrLogDisturbsIt) {
                                    reason.substr(1)));
   spdlog::get("vision")->sinks().push_back(std::make_shared<BrokenSink>());
   context["viewport"] = "mine";
-  EXPECT_EQ(world.run(client.act(page, context)).action, "click");
+  EXPECT_EQ(loop.run(client.act(page, context)).action, "click");
   EXPECT_EQ(seen["viewport"], "mine");
 }
 

@@ -2,9 +2,9 @@
 # Installs what was built, builds the examples of the modes against it as the project
 # tests/consumer/, by CMake and by make with pkg-config, and runs them on a real page.
 # Shared libraries are tried as Debian packages and from a FetchContent build too.
-#   install_test.sh SOURCE BUILD LOCAL_MODEL
+#   install_test.sh SOURCE BUILD
 set -euo pipefail
-source=$1 build=$2 local_model=$3
+source=$1 build=$2
 cached() { sed -n "s/^$1:[A-Z]*=//p" "$build/CMakeCache.txt"; }
 compiler=$(cached CMAKE_CXX_COMPILER)
 sanitizers=$(cached VISION_SANITIZE)
@@ -19,17 +19,20 @@ cleanup() {
 trap cleanup EXIT
 fail() { echo "install_test: $*" >&2; exit 1; }
 
-exec 3< <(exec "$local_model")
+cmake --install "$build" --component examples --prefix "$scratch/examples" > "$scratch/log"
+exec 3< <(exec "$scratch/examples/bin/vision-local-model")
 model_pid=$!
 read -r model_url <&3 || fail "the local model did not start"
 
 # A project of its own: of this tree only the examples are copied.
 cp -r "$source/tests/consumer" "$scratch/consumer"
 mkdir "$scratch/consumer/examples"
-cp -r "$source/examples/modes" "$scratch/consumer/examples"
+cp -r "$source/examples/modes" "$source/examples/models.hpp" "$scratch/consumer/examples"
 
 consume() {  # consume NAME FOLDER
   echo "install_test: the consumer, $1"
+  "$2/logging" > "$scratch/log" || fail "the consumer's logger failed, $1"
+  grep -q "^the host's logger: vision: " "$scratch/log" || { cat "$scratch/log"; fail "the host's logger was ignored, $1"; }
   "$source/tests/examples_test.sh" "$2" "$model_url" || fail "the consumer failed, $1"
 }
 
@@ -64,13 +67,40 @@ as_packages() {
   [ -z "$left" ] || fail "the packages left behind: $left"
 }
 
+# What the libraries show is what cmake/exports.map lists, and that is what the
+# installed headers declare.
+exports_are_the_promise() {
+  local shown=$scratch/shown listed=$scratch/listed headers=$scratch/headers libraries twice line name form
+  libraries=$(find "$scratch/prefix" -name 'libvision*.so.0.1')
+  xargs nm -DC --defined-only <<< "$libraries" | sed -n 's/^[0-9a-f]\+ . //p' > "$shown"
+  sed -n 's/^ *\([^ #]*::[^ ]*\);$/\1/p' "$source/cmake/exports.map" > "$listed"
+  find "$scratch/prefix/include" -name '*.hpp' -exec cat {} + > "$headers"
+  sed 's/?/./g; s/\*/.*/g' "$listed" > "$scratch/patterns"
+  ! grep -v -x -f "$scratch/patterns" "$shown" || fail "the libraries show what cmake/exports.map does not list"
+  while read -r line; do
+    grep -q -x -e "$(sed 's/?/./g; s/\*/.*/g' <<< "$line")" "$shown" || fail "no library shows $line"
+    name=${line%::\*} name=${name%\*} name=${name##*::}
+    case $line in
+      *boost::*) continue ;;
+      *::\* | *'?for?'*) form="(class |struct |VISION_STATUS_ERROR\()$name\b" ;;
+      *) form="\b$name( =|\()" ;;
+    esac
+    grep -q -E "$form" "$headers" || fail "no installed header declares $line"
+  done < "$listed"
+  twice=$(xargs nm -D --defined-only <<< "$libraries" | sed -n 's/^[0-9a-f]\+ T //p' | sort | uniq -d)
+  [ -z "$twice" ] || fail "both libraries show $twice"
+  # Functions outside classes, templates not counted.
+  for name in $(sed '/^template/,/[;{]$/d' "$headers" | grep -oP '^(?!inline|using|#|/)[\w\[][^(=]*\b\K\w+(?=\()'); do
+    grep -q -E "::$name(\(|\[abi)" "$shown" || fail "an installed header declares $name, which no library shows"
+  done
+}
+
 cmake --install "$build" --prefix "$scratch/prefix" > "$scratch/log"
 if [ "$(cached VISION_SHARED)" = ON ]; then
   library=$(find "$scratch/prefix" -name libvision.so.0.1)
   soname=$(objdump -p "$library" | sed -n 's/^ *SONAME *//p')
   [ "$soname" = libvision.so.0.1 ] || fail "$library has the SONAME $soname"
-  foreign=$(nm -DC --defined-only "$library" | grep -v -E ' (guard variable for )?(vision|boost::asio::(detail|error))::| (typeinfo|typeinfo name|vtable|VTT) for vision::' || true)
-  [ -z "$foreign" ] || fail "$library shows symbols that are not ours: $foreign"
+  exports_are_the_promise
   missing=$(find "$scratch/prefix" -name libvision_chromium.so.0.1 -exec ldd {} + | grep 'not found' || true)
   [ -z "$missing" ] || fail "the installed libvision_chromium does not find: $missing"
   as_packages

@@ -9,7 +9,7 @@ namespace vision::runtime {
 namespace {
 
 using namespace std::chrono_literals;
-using test::World;
+using test::VirtualLoop;
 namespace asio = boost::asio;
 
 asio::awaitable<void> run_job(std::function<void()> job) {
@@ -23,12 +23,12 @@ TEST(Worker, CanBeLeftByCancellationAndByItsContext) {
     finished.count_down();
   };
   {
-    World world;
+    VirtualLoop loop;
     const auto cancelled_job = [&] {
-      asio::post(world.io, [&] { world.cancel(); });
+      asio::post(loop.io, [&] { loop.cancel(); });
       slow_job();
     };
-    EXPECT_THROW(world.run(run_job(cancelled_job)), boost::system::system_error);
+    EXPECT_THROW(loop.run(run_job(cancelled_job)), boost::system::system_error);
   }
   {
     asio::io_context destroyed_meanwhile;
@@ -36,7 +36,7 @@ TEST(Worker, CanBeLeftByCancellationAndByItsContext) {
     destroyed_meanwhile.poll();
   }
   leave.count_down();
-  finished.wait();  // both jobs ran to their end with nobody to tell
+  finished.wait();  // both jobs ran to their end, although nothing waits for them
 }
 
 TEST(Worker, TakesNoMoreJobsThanTheBound) {

@@ -5,52 +5,75 @@
 /// When a scripted step on a web page fails, vision looks at the page instead: it
 /// takes a screenshot, asks a hosted multimodal model what to do next, and turns
 /// the answer into one typed action or one verdict. This header is the library's
-/// boundary and includes what is named here, except where a header is named; the
-/// complete comment stands at each declaration.
+/// boundary. It includes everything named here, except where another header is named;
+/// the complete documentation is at each declaration.
 ///
 /// **Before the first use**, once per process:
 /// - vision::set_model_registry: the host's light and heavy model, and optionally
 ///   where the API key comes from. Without it the first client cannot be built.
 ///
-/// **Choosing a mode**, at every place where the pipeline may escalate:
+/// **Choosing a mode**, wherever the pipeline may escalate:
 /// - vision::is_vision_enabled: "off", "shadow", "tier2" or "tier3", from
-///   KX_VISION_TIER as it stands now. The modes themselves do not ask it.
+///   KX_VISION_TIER at the time of the call. The modes themselves do not read it.
 ///
 /// **The modes.** All are awaited on the caller's event loop, end when the caller is
-/// cancelled, and take the process-wide client unless given another:
+/// cancelled, and use the process-wide client unless their options name another:
 /// - vision::shadow_observe_then_cua: runs the computer-use agent and observes
-///   beside it; gives what the agent gave, and logs what vision would have done.
+///   beside it; returns the agent's result, and logs what vision would have done.
 ///   vision::is_cua_origin tells the agent's errors from others.
 /// - vision::observe_only: the same question after a scripted step that succeeded,
 ///   logged beside what the step had acted on. vision::observe_in_background starts
-///   it with nobody waiting.
+///   it detached.
 /// - vision::with_vision_fallback: runs a scripted step; when it fails, one action of
 ///   vision's and a second run, or vision's verdict that all is done, or the
-///   computer-use agent, or the step's own error.
+///   computer-use agent, or the step's own error. Some errors bypass the agent: they
+///   are listed at its declaration.
 /// - vision::act_loop: drives the page toward a goal, step by step, and ends in a
-///   verdict; anything but "declare_success" is for the computer-use agent.
+///   verdict; on anything but "declare_success" the caller runs the computer-use agent.
 ///
 /// **One question at a time**, for pipelines with a mode of their own:
 /// - vision::VisionClient: `screenshot`, `ask` (one question about one screenshot),
-///   `act` (both). A call that fails gives a "declare_failure" result.
-/// - vision::execute_action: carries an answer out on the page.
+///   `act` (both). A call that fails returns a "declare_failure" result.
+/// - vision::execute_action: executes an answer on the page.
+/// - vision::FlowContext: what the model is told of the workflow. vision::Cause: how a
+///   call or a mission ended.
 ///
 /// **Between two runs of the pipeline:**
 /// - vision::default_client: the process-wide client; its `metrics` are the run
 ///   report (calls, tokens, latencies, estimated cost).
 /// - vision::reset_default_metrics: empties them, and with them the call budget.
-/// - vision::shadow_log_losses, vision::fixture_losses: what could not be written.
 ///
 /// **What a host may implement:**
 /// - vision::BrowserPage: the page; vision::chromium::launch and
-///   vision::chromium::connect ("chromium/browser.hpp") give one on Chromium.
-/// - vision::MessagesClient: the way to the model; vision::HttpMessagesClient
+///   vision::chromium::connect ("chromium/browser.hpp") return one on Chromium.
+/// - vision::MessagesClient: the connection to the model; vision::HttpMessagesClient
 ///   ("vision/client/http/http_messages_client.hpp") speaks HTTPS.
 /// - vision::ModelRegistry: see above.
 ///
-/// What the entry points throw is little and named at each: vision::BudgetExceeded
-/// from the ask call, a missing key or registry from the first client, the page's
-/// and the host's own errors. Nothing is thread-safe unless its comment says so.
+/// **Telemetry.** The modes append one JSON object a line to the file named by
+/// KX_VISION_SHADOW_LOG, by default logs/vision_shadow.jsonl. With
+/// KX_VISION_FIXTURE_AUTO set to "1", "true" or "yes" they also store each screenshot
+/// that they ask about as
+/// tests/fixtures/vision/auto/HOTSPOT_ID/RUN_ID_UNIX-SECONDS.png. Both variables are
+/// read at every use, both defaults are relative to the current directory, and new
+/// files have mode 0600, new directories 0700. Screenshots are written by a worker
+/// thread: while 64 wait, further ones are dropped. A failure to write never changes
+/// an outcome; vision::shadow_log_losses and vision::fixture_losses count what was
+/// lost.
+///
+/// **Logging.** Log lines go to the spdlog logger named "vision" that the host has
+/// registered. As long as there is none they go to standard error, at the level that
+/// spdlog::set_level has set by then. To route them, register a logger and link
+/// spdlog::spdlog:
+///
+///     spdlog::register_logger(spdlog::default_logger()->clone("vision"));
+///
+/// A host that compiles spdlog or fmt from headers alone, with hidden symbols, has an
+/// spdlog registry of its own: the library does not see the loggers in it.
+///
+/// The entry points throw little; each documents what: vision::BudgetExceeded from the
+/// ask call, a missing key or registry from the first client, the errors of the page
+/// and of the host's callables. Nothing is thread-safe unless its comment says so.
 
 #include "vision/client/vision_client.hpp"
 #include "vision/page/execute_action.hpp"

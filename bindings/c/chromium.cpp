@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "bindings/c/operation.hpp"
-#include "vision/runtime/time.hpp"
+#include "vision/runtime/internal/duration.hpp"
 
 namespace vision::c {
 namespace json = boost::json;

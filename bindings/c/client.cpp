@@ -10,8 +10,6 @@
 #include "bindings/c/options.hpp"
 #include "bindings/c/records.hpp"
 #include "bindings/c/replies.hpp"
-#include "vision/client/http/http_messages_client.hpp"
-#include "vision/client/internal/api_key.hpp"
 #include "vision/settings/model_registry.hpp"
 #include "vision/text/internal/json_text.hpp"
 
@@ -89,17 +87,11 @@ HttpOptions http_options(Options& options) {
   return http;
 }
 
-std::shared_ptr<MessagesClient> http_client(Loop& loop, std::string key, const HttpOptions& http) {
-  (void)MODEL_SONNET();  // a missing registry is reported before a missing key
-  if (key.empty()) key = resolved_key(loop);
-  return std::make_shared<HttpMessagesClient>(vision::detail::resolve_api_key(key), http);
-}
-
 std::shared_ptr<Client> make_client(const std::shared_ptr<Loop>& loop, Options options, const Host& host) {
   VisionClientOptions client_options;
   if (auto value = options.text("default_model")) client_options.default_model(std::move(*value));
   if (const auto value = options.integer("call_budget")) client_options.call_budget(*value);
-  const HttpOptions http = http_options(options);
+  client_options.http(http_options(options));
   std::string key = options.text("api_key").value_or("");
   options.finish();
   if (host->functions().on_action) {
@@ -107,13 +99,14 @@ std::shared_ptr<Client> make_client(const std::shared_ptr<Loop>& loop, Options o
       return call_hook(host, result, flow_context);
     });
   }
-  std::shared_ptr<MessagesClient> model;
+  std::unique_ptr<VisionClient> client;
   if (host->functions().create) {
-    model = std::make_shared<HostModel>(host);
+    client = std::make_unique<VisionClient>(std::make_shared<HostModel>(host), std::move(client_options));
   } else {
-    model = http_client(*loop, std::move(key), http);
+    (void)MODEL_SONNET();  // a missing registry is reported before the host is asked for a key
+    client_options.api_key(key.empty() ? resolved_key(*loop) : std::move(key));
+    client = std::make_unique<VisionClient>(std::move(client_options));
   }
-  auto client = std::make_unique<VisionClient>(std::move(model), std::move(client_options));
   auto made = std::make_shared<Client>(loop, std::move(client));
   host->take();
   return made;

@@ -26,3 +26,4 @@ template char fmt::detail::decimal_point_impl<char>(fmt::detail::locale_ref);
 template class spdlog::sinks::base_sink<std::mutex>;
 template class spdlog::sinks::ansicolor_sink<spdlog::details::console_mutex>;
 template class spdlog::sinks::ansicolor_stdout_sink<spdlog::details::console_mutex>;
+template class spdlog::sinks::ansicolor_stderr_sink<spdlog::details::console_mutex>;

@@ -143,10 +143,13 @@ CuaFallback cua_fallback(const Input& in) {
 }
 
 json::object rescued(FallbackResult<json::value, json::value> result) {
-  if (result.index() == 1) return {{"origin", "vision"}, {"value", to_json(std::get<1>(result))}};
-  const bool is_primary = result.index() == 0;
-  return {{"origin", is_primary ? "primary_fn" : "cua_fallback"},
-          {"value", is_primary ? std::move(std::get<0>(result)) : std::move(std::get<2>(result))}};
+  switch (result.way()) {
+    case FallbackWay::step: return {{"way", "step"}, {"value", std::move(result.step())}};
+    case FallbackWay::rescued: return {{"way", "rescued"}, {"value", std::move(result.step())}};
+    case FallbackWay::verdict: return {{"way", "verdict"}, {"value", to_json(result.verdict())}};
+    case FallbackWay::agent: break;
+  }
+  return {{"way", "agent"}, {"value", std::move(result.agent())}};
 }
 
 asio::awaitable<Output> fallback(const Input& in, Options options) {

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "vision/runtime/time.hpp"
+#include "vision/runtime/internal/duration.hpp"
 #include "vision/text/internal/json_reader.hpp"
 #include "vision/text/internal/json_text.hpp"
 #include "vision/text/internal/utf8.hpp"
@@ -30,8 +30,9 @@ json::object read_object(std::string_view text, const std::string& owner) {
 }  // namespace
 
 json::value read_value(std::string_view json, const std::string& what) {
+  constexpr std::size_t max_depth = 256;
   boost::system::error_code error;
-  json::value value = text::read_json(json, error);
+  json::value value = text::read_javascript(json, {max_depth, json::object::max_size()}, error);
   if (error) throw std::invalid_argument(what + " cannot be read as JSON: " + error.message());
   return value;
 }

@@ -17,6 +17,27 @@ json::object counts(const Counter& counter) {
   return out;
 }
 
+const char* name_of(Cause cause) {
+  switch (cause) {
+    case Cause::model_answer: break;
+    case Cause::call_timed_out: return "call_timed_out";
+    case Cause::transport_error: return "transport_error";
+    case Cause::unexpected_error: return "unexpected_error";
+    case Cause::no_tool_call: return "no_tool_call";
+    case Cause::step_cap: return "step_cap";
+    case Cause::aborted: return "aborted";
+    case Cause::repeated_proposal: return "repeated_proposal";
+    case Cause::uncertain_action: return "uncertain_action";
+    case Cause::uncertain_success: return "uncertain_success";
+    case Cause::read_only: return "read_only";
+    case Cause::step_timed_out: return "step_timed_out";
+    case Cause::step_failed: return "step_failed";
+    case Cause::budget_exhausted: return "budget_exhausted";
+    case Cause::action_failed: return "action_failed";
+  }
+  return "model_answer";
+}
+
 }  // namespace
 
 json::object to_json(const ActionResult& result) {
@@ -34,7 +55,8 @@ json::object to_json(const ActionResult& result) {
           {"model_used", result.model_used},
           {"latency_ms", result.latency_ms},
           {"input_tokens", result.input_tokens},
-          {"output_tokens", result.output_tokens}};
+          {"output_tokens", result.output_tokens},
+          {"cause", name_of(result.cause)}};
 }
 
 json::object to_json(const ImgMeta& meta) {
@@ -69,6 +91,7 @@ ActionResult action_result_from(Options members) {
   result.latency_ms = members.number("latency_ms").value_or(0.0);
   result.input_tokens = members.integer("input_tokens").value_or(0);
   result.output_tokens = members.integer("output_tokens").value_or(0);
+  (void)members.text("cause");
   members.finish();
   return result;
 }

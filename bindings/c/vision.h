@@ -330,8 +330,10 @@ typedef struct vision_call {
 ///                            Value: the terminal result.
 ///   with_vision_fallback     flow_context, high_stakes; calls primary_fn, which is required,
 ///                            and may call cua_fallback.
-///                            Value: {"origin": ..., "value": ...}, where the origin is
-///                            "primary_fn", "vision" (the value is a result) or "cua_fallback".
+///                            Value: {"way": ..., "value": ...}; the way is "step" or
+///                            "rescued" (the value is that of primary_fn, from its first or
+///                            second run), "verdict" (a result) or "agent" (that of
+///                            cua_fallback).
 ///   shadow_observe_then_cua  flow_context, hotspot_id, run_id, high_stakes; calls cua_fn,
 ///                            which is required. Value: that of cua_fn.
 ///   observe_only             flow_context, hotspot_id, run_id, high_stakes, dom_ground_truth.
@@ -351,7 +353,11 @@ typedef struct vision_call {
 ///
 /// A result has action, reason, confidence, next_expected_state, x_ratio, y_ratio, text,
 /// key, scroll_dy_ratio, duration_ms, low_confidence, model_used, latency_ms,
-/// input_tokens and output_tokens; what is absent is null.
+/// input_tokens, output_tokens and cause; what is absent is null. The cause is a text:
+/// "model_answer", "call_timed_out", "transport_error", "unexpected_error", "no_tool_call",
+/// and of act_loop "step_cap", "aborted", "repeated_proposal", "uncertain_action",
+/// "uncertain_success", "read_only", "step_timed_out", "step_failed", "budget_exhausted"
+/// or "action_failed". Of a result from the host it is not read.
 ///
 /// A Chromium of ours:
 ///
@@ -402,7 +408,7 @@ enum { VISION_LOG_DEBUG = 1, VISION_LOG_INFO = 2, VISION_LOG_WARNING = 3, VISION
 typedef void (*vision_log)(void* host, int level, const char* line, size_t size);
 
 /// Sends the library's log lines of `level` and above to `log`, for the whole process;
-/// null puts standard output back, from VISION_LOG_INFO on. When it returns, the function
+/// null puts standard error back, from VISION_LOG_INFO on. When it returns, the function
 /// set before is not in a call and will not be called again.
 void vision_set_log(vision_log log, void* host, int level);
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <boost/json/object.hpp>
-#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -10,16 +9,16 @@
 
 namespace vision::chromium {
 
-/// Waits until a document has loaded that the page's main frame committed after
-/// this began: the one asked for, or one that a script put in its place. Fed
-/// with the page's events.
+/// Waits until the page's main frame has loaded a document that it committed after the
+/// waiter was created: the requested one, or one that a script replaced it with.
 class LoadWaiter : public Waiter {
  public:
   using Waiter::Waiter;
-  void see(std::string_view method, const boost::json::object& params);
+  /// To be called with each of the page's events.
+  void handle_event(std::string_view method, const boost::json::object& params);
 
  private:
-  std::set<std::string, std::less<>> committed_;
+  std::set<std::string, std::less<>> committed_;  // loader ids
 };
 
 }  // namespace vision::chromium

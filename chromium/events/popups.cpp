@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "chromium/protocol/connection.hpp"
-#include "chromium/protocol/fields.hpp"
+#include "chromium/protocol/json_object.hpp"
 #include "chromium/protocol/session.hpp"
 
 namespace vision::chromium {
@@ -12,45 +12,50 @@ namespace json = boost::json;
 
 void answer_dialog(Session& session, const json::object& opening) {
   const bool leaving = text_of(opening, "type") == "beforeunload";
-  session.post("Page.handleJavaScriptDialog", fields("accept", leaving));
+  session.send_and_forget("Page.handleJavaScriptDialog", make_object("accept", leaving));
 }
 
-Windows::Windows(std::shared_ptr<Connection> connection, std::shared_ptr<Session> browser)
-    : connection_(std::move(connection)), browser_(std::move(browser)) {}
+Popups::Popups(std::shared_ptr<Connection> connection, std::shared_ptr<Session> browser)
+    : connection_(std::move(connection)), browser_session_(std::move(browser)) {}
 
-json::object Windows::auto_attach() {
-  const json::array filter = {fields("type", "page")};
-  return fields("autoAttach", true, "waitForDebuggerOnStart", true, "flatten", true, "filter", filter);
+json::object Popups::auto_attach() {
+  const json::array filter = {make_object("type", "page")};
+  return make_object("autoAttach", true, "waitForDebuggerOnStart", true, "flatten", true, "filter", filter);
 }
 
-void Windows::see(std::string_view method, const json::object& params) {
+void Popups::handle_event(std::string_view method, const json::object& params) {
   const std::string session_id(text_of(params, "sessionId"));
-  if (method == "Target.detachedFromTarget") return end(session_id);
+  if (method == "Target.detachedFromTarget") return remove(session_id);
+  // A window that does not wait is not new: it is one that new_page() or attach() opens
+  // a session with.
   const auto* waiting = params.if_contains("waitingForDebugger");
   const bool is_new = method == "Target.attachedToTarget" && waiting && waiting->is_bool() && waiting->get_bool();
-  if (is_new) begin(session_id, object_of(params, "targetInfo"));
+  if (is_new) add(session_id, object_of(params, "targetInfo"));
 }
 
-void Windows::begin(const std::string& session_id, const json::object& info) {
+void Popups::add(const std::string& session_id, const json::object& target_info) {
   Window& window = windows_[session_id];
   window.session = connection_->session(session_id);
-  window.target = text_of(info, "targetId");
-  window.opener = text_of(info, "openerId");
-  Session* const session = window.session.get();  // which holds the handler
-  session->on_event([session](std::string_view method, const json::object& params) {
+  window.target_id = text_of(target_info, "targetId");
+  window.opener_id = text_of(target_info, "openerId");
+  Session* const session = window.session.get();  // owns the handler: a shared_ptr in it would be a cycle
+  session->set_event_handler([session](std::string_view method, const json::object& params) {
     if (method == "Page.javascriptDialogOpening") answer_dialog(*session, params);
   });
-  session->post("Page.enable", {});
-  session->post("Runtime.runIfWaitingForDebugger", {});
+  session->send_and_forget("Page.enable", {});  // without it, no dialog is reported
+  session->send_and_forget("Runtime.runIfWaitingForDebugger", {});
 }
 
-void Windows::end(const std::string& session_id) {
+void Popups::remove(const std::string& session_id) {
   const auto found = windows_.find(session_id);
   if (found == windows_.end()) return;
-  const std::string gone = std::move(found->second.target);
+  const std::string gone = std::move(found->second.target_id);
   windows_.erase(found);
+  // The windows that these have opened follow, as their own ends are reported.
   for (const auto& [id, window] : windows_) {
-    if (window.opener == gone) browser_->post("Target.closeTarget", fields("targetId", window.target));
+    if (window.opener_id == gone) {
+      browser_session_->send_and_forget("Target.closeTarget", make_object("targetId", window.target_id));
+    }
   }
 }
 

@@ -11,38 +11,39 @@ namespace vision::chromium {
 class Connection;
 class Session;
 
-/// Answers the dialogs that a page opens.
-///
-/// Leaving a page is agreed to; all else is dismissed.
+/// Answers a JavaScript dialog that a page has opened: agrees to leaving the page, and
+/// dismisses any other.
 void answer_dialog(Session& session, const boost::json::object& opening);
 
-/// All windows of a browser that we launched. A window that a page opens shares
-/// its renderer: a dialog in there stops that page too, though nobody drives the
-/// window. So every window begins stopped, gets its dialogs watched, and runs only
-/// then; it is closed when the page that opened it has gone.
+/// The windows that pages open in a browser that we launched.
 ///
-/// Fed with the events of the browser's session, after the browser was told
-/// `auto_attach()`.
-class Windows {
+/// A pop-up shares the renderer of the page that opened it, so a dialog in the pop-up
+/// stops that page too, although nobody drives the pop-up. Therefore each new window
+/// starts paused, and runs only when its dialogs are being answered. It is closed when
+/// the page that opened it has gone. The windows of new_page() come through here as
+/// well, because the browser reports all new windows alike.
+class Popups {
  public:
-  Windows(std::shared_ptr<Connection> connection, std::shared_ptr<Session> browser);
+  /// `browser` is the browser's own session on `connection`.
+  Popups(std::shared_ptr<Connection> connection, std::shared_ptr<Session> browser);
 
-  /// Parameters of Target.setAutoAttach.
+  /// Parameters of Target.setAutoAttach, after which the browser reports new windows.
   static boost::json::object auto_attach();
-  void see(std::string_view method, const boost::json::object& params);
+  /// To be called with each event of the browser's session.
+  void handle_event(std::string_view method, const boost::json::object& params);
 
  private:
   struct Window {
     std::shared_ptr<Session> session;
-    std::string target, opener;
+    std::string target_id, opener_id;
   };
 
-  void begin(const std::string& session_id, const boost::json::object& info);
-  void end(const std::string& session_id);
+  void add(const std::string& session_id, const boost::json::object& target_info);
+  void remove(const std::string& session_id);
 
   const std::shared_ptr<Connection> connection_;
-  const std::shared_ptr<Session> browser_;
-  std::map<std::string, Window> windows_;  // by the id of our session with it
+  const std::shared_ptr<Session> browser_session_;
+  std::map<std::string, Window> windows_;  // by the id of our session with the window
 };
 
 }  // namespace vision::chromium

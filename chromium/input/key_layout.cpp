@@ -9,7 +9,7 @@
 namespace vision::chromium {
 namespace {
 
-struct Named {
+struct NamedKey {
   const char* key;
   const char* code;
   int virtual_code;
@@ -17,8 +17,8 @@ struct Named {
   Modifier modifier;
 };
 
-// The first row of a key name is the one that the name alone means.
-constexpr Named named_keys[] = {
+// Where a name has several rows, the name alone means the first.
+constexpr NamedKey named_keys[] = {
     {"Enter", "Enter", 13, 0, no_modifier},
     {"Tab", "Tab", 9, 0, no_modifier},
     {"Backspace", "Backspace", 8, 0, no_modifier},
@@ -73,15 +73,15 @@ constexpr Named named_keys[] = {
     {"MediaPlayPause", "MediaPlayPause", 179, 0, no_modifier},
 };
 
-struct Character {
+struct CharacterKey {
   char plain;
-  char shifted;  // 0 when Shift changes nothing
+  char shifted;  // 0 if Shift changes nothing
   const char* code;
   int virtual_code;
   int location;
 };
 
-constexpr Character character_keys[] = {
+constexpr CharacterKey character_keys[] = {
     {' ', 0, "Space", 32, 0},
     {'`', '~', "Backquote", 192, 0},
     {'-', '_', "Minus", 189, 0},
@@ -102,6 +102,9 @@ constexpr Character character_keys[] = {
     {'/', 0, "NumpadDivide", 111, 3},
 };
 
+// The Windows key codes of Numpad0 and F1; those of their successors follow.
+constexpr int numpad_0 = 96, f1 = 112;
+
 class Layout {
  public:
   Layout() {
@@ -117,7 +120,8 @@ class Layout {
     for (const auto& entry : character_keys) {
       add_character(entry.plain, entry.shifted, entry.code, entry.virtual_code, entry.location);
     }
-    for (char c = '0'; c <= '9'; ++c) add_character(c, 0, std::string("Numpad") + c, c - '0' + 96, 3);
+    for (char c = '0'; c <= '9'; ++c)
+      add_character(c, 0, std::string("Numpad") + c, numpad_0 + c - '0', numeric_keypad);
     for (const auto& entry : named_keys) {
       Key key;
       key.key = entry.key;
@@ -130,12 +134,12 @@ class Layout {
     for (int i = 1; i <= 24; ++i) {
       Key key;
       key.key = key.code = "F" + std::to_string(i);
-      key.virtual_code = 111 + i;
+      key.virtual_code = f1 + i - 1;
       add_named(key);
     }
     Key keypad_enter = names_.at("Enter");
     keypad_enter.code = "NumpadEnter";
-    keypad_enter.location = 3;
+    keypad_enter.location = numeric_keypad;
     names_.emplace("NumpadEnter", keypad_enter);
     names_.emplace("ControlOrMeta", names_.at("Control"));
   }
@@ -146,7 +150,7 @@ class Layout {
   }
 
  private:
-  // Where a character is on two keys its name means the first.
+  // Where a character is on two keys, it means the first.
   void add_character(char plain, char shifted, const std::string& code, int virtual_code, int location) {
     Key key;
     key.key = key.text = std::string(1, plain);
@@ -162,7 +166,7 @@ class Layout {
   }
 
   void add_named(Key key) {
-    if (key.key == "Enter") key.text = "\r";  // a line feed would insert nothing
+    if (key.key == "Enter") key.text = "\r";  // the browser ignores a line feed
     names_.emplace(key.code, key);
     names_.emplace(key.key, key);
   }
@@ -183,7 +187,7 @@ std::vector<Key> parse_chord(std::string_view chord) {
   };
   std::vector<Key> out;
   for (std::size_t start = 0; start <= chord.size();) {
-    // A name has at least one character, so that a plus can be one.
+    // A name has at least one character, so "+" can be a name.
     const std::size_t end = std::min(chord.find('+', start + 1), chord.size());
     const std::string_view name = chord.substr(start, end - start);
     auto key = find_key(name);
@@ -195,7 +199,7 @@ std::vector<Key> parse_chord(std::string_view chord) {
   return out;
 }
 
-Key under_modifiers(Key key, int held) {
+Key with_modifiers(Key key, int held) {
   if ((held & shift) != 0 && !key.shifted.empty()) key.key = key.text = key.shifted;
   if ((held & ~shift) != 0) key.text.clear();
   return key;

@@ -1,9 +1,10 @@
 #include "chromium/input/keyboard.hpp"
 
+#include <cassert>
 #include <utility>
 
-#include "chromium/protocol/fields.hpp"
-#include "vision/runtime/time.hpp"
+#include "chromium/protocol/json_object.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/utf8.hpp"
 
 namespace vision::chromium {
@@ -12,34 +13,38 @@ namespace json = boost::json;
 namespace {
 
 json::object key_event(std::string_view type, const Key& key, int modifiers) {
-  json::object out = fields("type", type, "key", key.key, "code", key.code, "windowsVirtualKeyCode", key.virtual_code,
-                            "modifiers", modifiers, "location", key.location, "isKeypad", key.location == 3);
+  json::object out =
+      make_object("type", type, "key", key.key, "code", key.code, "windowsVirtualKeyCode", key.virtual_code,
+                  "modifiers", modifiers, "location", key.location, "isKeypad", key.location == numeric_keypad);
+  // A rawKeyDown types nothing: the key has no text, or a modifier takes it away.
   if (type == "keyDown") out.emplace("text", key.text);
   return out;
 }
 
 }  // namespace
 
-// The keys that are down. Whatever is left of them when a stroke fails or is
-// cancelled half-way goes up again, without waiting.
-class PageKeyboard::Held {
+// The keys of a chord that are down. If the chord fails or is cancelled half-way, they
+// are released without waiting.
+class PageKeyboard::HeldKeys {
  public:
-  explicit Held(std::shared_ptr<Session> session) : session_(std::move(session)) {}
-  ~Held() {
-    while (!keys_.empty()) session_->post("Input.dispatchKeyEvent", release_last());
+  explicit HeldKeys(std::shared_ptr<Session> session) : session_(std::move(session)) {}
+  ~HeldKeys() {
+    while (!keys_.empty()) session_->send_and_forget("Input.dispatchKeyEvent", release_last());
   }
-  Held(const Held&) = delete;
-  Held& operator=(const Held&) = delete;
+  HeldKeys(const HeldKeys&) = delete;
+  HeldKeys& operator=(const HeldKeys&) = delete;
 
   bool empty() const noexcept { return keys_.empty(); }
 
+  // Returns the event to send.
   json::object press(Key key) {
     modifiers_ |= key.modifier;
-    keys_.push_back(under_modifiers(std::move(key), modifiers_));
+    keys_.push_back(with_modifiers(std::move(key), modifiers_));
     return key_event(keys_.back().text.empty() ? "rawKeyDown" : "keyDown", keys_.back(), modifiers_);
   }
 
   json::object release_last() {
+    assert(!keys_.empty());
     const Key key = std::move(keys_.back());
     keys_.pop_back();
     modifiers_ = 0;
@@ -55,15 +60,15 @@ class PageKeyboard::Held {
 
 PageKeyboard::PageKeyboard(std::shared_ptr<Session> session) : session_(std::move(session)) {}
 
-asio::awaitable<void> PageKeyboard::stroke(std::vector<Key> chord) {
-  Held held(session_);
-  for (Key& key : chord) co_await session_->call("Input.dispatchKeyEvent", held.press(std::move(key)));
-  while (!held.empty()) co_await session_->call("Input.dispatchKeyEvent", held.release_last());
+asio::awaitable<void> PageKeyboard::press_chord(std::vector<Key> chord) {
+  HeldKeys held(session_);
+  for (Key& key : chord) co_await session_->command("Input.dispatchKeyEvent", held.press(std::move(key)));
+  while (!held.empty()) co_await session_->command("Input.dispatchKeyEvent", held.release_last());
 }
 
 asio::awaitable<void> PageKeyboard::press(std::string key) {
   std::vector<Key> chord = parse_chord(key);
-  co_await stroke(std::move(chord));
+  co_await press_chord(std::move(chord));
 }
 
 asio::awaitable<void> PageKeyboard::type(std::string text, std::chrono::milliseconds delay) {
@@ -73,7 +78,7 @@ asio::awaitable<void> PageKeyboard::type(std::string text, std::chrono::millisec
     const text::CodePoint point = text::next_code_point(rest);
     rest.remove_prefix(point.size);
     const char32_t before = std::exchange(previous, point.value);
-    if (point.value == U'\n' && before == U'\r') continue;  // one line end, one Enter
+    if (point.value == U'\n' && before == U'\r') continue;  // "\r\n" is one line end
     if (!std::exchange(first, false) && delay.count() > 0) co_await runtime::sleep_for(delay);
     std::string character;
     text::append_utf8(character, point.value);
@@ -81,9 +86,9 @@ asio::awaitable<void> PageKeyboard::type(std::string text, std::chrono::millisec
     auto key = find_key(line_end ? "Enter" : character);
     if (key) {
       std::vector<Key> chord(1, std::move(*key));
-      co_await stroke(std::move(chord));
+      co_await press_chord(std::move(chord));
     } else {
-      co_await session_->call("Input.insertText", fields("text", character));
+      co_await session_->command("Input.insertText", make_object("text", character));
     }
   }
 }

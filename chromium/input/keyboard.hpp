@@ -10,6 +10,7 @@
 
 namespace vision::chromium {
 
+/// The US keyboard of a page.
 class PageKeyboard : public Keyboard {
  public:
   explicit PageKeyboard(std::shared_ptr<Session> session);
@@ -17,8 +18,8 @@ class PageKeyboard : public Keyboard {
   boost::asio::awaitable<void> press(std::string key) override;
 
  private:
-  class Held;
-  boost::asio::awaitable<void> stroke(std::vector<Key> chord);
+  class HeldKeys;
+  boost::asio::awaitable<void> press_chord(std::vector<Key> chord);
 
   const std::shared_ptr<Session> session_;
 };

@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "chromium/protocol/fields.hpp"
+#include "chromium/protocol/json_object.hpp"
 
 namespace vision::chromium {
 namespace asio = boost::asio;
@@ -19,20 +19,21 @@ void require_finite(const char* operation, const char* name, double value) {
 }
 
 json::object button_event(const char* type, double x, double y, int buttons) {
-  return fields("type", type, "x", x, "y", y, "button", "left", "buttons", buttons, "clickCount", 1);
+  return make_object("type", type, "x", x, "y", y, "button", "left", "buttons", buttons, "clickCount", 1);
 }
 
 }  // namespace
 
-// The pressed button, which goes up again whatever happens.
-class PageMouse::Button {
+// The mouse button during a click. If the click fails or is cancelled half-way, the
+// button is released without waiting, so that the page does not see it held for good.
+class PageMouse::HeldButton {
  public:
-  Button(std::shared_ptr<Session> session, double x, double y) : session_(std::move(session)), x_(x), y_(y) {}
-  ~Button() {
-    if (down_) session_->post("Input.dispatchMouseEvent", release());
+  HeldButton(std::shared_ptr<Session> session, double x, double y) : session_(std::move(session)), x_(x), y_(y) {}
+  ~HeldButton() {
+    if (down_) session_->send_and_forget("Input.dispatchMouseEvent", release());
   }
-  Button(const Button&) = delete;
-  Button& operator=(const Button&) = delete;
+  HeldButton(const HeldButton&) = delete;
+  HeldButton& operator=(const HeldButton&) = delete;
 
   json::object press() {
     down_ = true;
@@ -57,17 +58,17 @@ asio::awaitable<void> PageMouse::click(double x, double y) {
   require_finite("click", "y", y);
   x_ = x;
   y_ = y;
-  co_await session_->call("Input.dispatchMouseEvent", fields("type", "mouseMoved", "x", x, "y", y));
-  Button button(session_, x, y);
-  co_await session_->call("Input.dispatchMouseEvent", button.press());
-  co_await session_->call("Input.dispatchMouseEvent", button.release());
+  co_await session_->command("Input.dispatchMouseEvent", make_object("type", "mouseMoved", "x", x, "y", y));
+  HeldButton button(session_, x, y);
+  co_await session_->command("Input.dispatchMouseEvent", button.press());
+  co_await session_->command("Input.dispatchMouseEvent", button.release());
 }
 
 asio::awaitable<void> PageMouse::wheel(double delta_x, double delta_y) {
   require_finite("wheel", "delta_x", delta_x);
   require_finite("wheel", "delta_y", delta_y);
-  co_await session_->call("Input.dispatchMouseEvent",
-                          fields("type", "mouseWheel", "x", x_, "y", y_, "deltaX", delta_x, "deltaY", delta_y));
+  co_await session_->command("Input.dispatchMouseEvent",
+                             make_object("type", "mouseWheel", "x", x_, "y", y_, "deltaX", delta_x, "deltaY", delta_y));
 }
 
 }  // namespace vision::chromium

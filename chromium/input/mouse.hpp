@@ -7,6 +7,7 @@
 
 namespace vision::chromium {
 
+/// The mouse of a page, which starts in the top-left corner.
 class PageMouse : public Mouse {
  public:
   explicit PageMouse(std::shared_ptr<Session> session);
@@ -14,9 +15,9 @@ class PageMouse : public Mouse {
   boost::asio::awaitable<void> wheel(double delta_x, double delta_y) override;
 
  private:
-  class Button;
+  class HeldButton;
   const std::shared_ptr<Session> session_;
-  double x_ = 0;
+  double x_ = 0;  // where the last click was, and where the wheel turns
   double y_ = 0;
 };
 

@@ -13,7 +13,7 @@
 namespace vision::chromium {
 namespace {
 
-std::string variable(const char* name) {
+std::string environment_variable(const char* name) {
   const char* value = std::getenv(name);
   return value ? value : "";
 }
@@ -35,7 +35,7 @@ std::string find_executable(const std::string& name) {
     if (is_program(name)) return name;
     throw BrowserError("no browser to launch: " + name + " is missing or not executable");
   }
-  std::string path = variable("PATH");
+  std::string path = environment_variable("PATH");
   if (path.empty()) path = "/usr/local/bin:/usr/bin:/bin";
   for (std::size_t start = 0; start <= path.size();) {
     const std::size_t end = std::min(path.find(':', start), path.size());
@@ -43,17 +43,18 @@ std::string find_executable(const std::string& name) {
     if (candidate.front() == '/' && is_program(candidate)) return candidate;
     start = end + 1;
   }
-  throw BrowserError("no browser to launch: there is no \"" + name + "\" on PATH (" + path + ")");
+  throw BrowserError("no browser to launch: \"" + name + "\" is not on PATH (" + path + ")");
 }
 
 std::string make_profile_directory() {
-  // The browser binds a socket below this directory; socket paths end at 107 bytes.
+  // The browser binds a socket below this directory, and the path of a socket has at
+  // most 107 bytes.
   constexpr std::size_t max_parent = 50;
-  std::string parent = variable("TMPDIR");
+  std::string parent = environment_variable("TMPDIR");
   if (parent.empty() || parent.front() != '/' || parent.size() > max_parent || !is_directory(parent)) parent = "/tmp";
   std::string path = parent + "/vision-chromium-XXXXXX";
   if (!::mkdtemp(path.data())) {
-    throw std::system_error(errno, std::generic_category(), "cannot make a profile directory in " + parent);
+    throw std::system_error(errno, std::generic_category(), "cannot create a profile directory in " + parent);
   }
   return path;
 }
@@ -73,11 +74,11 @@ std::vector<std::string> browser_arguments(const LaunchOptions& options, const s
       "--force-color-profile=srgb",
       "--disable-gpu",
       "--disable-search-engine-choice-screen",
-      // The pages of a run must not slow down because no one looks at them.
+      // Pages must not slow down when they are not visible.
       "--disable-background-timer-throttling",
       "--disable-backgrounding-occluded-windows",
       "--disable-renderer-backgrounding",
-      // Nothing on the network but what the pages ask for.
+      // No network traffic other than the pages' own.
       "--disable-background-networking",
       "--disable-breakpad",
       "--disable-client-side-phishing-detection",
@@ -93,22 +94,23 @@ std::vector<std::string> browser_arguments(const LaunchOptions& options, const s
       "--no-pings",
   };
   if (options.headless()) out.emplace_back("--headless");
-  if (::geteuid() == 0) out.emplace_back("--no-sandbox");  // which the browser refuses to use as root
+  if (::geteuid() == 0) out.emplace_back("--no-sandbox");  // it does not work as root
   out.insert(out.end(), options.arguments().begin(), options.arguments().end());
   return out;
 }
 
 std::vector<std::string> browser_environment(const LaunchOptions& options, const std::string& profile) {
   std::vector<std::string> out{"HOME=" + profile, "TMPDIR=" + profile};
-  if (const auto home = variable("HOME"); !home.empty() && variable("XAUTHORITY").empty()) {
+  // The display's credentials are still in the real home.
+  if (const auto home = environment_variable("HOME"); !home.empty() && environment_variable("XAUTHORITY").empty()) {
     out.push_back("XAUTHORITY=" + home + "/.Xauthority");
   }
   for (char** entry = environ; *entry; ++entry) {
     const std::string_view text = *entry;
     const std::string_view name = text.substr(0, text.find('='));
     if (name == "HOME" || name == "TMPDIR" || name == "XDG_CONFIG_HOME" || name == "XDG_CACHE_HOME") continue;
-    if (name == "ANTHROPIC_API_KEY") continue;                      // the pages' code runs in there
-    if (name == "XDG_RUNTIME_DIR" && options.headless()) continue;  // a window's server may need it
+    if (name == "ANTHROPIC_API_KEY") continue;                      // pages' code runs in that process
+    if (name == "XDG_RUNTIME_DIR" && options.headless()) continue;  // only a display needs it
     out.emplace_back(text);
   }
   return out;

@@ -12,6 +12,7 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <cassert>
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
@@ -19,19 +20,29 @@
 
 #include "chromium/errors.hpp"
 #include "chromium/process/command_line.hpp"
-#include "vision/runtime/internal/deadline.hpp"
+#include "chromium/protocol/untracked.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/runtime/internal/one_shot.hpp"
 
 namespace vision::chromium {
 namespace asio = boost::asio;
 namespace {
 
-// Descriptors: 3 and 4 the DevTools pipe, 5 the lifeline, whose end means that
-// the host has gone, 1 what tells the host that all is done. TERM and not KILL
-// goes from the watcher to the supervisor, because only the browser's parent can
-// be sure whom it kills, and that only until it has waited for it: the number may
-// be another's while the profile is removed. The last line ends helpers of the
-// browser and the watcher, and the supervisor with them.
+// Its arguments are the profile directory and the browser's command line. Of its
+// descriptors, 1 is a pipe whose end tells the host that the script is gone, 3 and 4
+// are the DevTools pipe, and 5 is the lifeline, whose end means that the host is gone.
+//
+// - Only the script keeps descriptor 1, or the host would see its end too late. It
+//   keeps neither the DevTools pipe nor standard error, whose ends tell the host about
+//   the browser.
+// - The watcher, a subshell, blocks until the lifeline ends; nothing is ever written to
+//   it. It sends the script TERM instead of killing the browser: only a parent can be
+//   sure which process it kills, and only until it has waited for it. Afterwards the
+//   number may belong to another process, so TERM is ignored from then on.
+// - The first wait returns early when TERM arrives. The second one then waits for the
+//   killed browser; otherwise it returns at once.
+// - Helpers of the browser may still be writing to the profile, hence the retries.
+// - The last line ends the helpers, the watcher and the script itself.
 constexpr const char* supervisor_script = R"(
 profile=$1; shift
 "$@" </dev/null >/dev/null 5<&- & browser=$!
@@ -46,8 +57,14 @@ for _ in 1 2 3 4 5 6 7 8 9 10; do rm -rf -- "$profile" 2>/dev/null && break; sle
 kill -KILL 0
 )";
 
+// Where the script finds them. The browser expects the first two there.
+constexpr int pipe_in = 3, pipe_out = 4, lifeline_in = 5, first_unused = 6;
+
+// Chromium exits within a tenth of a second. After this time it is considered hung:
+// it is killed or, if it has been killed already, given up.
 constexpr auto grace = std::chrono::seconds(5);
-constexpr std::size_t max_last_words = 2000;
+// Enough for the reason why a browser does not start, short enough for an error's text.
+constexpr std::size_t max_stderr_tail = 2000;
 
 [[noreturn]] void fail(const std::string& what, int error) {
   throw std::system_error(error, std::generic_category(), "cannot launch the browser: " + what);
@@ -62,6 +79,7 @@ bool wait_readable(int descriptor, std::chrono::milliseconds limit) {
   return count > 0;
 }
 
+// The form in which execve takes a list.
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> out;
   for (auto& text : texts) out.push_back(text.data());
@@ -71,27 +89,21 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 
 }  // namespace
 
-// The browser's standard error. It ends when the last process that belongs to
-// the browser has gone, also the ones that leave our process group.
-class BrowserProcess::Words {
+// Reads the browser's standard error. That ends when the last of the browser's
+// processes has exited, including those that left the process group. Shared with its
+// own coroutine, which may outlive the BrowserProcess.
+class BrowserProcess::StderrReader {
  public:
-  explicit Words(const asio::any_io_executor& executor) : stream_(executor), end_(executor) {}
+  explicit StderrReader(const asio::any_io_executor& executor) : stream_(untracked(executor)), end_(executor) {}
 
-  static asio::awaitable<void> keep(std::shared_ptr<Words> self) {
-    std::array<char, 4096> chunk;
-    for (;;) {
-      const std::size_t size = co_await self->stream_.async_read_some(asio::buffer(chunk), asio::use_awaitable);
-      self->text_.append(chunk.data(), size);
-      if (self->text_.size() > max_last_words) self->text_.erase(0, self->text_.size() - max_last_words);
-    }
-  }
-  void start(const std::shared_ptr<Words>& self, int descriptor) {
-    stream_.assign(descriptor);
-    asio::co_spawn(stream_.get_executor(), keep(self), [self](std::exception_ptr) { self->end_.set(); });
+  static void start(const std::shared_ptr<StderrReader>& self, int descriptor) {
+    self->stream_.assign(descriptor);
+    asio::co_spawn(self->stream_.get_executor(), read(self), [self](std::exception_ptr) { self->end_.set(); });
   }
 
-  const std::string& text() const noexcept { return text_; }
+  const std::string& tail() const noexcept { return tail_; }
   asio::awaitable<void> wait_for_end() { return end_.wait(); }
+  // The same without the event loop, for a destructor.
   void block_until_end() {
     std::array<char, 4096> chunk;
     while (!end_.is_set() && wait_readable(stream_.native_handle(), grace)) {
@@ -100,13 +112,26 @@ class BrowserProcess::Words {
   }
 
  private:
+  // Read even if nobody asks, because a full pipe would block the browser.
+  static asio::awaitable<void> read(std::shared_ptr<StderrReader> self) {
+    std::array<char, 4096> chunk;
+    for (;;) {
+      std::size_t size = 0;
+      {
+        const UncountedRead uncounted(self->stream_.get_executor());
+        size = co_await self->stream_.async_read_some(asio::buffer(chunk), asio::use_awaitable);
+      }
+      self->tail_.append(chunk.data(), size);
+      if (self->tail_.size() > max_stderr_tail) self->tail_.erase(0, self->tail_.size() - max_stderr_tail);
+    }
+  }
+
   asio::posix::stream_descriptor stream_;
   runtime::OneShot end_;
-  std::string text_;
+  std::string tail_;
 };
 
-// Both ends of the three channels. The child's ends sit above its targets, so
-// that putting one into place never overwrites another.
+// Both ends of the four channels between this process and the supervisor.
 class BrowserProcess::Descriptors {
  public:
   enum End {
@@ -114,10 +139,10 @@ class BrowserProcess::Descriptors {
     pipe_theirs,
     lifeline_theirs,
     lifeline_ours,
-    ended_ours,
-    ended_theirs,
-    words_ours,
-    words_theirs
+    exit_ours,
+    exit_theirs,
+    stderr_ours,
+    stderr_theirs
   };
 
   Descriptors() {
@@ -125,7 +150,7 @@ class BrowserProcess::Descriptors {
     std::array<int, 2> pair;
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()) != 0) fail("socketpair", errno);
     keep(pair, pipe_ours);
-    for (const End first : {lifeline_theirs, ended_ours, words_ours}) {
+    for (const End first : {lifeline_theirs, exit_ours, stderr_ours}) {
       if (::pipe2(pair.data(), O_CLOEXEC) != 0) fail("pipe", errno);
       keep(pair, first);
     }
@@ -142,10 +167,12 @@ class BrowserProcess::Descriptors {
   int take(End end) { return std::exchange(fds_[end], -1); }
 
  private:
+  // Moves the pair above all descriptors that spawn() assigns in the supervisor, so
+  // that assigning one never closes another.
   void keep(const std::array<int, 2>& pair, std::size_t first) {
     int error = 0;
     for (std::size_t i = 0; i < 2; ++i) {
-      fds_[first + i] = ::fcntl(pair[i], F_DUPFD_CLOEXEC, 10);
+      fds_[first + i] = ::fcntl(pair[i], F_DUPFD_CLOEXEC, first_unused);
       if (fds_[first + i] < 0) error = errno;
       ::close(pair[i]);
     }
@@ -156,7 +183,10 @@ class BrowserProcess::Descriptors {
 };
 
 BrowserProcess::BrowserProcess(const asio::any_io_executor& executor, const LaunchOptions& options)
-    : pipe_(executor), lifeline_(executor), ended_(executor), words_(std::make_shared<Words>(executor)) {
+    : pipe_(untracked(executor)),
+      lifeline_(executor),
+      supervisor_exit_(executor),
+      stderr_(std::make_shared<StderrReader>(executor)) {
   const std::string executable = find_executable(options.executable());
   Descriptors ends;
   profile_ = make_profile_directory();
@@ -169,8 +199,8 @@ BrowserProcess::BrowserProcess(const asio::any_io_executor& executor, const Laun
   }
   pipe_.assign(asio::local::stream_protocol(), ends.take(Descriptors::pipe_ours));
   lifeline_.assign(ends.take(Descriptors::lifeline_ours));
-  ended_.assign(ends.take(Descriptors::ended_ours));
-  words_->start(words_, ends.take(Descriptors::words_ours));
+  supervisor_exit_.assign(ends.take(Descriptors::exit_ours));
+  StderrReader::start(stderr_, ends.take(Descriptors::stderr_ours));
 }
 
 void BrowserProcess::spawn(const LaunchOptions& options, const std::string& executable, Descriptors& ends) {
@@ -182,13 +212,14 @@ void BrowserProcess::spawn(const LaunchOptions& options, const std::string& exec
   posix_spawnattr_t attributes;
   ::posix_spawn_file_actions_init(&files);
   ::posix_spawnattr_init(&attributes);
-  ::posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-  ::posix_spawn_file_actions_adddup2(&files, ends[Descriptors::ended_theirs], 1);
-  ::posix_spawn_file_actions_adddup2(&files, ends[Descriptors::words_theirs], 2);
-  ::posix_spawn_file_actions_adddup2(&files, ends[Descriptors::pipe_theirs], 3);
-  ::posix_spawn_file_actions_adddup2(&files, ends[Descriptors::pipe_theirs], 4);
-  ::posix_spawn_file_actions_adddup2(&files, ends[Descriptors::lifeline_theirs], 5);
-  ::posix_spawn_file_actions_addclosefrom_np(&files, 6);
+  ::posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  ::posix_spawn_file_actions_adddup2(&files, ends[Descriptors::exit_theirs], STDOUT_FILENO);
+  ::posix_spawn_file_actions_adddup2(&files, ends[Descriptors::stderr_theirs], STDERR_FILENO);
+  ::posix_spawn_file_actions_adddup2(&files, ends[Descriptors::pipe_theirs], pipe_in);
+  ::posix_spawn_file_actions_adddup2(&files, ends[Descriptors::pipe_theirs], pipe_out);
+  ::posix_spawn_file_actions_adddup2(&files, ends[Descriptors::lifeline_theirs], lifeline_in);
+  ::posix_spawn_file_actions_addclosefrom_np(&files, first_unused);
+  // The host's signal settings are its own; the supervisor depends on the defaults.
   sigset_t none, all;
   ::sigemptyset(&none);
   ::sigfillset(&all);
@@ -203,39 +234,50 @@ void BrowserProcess::spawn(const LaunchOptions& options, const std::string& exec
   if (error != 0) fail("/bin/sh", error);
 }
 
-std::string BrowserProcess::last_words() const {
-  return words_->text();
+asio::local::stream_protocol::socket BrowserProcess::take_pipe() {
+  assert(pipe_.is_open());
+  return std::move(pipe_);
 }
 
+const std::string& BrowserProcess::stderr_tail() const {
+  return stderr_->tail();
+}
+
+// In this order: a closed pipe lets the browser exit in its own way; if it does not,
+// the lifeline has it killed. Then the supervisor, whose exit means that the browser has
+// ended. Then what left the process group and holds standard error. The directory comes
+// last, when nothing can write to it any more.
 asio::awaitable<void> BrowserProcess::stop() {
   if (supervisor_ < 0) co_return;
   boost::system::error_code ignored;
   pipe_.close(ignored);
   for (int attempt = 0; attempt < 2; ++attempt) {
-    auto end = runtime::done(ended_.async_wait(asio::posix::stream_descriptor::wait_read, asio::use_awaitable));
-    const auto outcome = co_await runtime::with_deadline(std::move(end), grace);
+    auto exit = supervisor_exit_.async_wait(asio::posix::stream_descriptor::wait_read, asio::use_awaitable);
+    const auto outcome = co_await runtime::with_deadline(std::move(exit), grace);
     if (!outcome.timed_out()) break;
-    lifeline_.close(ignored);  // the supervisor kills it
+    lifeline_.close(ignored);
   }
   end_supervisor();
-  (void)co_await runtime::with_deadline(runtime::done(words_->wait_for_end()), grace);
+  (void)co_await runtime::with_deadline(stderr_->wait_for_end(), grace);
   remove_profile();
 }
 
+// The same order, but the browser is killed at once: a destructor should not wait for
+// it to exit in its own way.
 BrowserProcess::~BrowserProcess() {
   boost::system::error_code ignored;
   pipe_.close(ignored);
   lifeline_.close(ignored);
   if (supervisor_ >= 0) {
-    wait_readable(ended_.native_handle(), grace);
+    wait_readable(supervisor_exit_.native_handle(), grace);
     end_supervisor();
-    words_->block_until_end();
+    stderr_->block_until_end();
   }
   remove_profile();
 }
 
-// The group's number stays ours until its leader has been waited for. Had a host
-// that ignores SIGCHLD let go of it already, nothing is killed.
+// The number of the group stays ours until its leader has been waited for. A host that
+// ignores SIGCHLD has given it up by then, and nothing is killed.
 void BrowserProcess::end_supervisor() noexcept {
   siginfo_t info;
   if (::waitid(P_PID, static_cast<id_t>(supervisor_), &info, WEXITED | WNOHANG | WNOWAIT) == 0) {
@@ -245,7 +287,7 @@ void BrowserProcess::end_supervisor() noexcept {
   supervisor_ = -1;
 }
 
-// Should the supervisor have been killed before it could.
+// Needed if the supervisor was killed before it could do this.
 void BrowserProcess::remove_profile() noexcept {
   std::error_code ignored;
   std::filesystem::remove_all(profile_, ignored);

@@ -13,44 +13,44 @@
 
 namespace vision::chromium {
 
-/// A running browser and all that belongs to it: its processes and its profile
-/// directory. A small supervisor, parent of the browser, ends the browser and
-/// removes the directory when this object or this whole process goes, in
-/// whatever way.
+/// A running browser with everything that belongs to it: its processes and its
+/// profile directory. The browser's parent is a small supervisor process, which ends
+/// the browser and removes the directory when this object or this whole process goes,
+/// however that happens.
 class BrowserProcess {
  public:
-  /// Starts the browser in a process group of its own. Throws BrowserError when
-  /// it cannot be started.
+  /// Starts the browser in a process group of its own. Throws BrowserError or
+  /// system_error if it cannot be started.
   BrowserProcess(const boost::asio::any_io_executor& executor, const LaunchOptions& options);
-  /// Kills the browser when it still runs, and waits for its end: about a tenth
-  /// of a second, and about ten seconds when something of it cannot be killed.
+  /// Kills the browser if it still runs, and blocks until it has ended: for about a
+  /// tenth of a second, or about ten seconds if one of its processes cannot be killed.
   ~BrowserProcess();
   BrowserProcess(const BrowserProcess&) = delete;
   BrowserProcess& operator=(const BrowserProcess&) = delete;
 
-  /// Our end of the DevTools pipe. Once.
-  boost::asio::local::stream_protocol::socket take_pipe() { return std::move(pipe_); }
+  /// Our end of the DevTools pipe. Must be called only once.
+  boost::asio::local::stream_protocol::socket take_pipe();
 
-  /// The end of what the browser wrote to its standard error.
-  std::string last_words() const;
+  /// The end of what the browser has written to its standard error.
+  const std::string& stderr_tail() const;
 
-  /// Waits for the browser, whose pipe has been closed, to end by itself; kills
-  /// it when it does not. Afterwards nothing of it is left.
+  /// Waits for the browser, whose pipe must have been closed, to exit; kills it if it
+  /// does not. Nothing of it is left afterwards. Idempotent.
   boost::asio::awaitable<void> stop();
 
  private:
   class Descriptors;
-  class Words;
-  void spawn(const LaunchOptions& options, const std::string& executable, Descriptors& theirs);
+  class StderrReader;
+  void spawn(const LaunchOptions& options, const std::string& executable, Descriptors& ends);
   void end_supervisor() noexcept;
   void remove_profile() noexcept;
 
   std::string profile_;
   boost::asio::local::stream_protocol::socket pipe_;
-  boost::asio::posix::stream_descriptor lifeline_;  // the supervisor acts when this closes
-  boost::asio::posix::stream_descriptor ended_;     // at its end when the supervisor has gone
-  std::shared_ptr<Words> words_;
-  pid_t supervisor_ = -1;  // leads the process group
+  boost::asio::posix::stream_descriptor lifeline_;         // the supervisor kills the browser when this closes
+  boost::asio::posix::stream_descriptor supervisor_exit_;  // reaches its end when the supervisor exits
+  std::shared_ptr<StderrReader> stderr_;
+  pid_t supervisor_ = -1;  // leads the process group; -1 once it has been waited for
 };
 
 }  // namespace vision::chromium

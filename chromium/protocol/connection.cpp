@@ -2,16 +2,16 @@
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/error.hpp>
-#include <boost/asio/execution_context.hpp>
-#include <boost/asio/query.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/websocket/error.hpp>
 #include <boost/system/system_error.hpp>
 #include <utility>
 
 #include "chromium/errors.hpp"
-#include "chromium/protocol/fields.hpp"
+#include "chromium/protocol/json_object.hpp"
 #include "chromium/protocol/message.hpp"
+#include "chromium/protocol/untracked.hpp"
+#include "vision/runtime/internal/context_local.hpp"
 #include "vision/text/internal/error_text.hpp"
 
 namespace vision::chromium {
@@ -19,21 +19,14 @@ namespace asio = boost::asio;
 namespace json = boost::json;
 namespace {
 
-// Destructors run while the context destroys suspended coroutines, and must not
-// start a new one then. Made after the transport's own services, this one hears
-// of the shutdown before they do.
-class LifeService : public asio::execution_context::service {
- public:
-  using key_type = LifeService;
-  static asio::execution_context::id id;
-  explicit LifeService(asio::execution_context& context) : service(context), lives(std::make_shared<bool>(true)) {}
-  std::shared_ptr<bool> lives;
-
- private:
-  void shutdown() override { *lives = false; }
+// Destroying the context destroys suspended coroutines, and with them pages, whose
+// destructors send commands; nothing may be spawned then. A service is shut down in
+// the reverse order of creation: this one, created after those of the transport, learns
+// of it first.
+struct ContextLifetime {
+  std::shared_ptr<bool> lives = std::make_shared<bool>(true);
+  void shutdown() { *lives = false; }
 };
-
-asio::execution_context::id LifeService::id;
 
 std::string cause_of(const std::exception_ptr& error) {
   try {
@@ -52,16 +45,17 @@ std::string cause_of(const std::exception_ptr& error) {
 }  // namespace
 
 Connection::Connection(const asio::any_io_executor& executor, std::unique_ptr<Transport> transport,
-                       runtime::Duration limit)
+                       runtime::Duration command_timeout)
     : executor_(executor),
       transport_(std::move(transport)),
-      limit_(limit),
-      context_lives_(asio::use_service<LifeService>(asio::query(executor, asio::execution::context)).lives) {}
+      command_timeout_(command_timeout),
+      context_lives_(runtime::context_local<ContextLifetime>(executor).lives) {}
 
 std::shared_ptr<Connection> Connection::open(const asio::any_io_executor& executor,
-                                             std::unique_ptr<Transport> transport, runtime::Duration limit) {
-  auto self = std::make_shared<Connection>(executor, std::move(transport), limit);
-  asio::co_spawn(executor, read_loop(self), [self](std::exception_ptr error) { self->end(cause_of(error)); });
+                                             std::unique_ptr<Transport> transport, runtime::Duration command_timeout) {
+  auto self = std::make_shared<Connection>(executor, std::move(transport), command_timeout);
+  asio::co_spawn(untracked(executor), read_loop(self),
+                 [self](std::exception_ptr error) { self->end(cause_of(error)); });
   return self;
 }
 
@@ -79,6 +73,7 @@ void Connection::close() noexcept {
   end("closed by this program");
 }
 
+// Closing the transport also ends both loops, which call this again, to no effect.
 void Connection::end(const std::string& cause) {
   if (ended_) return;
   ended_ = std::make_exception_ptr(PageClosedError(cause));
@@ -89,9 +84,15 @@ void Connection::end(const std::string& cause) {
   }
 }
 
+// The browser is read all the time, because its events need an answer (a dialog stops
+// its page). Being idle must not keep the event loop running, though.
 asio::awaitable<void> Connection::read_loop(std::shared_ptr<Connection> self) {
   for (;;) {
-    std::string message = co_await self->transport_->read();
+    std::string message;
+    {
+      const UncountedRead uncounted(self->executor_);
+      message = co_await self->transport_->read();
+    }
     self->dispatch(std::move(message));
   }
 }
@@ -105,6 +106,7 @@ asio::awaitable<void> Connection::write_loop(std::shared_ptr<Connection> self) {
   self->writing_ = false;
 }
 
+// After a failed write writing_ stays set, which does no harm: the connection has ended.
 void Connection::send(std::string message) {
   if (ended_ || !*context_lives_) return;
   outbox_.push_back(std::move(message));
@@ -114,48 +116,52 @@ void Connection::send(std::string message) {
   });
 }
 
+ReplyWaiter* Connection::find_waiter(std::uint64_t id) const {
+  const auto found = reply_waiters_.find(id);
+  return found == reply_waiters_.end() ? nullptr : found->second;
+}
+
+// A message that makes no sense is dropped, but the command of an unreadable reply
+// fails at once.
 void Connection::dispatch(std::string text) {
-  if (const auto id = leading_id(text)) {
-    const auto found = replies_.find(*id);
-    if (found != replies_.end() && found->second->keeps_text) {
-      found->second->text = std::move(text);
-      return found->second->finish();
-    }
+  const auto id = leading_id(text);
+  ReplyWaiter* waiter = id ? find_waiter(*id) : nullptr;
+  if (waiter && waiter->wants_text) {
+    waiter->text = std::move(text);
+    return waiter->succeed();
   }
   json::value message;
   try {
     message = parse_message(text);
-  } catch (const BrowserError& e) {
-    return undecodable(text, e.what());
+  } catch (const BrowserError&) {
+    if (waiter) waiter->fail(std::current_exception());
+    return;
   }
   auto* object = message.if_object();
   if (!object) return;
-  if (const auto* id = object->if_contains("id"); id && id->is_int64()) {
-    const auto found = replies_.find(static_cast<std::uint64_t>(id->get_int64()));
-    if (found == replies_.end()) return;  // nobody waits any more
-    found->second->message = std::move(*object);
-    found->second->finish();
+  if (const auto* id_value = object->if_contains("id"); id_value && id_value->is_int64()) {
+    waiter = find_waiter(static_cast<std::uint64_t>(id_value->get_int64()));
+    if (!waiter) return;  // cancelled or timed out, or the command was sent and forgotten
+    waiter->message = std::move(*object);
+    waiter->succeed();
   } else {
     dispatch_event(text_of(*object, "method"), std::string(text_of(*object, "sessionId")),
                    object_of(*object, "params"));
   }
 }
 
-void Connection::dispatch_event(std::string_view method, const std::string& id, const json::object& params) {
+// The browser does not reply to commands that are pending when their page closes, so
+// its session must end by the event.
+void Connection::dispatch_event(std::string_view method, const std::string& session_id, const json::object& params) {
   if (method == "Target.detachedFromTarget") {
     const auto gone = sessions_.find(std::string(text_of(params, "sessionId")));
     const auto session = gone == sessions_.end() ? nullptr : gone->second.lock();
     if (session) session->end(std::make_exception_ptr(PageClosedError()));
   }
-  const auto found = sessions_.find(id);
+  const auto found = sessions_.find(session_id);
   if (found == sessions_.end()) return;
-  if (const auto session = found->second.lock()) session->handle(method, params);
-}
-
-void Connection::undecodable(std::string_view message, const std::string& reason) {
-  const auto id = leading_id(message);
-  const auto found = id ? replies_.find(*id) : replies_.end();
-  if (found != replies_.end()) found->second->fail(std::make_exception_ptr(BrowserError(reason)));
+  // Held, because the handler may drop the last other reference.
+  if (const auto session = found->second.lock()) session->handle_event(method, params);
 }
 
 }  // namespace vision::chromium

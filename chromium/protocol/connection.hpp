@@ -15,43 +15,48 @@
 
 namespace vision::chromium {
 
-/// The DevTools protocol over one transport: numbers the commands, hands the
-/// answers to who waits and the events to their sessions. Lives on one executor.
+/// The DevTools protocol over one transport: numbers the commands, and takes replies
+/// to their waiters and events to their sessions. Belongs to one executor.
+///
+/// Its sessions and its own read and write loops keep it alive. The loops end after
+/// close(), which its owner must therefore call.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
-  /// Begins to read. `limit` is the time a command may take.
+  /// Begins to read. A command may take `command_timeout`. Called by a coroutine on
+  /// `executor`, or before the event loop runs.
   static std::shared_ptr<Connection> open(const boost::asio::any_io_executor& executor,
-                                          std::unique_ptr<Transport> transport, runtime::Duration limit);
+                                          std::unique_ptr<Transport> transport, runtime::Duration command_timeout);
   Connection(const boost::asio::any_io_executor& executor, std::unique_ptr<Transport> transport,
-             runtime::Duration limit);
+             runtime::Duration command_timeout);
 
-  /// The session with this id, told to us by the browser; "" is the browser's own.
+  /// The session with this id, which the browser assigned; "" is the browser's own.
   std::shared_ptr<Session> session(const std::string& id);
 
-  /// Ends everything under way with PageClosedError.
+  /// Ends all sessions with PageClosedError. Idempotent.
   void close() noexcept;
+  /// Why the connection has ended; null while it is usable.
   std::exception_ptr ended() const noexcept { return ended_; }
 
  private:
   friend class Session;
-  friend class Reply;
+  friend class ReplyWaiter;
   static boost::asio::awaitable<void> read_loop(std::shared_ptr<Connection> self);
   static boost::asio::awaitable<void> write_loop(std::shared_ptr<Connection> self);
   void send(std::string message);
   void end(const std::string& cause);
   void dispatch(std::string text);
-  void dispatch_event(std::string_view method, const std::string& session, const boost::json::object& params);
-  void undecodable(std::string_view message, const std::string& reason);
+  void dispatch_event(std::string_view method, const std::string& session_id, const boost::json::object& params);
+  ReplyWaiter* find_waiter(std::uint64_t id) const;
 
   const boost::asio::any_io_executor executor_;
   const std::unique_ptr<Transport> transport_;
-  const runtime::Duration limit_;
+  const runtime::Duration command_timeout_;
   const std::shared_ptr<const bool> context_lives_;
-  std::map<std::string, std::weak_ptr<Session>> sessions_;
-  std::map<std::uint64_t, Reply*> replies_;
+  std::map<std::string, std::weak_ptr<Session>> sessions_;  // each removes itself
+  std::map<std::uint64_t, ReplyWaiter*> reply_waiters_;     // each removes itself
   std::uint64_t last_id_ = 0;
-  std::deque<std::string> outbox_;
-  bool writing_ = false;
+  std::deque<std::string> outbox_;  // what write_loop has still to send
+  bool writing_ = false;            // while write_loop runs
   std::exception_ptr ended_;
 };
 

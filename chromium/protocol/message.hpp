@@ -7,13 +7,14 @@
 
 namespace vision::chromium {
 
-/// The JSON value of a message from the browser. Strings of a page may hold half
-/// a surrogate pair, which the parser refuses: each becomes U+FFFD. Throws
-/// BrowserError for text that is not JSON or nests deeper than 256.
+/// Parses a message from the browser. A page's strings can contain half a surrogate
+/// pair, which the parser rejects: each half becomes U+FFFD. Throws BrowserError for
+/// text that is not JSON, nests deeper than 256 levels, is larger than 8 MiB, or has
+/// an object with more than 1000 members.
 boost::json::value parse_message(std::string_view text);
 
-/// The id that an unreadable answer begins with, so that at least its command
-/// fails at once.
+/// The id at the start of a reply, readable even when the rest is not, so that its
+/// command can fail at once instead of timing out.
 std::optional<std::uint64_t> leading_id(std::string_view text);
 
 }  // namespace vision::chromium

@@ -10,15 +10,23 @@
 
 namespace vision::chromium {
 namespace asio = boost::asio;
+namespace {
+
+// More than a socket buffer holds (208 KiB by default), so that a picture takes few reads.
+constexpr std::size_t chunk_size = 256 * 1024;
+
+}  // namespace
 
 PipeTransport::PipeTransport(asio::local::stream_protocol::socket socket)
-    : socket_(std::move(socket)), chunk_(256 * 1024) {}
+    : socket_(std::move(socket)), chunk_(chunk_size) {}
 
+// Appends to message_ up to the next NUL, and tells whether there was one. Looks at
+// each byte once, however small the pieces are in which a message arrives.
 bool PipeTransport::take_message() {
   const char* rest = chunk_.data() + begin_;
   const auto* end = static_cast<const char*>(std::memchr(rest, '\0', end_ - begin_));
   const std::size_t size = end ? static_cast<std::size_t>(end - rest) : end_ - begin_;
-  if (message_.size() + size > max_message_size) throw BrowserError("the browser sent a message above 512 MiB");
+  if (message_.size() + size > max_message_size) throw BrowserError("the browser sent a message larger than 512 MiB");
   message_.append(rest, size);
   begin_ += size + (end ? 1 : 0);
   return end != nullptr;
@@ -33,7 +41,7 @@ asio::awaitable<std::string> PipeTransport::read() {
 }
 
 asio::awaitable<void> PipeTransport::write(std::string message) {
-  const asio::const_buffer frame(message.data(), message.size() + 1);  // with the string's own NUL
+  const asio::const_buffer frame(message.data(), message.size() + 1);  // with the string's terminating NUL
   co_await asio::async_write(socket_, frame, asio::use_awaitable);
 }
 

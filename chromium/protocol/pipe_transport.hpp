@@ -7,7 +7,7 @@
 
 namespace vision::chromium {
 
-/// The DevTools pipe of a browser that we started: messages end with a NUL.
+/// The DevTools pipe of a browser that we launched. A NUL ends each message.
 class PipeTransport : public Transport {
  public:
   explicit PipeTransport(boost::asio::local::stream_protocol::socket socket);
@@ -20,10 +20,10 @@ class PipeTransport : public Transport {
   bool take_message();
 
   boost::asio::local::stream_protocol::socket socket_;
-  std::vector<char> chunk_;  // what came last; [begin_, end_) is not yet used
+  std::vector<char> chunk_;  // the last read; [begin_, end_) is still to be used
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
-  std::string message_;  // what is complete but for its end
+  std::string message_;  // the part of the next message that has arrived
 };
 
 }  // namespace vision::chromium

@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "chromium/protocol/fields.hpp"
+#include "chromium/protocol/json_object.hpp"
 #include "vision/text/internal/json_text.hpp"
 
 namespace vision::chromium {
@@ -33,19 +33,19 @@ std::string thrown_text(const json::object& details) {
   return std::string(text_of(details, "text"));
 }
 
-// Writes the bytes that a base64 text stands for and gives their number. `out` may
-// begin before the text or with it: the decoder has read four characters before it
-// writes their three bytes.
+// Writes the decoded bytes to `out` and returns their number. `out` may be at or
+// before the start of the text: the decoder reads four characters before it writes
+// their three bytes.
 std::size_t decode(std::string_view text, char* out) {
-  std::size_t padding = 0;  // which the decoder counts as bytes
+  std::size_t padding = 0;  // the decoder counts it as bytes
   while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=') ++padding;
-  constexpr std::size_t max_text = std::numeric_limits<int>::max();
+  constexpr std::size_t max_text = std::numeric_limits<int>::max();  // what the decoder takes
   const int size =
       text.size() % 4 != 0 || text.size() > max_text
           ? -1
           : ::EVP_DecodeBlock(reinterpret_cast<unsigned char*>(out),
                               reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
-  if (size < 0) throw BrowserError("the browser's picture is not base64 text");
+  if (size < 0) throw BrowserError("the browser's picture is not valid base64");
   return static_cast<std::size_t>(size) - padding;
 }
 
@@ -61,6 +61,7 @@ json::value evaluated_value(json::object result) {
   return unserializable(text_of(object, "unserializableValue"));
 }
 
+// The protocol gives both the same code as other refusals, so the text decides.
 bool has_no_json_form(const ProtocolError& error) {
   return error.browser_message() == "Object reference chain is too long" ||
          error.browser_message() == "Object couldn't be returned by value";
@@ -72,15 +73,16 @@ Bytes decode_base64(std::string_view text) {
   return Bytes(std::move(out));
 }
 
-std::optional<Bytes> picture_in_answer(std::string& answer) {
+std::optional<Bytes> picture_in_reply(std::string& reply) {
   constexpr std::string_view start = ",\"result\":{\"data\":\"", end = "\"}";
-  const std::size_t before = answer.find(',');
-  if (before == answer.npos || answer.compare(before, start.size(), start) != 0) return std::nullopt;
-  const std::size_t first = before + start.size(), last = answer.find('"', first);
-  if (last == answer.npos || answer.compare(last, end.size(), end) != 0) return std::nullopt;
-  answer.resize(decode(std::string_view(answer).substr(first, last - first), answer.data()));
-  if (answer.capacity() / 3 * 2 > answer.size()) answer.shrink_to_fit();
-  return Bytes(std::move(answer));
+  const std::size_t before = reply.find(',');
+  if (before == reply.npos || reply.compare(before, start.size(), start) != 0) return std::nullopt;
+  const std::size_t first = before + start.size(), last = reply.find('"', first);
+  if (last == reply.npos || reply.compare(last, end.size(), end) != 0) return std::nullopt;
+  reply.resize(decode(std::string_view(reply).substr(first, last - first), reply.data()));
+  // Decoding leaves a quarter of the memory unused; more than that is worth a copy.
+  if (reply.capacity() / 3 * 2 > reply.size()) reply.shrink_to_fit();
+  return Bytes(std::move(reply));
 }
 
 }  // namespace vision::chromium

@@ -11,22 +11,22 @@
 
 namespace vision::chromium {
 
-/// The value in the answer to Runtime.evaluate by value. What has no JSON form
-/// (undefined, a function, NaN, an infinity, a bigint beyond 64 bits) is null.
-/// Throws EvaluationError when the script threw.
+/// Returns the value in the result of a Runtime.evaluate by value. Null if it has no
+/// JSON form: undefined, a function, NaN, an infinity, a bigint beyond 64 bits.
+/// Throws EvaluationError if the script threw.
 boost::json::value evaluated_value(boost::json::object result);
 
-/// Whether the refusal only says that the value has no JSON form (a window, a
-/// symbol, a cyclic object).
+/// Whether the browser refused only because the value has no JSON form: a window, a
+/// symbol, a cyclic object.
 bool has_no_json_form(const ProtocolError& error);
 
-/// The bytes that a base64 text (padded, one line) stands for. Throws
-/// BrowserError when it is not one.
+/// Decodes base64 text (padded, without line breaks). Throws BrowserError if it is
+/// not valid base64.
 Bytes decode_base64(std::string_view text);
 
-/// The picture in the answer {"id":1,"result":{"data":"..."}}: decoded in place, so
-/// that `answer`'s memory becomes the picture's. Absent, and `answer` unchanged, for
-/// an answer of another form. Throws as decode_base64 does.
-std::optional<Bytes> picture_in_answer(std::string& answer);
+/// Returns the picture in the reply {"id":1,"result":{"data":"..."}}. Decodes in
+/// place, so that the memory of `reply` becomes the picture's. Absent, with `reply`
+/// unchanged, if the reply has another form. Throws as decode_base64 does.
+std::optional<Bytes> picture_in_reply(std::string& reply);
 
 }  // namespace vision::chromium

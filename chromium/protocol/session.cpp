@@ -1,14 +1,15 @@
 #include "chromium/protocol/session.hpp"
 
+#include <cassert>
 #include <chrono>
 #include <utility>
 
 #include "chromium/errors.hpp"
 #include "chromium/protocol/connection.hpp"
-#include "chromium/protocol/fields.hpp"
+#include "chromium/protocol/json_object.hpp"
 #include "chromium/protocol/message.hpp"
 #include "chromium/protocol/remote_value.hpp"
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/json_text.hpp"
 
 namespace vision::chromium {
@@ -16,13 +17,15 @@ namespace asio = boost::asio;
 namespace json = boost::json;
 namespace {
 
+// Written in two parts, because copying `params` into the message would copy a typed
+// text or script.
 std::string command_text(std::uint64_t id, std::string_view method, const std::string& session,
                          const json::object& params) {
-  json::object head = fields("id", id, "method", method);
+  json::object head = make_object("id", id, "method", method);
   if (!session.empty()) head.emplace("sessionId", session);
   std::string out;
   text::append_json(out, head);
-  out.pop_back();
+  out.pop_back();  // the closing brace
   out += ", \"params\": ";
   text::append_json(out, params);
   out += '}';
@@ -42,7 +45,7 @@ json::object result_of(const std::string& method, json::object& message) {
     throw_refusal(method, error->get_object());
   }
   auto* result = message.if_contains("result");
-  if (!result || !result->is_object()) throw BrowserError(method + ": the browser's answer has no result");
+  if (!result || !result->is_object()) throw BrowserError(method + ": the browser's reply has no result");
   return std::move(result->get_object());
 }
 
@@ -56,106 +59,119 @@ Waiter::~Waiter() {
   session_->waiters_.erase(this);
 }
 
+void Waiter::succeed() {
+  done_.set();
+}
+
 void Waiter::fail(std::exception_ptr error) {
+  assert(error);
   if (done_.is_set()) return;
   error_ = std::move(error);
   done_.set();
 }
 
 asio::awaitable<void> Waiter::wait(runtime::Duration limit, std::string what) {
-  auto outcome = co_await runtime::with_deadline(runtime::done(done_.wait()), limit);
+  auto outcome = co_await runtime::with_deadline(done_.wait(), limit);
   if (outcome.timed_out()) {
-    throw CommandTimeout(what, std::chrono::duration_cast<std::chrono::milliseconds>(limit).count());
+    throw CommandTimeout(what, std::chrono::duration_cast<std::chrono::milliseconds>(limit).count(),
+                         session_->obstacle_);
   }
   if (outcome.error()) std::rethrow_exception(outcome.error());
   if (error_) std::rethrow_exception(error_);
 }
 
-Reply::Reply(std::shared_ptr<Session> session, std::shared_ptr<Connection> connection)
+ReplyWaiter::ReplyWaiter(std::shared_ptr<Session> session, std::shared_ptr<Connection> connection)
     : Waiter(std::move(session)), connection_(std::move(connection)), id_(++connection_->last_id_) {
-  connection_->replies_.emplace(id_, this);
+  connection_->reply_waiters_.emplace(id_, this);
 }
 
-Reply::~Reply() {
-  connection_->replies_.erase(id_);
+// From here on a late reply finds nobody and is dropped.
+ReplyWaiter::~ReplyWaiter() {
+  connection_->reply_waiters_.erase(id_);
 }
 
 Session::Session(std::shared_ptr<Connection> connection, std::string id)
     : connection_(std::move(connection)), id_(std::move(id)) {}
 
+// No waiter is left: each holds its session.
 Session::~Session() {
   connection_->sessions_.erase(id_);
 }
 
-runtime::Duration Session::limit() const {
-  return connection_->limit_;
+runtime::Duration Session::command_timeout() const {
+  return connection_->command_timeout_;
 }
 
 asio::any_io_executor Session::executor() const {
   return connection_->executor_;
 }
 
-void Session::check(std::string_view method) const {
+void Session::throw_if_unusable(std::string_view method) const {
   if (ended_) std::rethrow_exception(ended_);
-  // Only a navigation brings a new renderer; the dead one answers nothing.
+  // The dead renderer replies to nothing; a navigation brings a new one.
   if (crashed_ && method != "Page.navigate") throw PageCrashedError();
 }
 
-asio::awaitable<json::object> Session::call(std::string method, json::object params) {
-  return call(std::move(method), std::move(params), limit());
+asio::awaitable<json::object> Session::command(std::string method, json::object params) {
+  return command(std::move(method), std::move(params), command_timeout());
 }
 
-asio::awaitable<json::object> Session::call(std::string method, json::object params, runtime::Duration limit) {
-  Reply reply(shared_from_this(), connection_);
+// The waiter is registered before the command is sent, so the reply cannot be missed.
+asio::awaitable<json::object> Session::command(std::string method, json::object params, runtime::Duration limit) {
+  ReplyWaiter reply(shared_from_this(), connection_);
   send(reply, method, params);
   co_await reply.wait(limit, method);
   co_return result_of(method, reply.message);
 }
 
-asio::awaitable<Bytes> Session::call_for_picture(std::string method, json::object params) {
-  Reply reply(shared_from_this(), connection_);
-  reply.keeps_text = true;
+asio::awaitable<Bytes> Session::command_for_picture(std::string method, json::object params) {
+  ReplyWaiter reply(shared_from_this(), connection_);
+  reply.wants_text = true;
   send(reply, method, params);
-  co_await reply.wait(limit(), method);
-  if (auto picture = picture_in_answer(reply.text)) co_return std::move(*picture);
-  // In another form than Chromium's; without the id at its head it was parsed on its way.
+  co_await reply.wait(command_timeout(), method);
+  if (auto picture = picture_in_reply(reply.text)) co_return std::move(*picture);
+  // A refusal, or a form that Chromium does not write. A reply without its id at the
+  // start was already parsed on arrival.
   if (!reply.text.empty()) reply.message = std::move(parse_message(reply.text).as_object());
   co_return decode_base64(text_of(result_of(method, reply.message), "data"));
 }
 
-void Session::send(const Reply& reply, const std::string& method, const json::object& params) {
-  check(method);
+void Session::send(const ReplyWaiter& reply, const std::string& method, const json::object& params) {
+  throw_if_unusable(method);
   std::string command = command_text(reply.id(), method, id_, params);
-  if (command.size() > max_command_size) throw BrowserError(method + ": more than 100 MiB, too large for the browser");
+  if (command.size() > max_command_size) {
+    throw BrowserError(method + ": the command is larger than 100 MiB, the browser's limit");
+  }
   connection_->send(std::move(command));
 }
 
-void Session::post(std::string_view method, const json::object& params) noexcept {
+void Session::send_and_forget(std::string_view method, const json::object& params) noexcept {
   if (ended_) return;
   try {
     connection_->send(command_text(++connection_->last_id_, method, id_, params));
-  } catch (const std::bad_alloc&) {  // then it is not sent
+  } catch (const std::bad_alloc&) {  // the command is lost
   }
 }
 
-void Session::handle(std::string_view method, const json::object& params) {
+void Session::handle_event(std::string_view method, const json::object& params) {
   if (method == "Inspector.targetCrashed") {
     crashed_ = true;
     fail_waiters(std::make_exception_ptr(PageCrashedError()));
   } else if (method == "Inspector.targetReloadedAfterCrash") {
     crashed_ = false;
-  } else if (handler_) {
-    handler_(method, params);
+  } else if (event_handler_) {
+    event_handler_(method, params);
   }
 }
 
 void Session::end(const std::exception_ptr& error) {
-  if (ended_) return;
+  if (ended_) return;  // the first cause stays
   ended_ = error;
   fail_waiters(error);
 }
 
-// A failed waiter resumes later, so the set stays as it is meanwhile.
+// A failed waiter leaves the set when its coroutine resumes, which is never during
+// this loop.
 void Session::fail_waiters(const std::exception_ptr& error) {
   for (Waiter* waiter : waiters_) waiter->fail(error);
 }

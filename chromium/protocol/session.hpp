@@ -18,11 +18,11 @@
 namespace vision::chromium {
 
 class Connection;
-class Reply;
+class ReplyWaiter;
 class Session;
 
-/// Something that a coroutine awaits from the browser. It lives in that
-/// coroutine's frame and fails when its session ends or its page crashes.
+/// Something that a coroutine awaits from the browser. Lives in that coroutine's
+/// frame, and fails when its session ends or its page crashes.
 class Waiter {
  public:
   explicit Waiter(std::shared_ptr<Session> session);
@@ -30,10 +30,13 @@ class Waiter {
   Waiter(const Waiter&) = delete;
   Waiter& operator=(const Waiter&) = delete;
 
-  void finish() { done_.set(); }
+  ///@{
+  /// Lets wait() complete. The first call decides; `error` must not be null.
+  void succeed();
   void fail(std::exception_ptr error);
-  /// Completes after finish(). Throws what fail() was given, or CommandTimeout
-  /// naming `what` after `limit`.
+  ///@}
+  /// Completes after succeed(). Throws the error given to fail(), or after `limit`
+  /// CommandTimeout, which names `what`.
   boost::asio::awaitable<void> wait(runtime::Duration limit, std::string what);
 
  protected:
@@ -44,8 +47,8 @@ class Waiter {
   std::exception_ptr error_;
 };
 
-/// One conversation on a connection: with a page, or (the one without an id)
-/// with the browser itself.
+/// One conversation on a connection: with a page or, if its id is empty, with the
+/// browser itself.
 class Session : public std::enable_shared_from_this<Session> {
  public:
   using EventHandler = std::function<void(std::string_view method, const boost::json::object& params)>;
@@ -55,58 +58,65 @@ class Session : public std::enable_shared_from_this<Session> {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  /// Sends a command and gives its result. Throws ProtocolError for a refusal,
-  /// CommandTimeout when no answer comes within the connection's time limit,
-  /// PageClosedError and PageCrashedError once the page has ended, also in the
-  /// middle. A cancelled or expired command may still take effect.
-  boost::asio::awaitable<boost::json::object> call(std::string method, boost::json::object params = {});
-  boost::asio::awaitable<boost::json::object> call(std::string method, boost::json::object params,
-                                                   runtime::Duration limit);
+  /// Sends a command and returns its result. Throws ProtocolError if the browser
+  /// refuses, CommandTimeout if no reply comes within `limit` (by default the
+  /// connection's), PageClosedError or PageCrashedError as soon as the page has ended.
+  /// A command that was cancelled or timed out may still take effect.
+  boost::asio::awaitable<boost::json::object> command(std::string method, boost::json::object params = {});
+  boost::asio::awaitable<boost::json::object> command(std::string method, boost::json::object params,
+                                                      runtime::Duration limit);
 
-  /// The same for a command whose result is a picture, which comes as base64 text:
-  /// the message's own memory becomes the picture's.
-  boost::asio::awaitable<Bytes> call_for_picture(std::string method, boost::json::object params);
+  /// The same for a command whose result is a picture as base64 text. The memory of
+  /// the reply becomes the picture's.
+  boost::asio::awaitable<Bytes> command_for_picture(std::string method, boost::json::object params);
 
-  /// Sends a command whose outcome nobody waits for: from event handlers and
-  /// destructors.
-  void post(std::string_view method, const boost::json::object& params) noexcept;
+  /// Sends a command and ignores its reply. For event handlers and destructors, which
+  /// cannot wait.
+  void send_and_forget(std::string_view method, const boost::json::object& params) noexcept;
 
-  /// Replaces the handler of this session's events. It must not throw.
-  void on_event(EventHandler handler) { handler_ = std::move(handler); }
+  /// Replaces the handler of this session's events; null ignores them. An exception
+  /// from it ends the connection.
+  void set_event_handler(EventHandler handler) { event_handler_ = std::move(handler); }
+
+  /// What may keep the page from replying, for the text of a CommandTimeout; empty
+  /// when nothing is known.
+  void set_obstacle(std::string obstacle) { obstacle_ = std::move(obstacle); }
 
   const std::string& id() const noexcept { return id_; }
-  /// Why nothing more can come; null while it lives.
+  /// Why the session has ended; null while it is usable.
   std::exception_ptr ended() const noexcept { return ended_; }
-  runtime::Duration limit() const;
+  /// The connection's.
+  runtime::Duration command_timeout() const;
   boost::asio::any_io_executor executor() const;
 
  private:
   friend class Connection;
   friend class Waiter;
-  void handle(std::string_view method, const boost::json::object& params);
+  void handle_event(std::string_view method, const boost::json::object& params);
   void end(const std::exception_ptr& error);
   void fail_waiters(const std::exception_ptr& error);
-  void check(std::string_view method) const;
-  void send(const Reply& reply, const std::string& method, const boost::json::object& params);
+  void throw_if_unusable(std::string_view method) const;
+  void send(const ReplyWaiter& reply, const std::string& method, const boost::json::object& params);
 
-  const std::shared_ptr<Connection> connection_;
+  const std::shared_ptr<Connection> connection_;  // which refers back weakly
   const std::string id_;
-  std::set<Waiter*> waiters_;
-  EventHandler handler_;
+  std::set<Waiter*> waiters_;  // each registers itself for its lifetime
+  EventHandler event_handler_;
+  std::string obstacle_;
   std::exception_ptr ended_;
   bool crashed_ = false;
 };
 
-/// A command's answer on its way.
-class Reply : public Waiter {
+/// Awaits the reply to one command.
+class ReplyWaiter : public Waiter {
  public:
-  Reply(std::shared_ptr<Session> session, std::shared_ptr<Connection> connection);
-  ~Reply() override;
+  ReplyWaiter(std::shared_ptr<Session> session, std::shared_ptr<Connection> connection);
+  ~ReplyWaiter() override;
   std::uint64_t id() const noexcept { return id_; }
 
-  bool keeps_text = false;      ///< set it to get the answer unparsed
-  boost::json::object message;  ///< all of it, once finished
-  std::string text;             ///< or, when it was to be kept, its text
+  bool wants_text = false;      ///< whether to deliver the reply unparsed, as `text`
+  boost::json::object message;  ///< the whole reply, unless it was wanted as text
+  std::string text;
 
  private:
   const std::shared_ptr<Connection> connection_;

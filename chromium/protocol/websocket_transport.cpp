@@ -9,15 +9,15 @@ namespace vision::chromium {
 namespace asio = boost::asio;
 
 WebSocketTransport::WebSocketTransport(asio::ip::tcp::socket socket) : stream_(std::move(socket)) {
-  stream_.text(true);
+  stream_.text(true);  // the browser drops the connection for a binary frame
   stream_.read_message_max(max_message_size);
-  stream_.auto_fragment(false);
+  stream_.auto_fragment(false);  // fewer, larger writes
 }
 
-asio::awaitable<std::unique_ptr<Transport>> WebSocketTransport::connect(Endpoint endpoint) {
-  auto socket = co_await open_socket(endpoint);
+asio::awaitable<std::unique_ptr<Transport>> WebSocketTransport::connect(DevToolsUrl url) {
+  auto socket = co_await open_socket(url);
   auto transport = std::make_unique<WebSocketTransport>(std::move(socket));
-  co_await transport->stream_.async_handshake(endpoint.authority(), endpoint.path, asio::use_awaitable);
+  co_await transport->stream_.async_handshake(url.authority(), url.path, asio::use_awaitable);
   co_return std::move(transport);
 }
 
@@ -32,6 +32,7 @@ asio::awaitable<void> WebSocketTransport::write(std::string message) {
   co_await stream_.async_write(asio::buffer(message), asio::use_awaitable);
 }
 
+// Without a closing handshake, which an unresponsive browser would never finish.
 void WebSocketTransport::close() noexcept {
   boost::system::error_code ignored;
   stream_.next_layer().close(ignored);

@@ -4,17 +4,18 @@
 #include <boost/beast/websocket/stream.hpp>
 #include <memory>
 
-#include "chromium/protocol/endpoint.hpp"
+#include "chromium/protocol/devtools_url.hpp"
 #include "chromium/protocol/transport.hpp"
 
 namespace vision::chromium {
 
-/// The WebSocket of a browser that somebody else started.
+/// The WebSocket of a browser that we connected to.
 class WebSocketTransport : public Transport {
  public:
   explicit WebSocketTransport(boost::asio::ip::tcp::socket socket);
-  /// Connects and shakes hands. Sends no Origin: the browser refuses any.
-  static boost::asio::awaitable<std::unique_ptr<Transport>> connect(Endpoint endpoint);
+  /// Connects to `url` and performs the handshake, without an Origin header: the
+  /// browser rejects every origin.
+  static boost::asio::awaitable<std::unique_ptr<Transport>> connect(DevToolsUrl url);
 
   boost::asio::awaitable<std::string> read() override;
   boost::asio::awaitable<void> write(std::string message) override;

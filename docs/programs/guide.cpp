@@ -1,15 +1,15 @@
 // What docs/guide.md shows, as one program. It needs neither a browser nor a
-// model: its page shows one picture, and its test points it at an endpoint that
-// nobody serves, so that every question to the model fails and the pipeline must
-// not notice.
-#include <spdlog/sinks/stdout_sinks.h>
+// model: its page shows one picture, and its test points it at an endpoint where
+// nothing listens. Every model call fails, and the pipeline must not notice.
 #include <spdlog/spdlog.h>
 
+#include <boost/algorithm/string.hpp>
 #include <boost/asio.hpp>
 #include <cstdlib>
 #include <iostream>
 
 #include "docs/programs/picture_page.hpp"
+#include "examples/models.hpp"
 #include "vision/client/http/http_messages_client.hpp"
 #include "vision/vision.hpp"
 
@@ -25,14 +25,27 @@ std::string key_from_vault() {
 // [registry]
 class Host : public vision::ModelRegistry {
  public:
-  std::string VISION_LIGHT_MODEL() const override { return "claude-haiku-4-5"; }
-  std::string VISION_HEAVY_MODEL() const override { return "claude-opus-4-6"; }
+  std::string VISION_LIGHT_MODEL() const override { return examples::light_model; }
+  std::string VISION_HEAVY_MODEL() const override { return examples::heavy_model; }
   std::function<std::string()> core_attr(std::string_view name) const override {
     if (name != "resolve_api_key") return nullptr;
     return [] { return key_from_vault(); };
   }
 };
 // [registry]
+
+// [startup]
+void check_at_start_up() {
+  vision::set_model_registry(std::make_shared<Host>());
+  vision::default_client();  // throws now, rather than in the first run, when the models or the key are missing
+
+  const char* value = std::getenv("KX_VISION_TIER");
+  const std::string tier = boost::trim_copy(std::string(value ? value : ""));
+  if (vision::is_vision_enabled() == "off" && !tier.empty() && !boost::iequals(tier, "off")) {
+    throw std::runtime_error("KX_VISION_TIER is \"" + tier + "\", not one of off, shadow, tier2, act, tier3");
+  }
+}
+// [startup]
 
 // [errors]
 class AgentError : public std::runtime_error, public vision::CuaOriginMark {
@@ -96,16 +109,17 @@ asio::awaitable<std::string> share(vision::BrowserPage& page, int& runs) {
   const vision::FlowContext context = {{"workflow_name", "share"}, {"current_step", "click Share"}};
   const vision::FallbackOptions options(context);
   auto step = [&page, &runs] { return click_share(page, runs); };
-  auto agent = [](vision::BrowserPage& on, const vision::FlowContext&, const std::string& reason) {
-    std::cout << "vision gave up: " << reason << "\n";
-    return computer_use_agent(on);
-  };
-  const auto outcome = co_await vision::with_vision_fallback(page, std::move(step), options, std::move(agent));
-  switch (outcome.index()) {
-    case 0: co_return std::get<0>(outcome);         // the step's own value, of the first or the second run
-    case 1: co_return std::get<1>(outcome).reason;  // vision's declare_success
-    default: co_return std::string(std::get<2>(outcome).at("text").as_string());  // the agent's value
+  std::string failure;
+  try {
+    const auto outcome = co_await vision::with_vision_fallback(page, std::move(step), options);
+    if (outcome.way() == vision::FallbackWay::verdict) co_return outcome.verdict().reason;
+    co_return outcome.step();  // from its first or second run: outcome.is_rescued() tells
+  } catch (const std::exception& error) {
+    failure = error.what();
   }
+  std::cout << "the step failed: " << failure << "\n";
+  const json::object result = co_await computer_use_agent(page);  // throws at once if the caller was cancelled
+  co_return std::string(result.at("text").as_string());
 }
 // [fallback]
 
@@ -124,18 +138,17 @@ asio::awaitable<void> one_run(std::shared_ptr<vision::BrowserPage> page, std::st
 
 // [client]
 std::unique_ptr<vision::VisionClient> gateway_client() {
-  auto options = vision::HttpOptions().base_url("https://gateway.example").ca_file("/etc/ssl/gateway.pem");
-  auto http = std::make_shared<vision::HttpMessagesClient>(key_from_vault(), options);
-  auto client_options = vision::VisionClientOptions().call_budget(200).default_model("claude-haiku-4-5");
-  return std::make_unique<vision::VisionClient>(http, client_options);
+  auto http = vision::HttpOptions().base_url("https://gateway.example").ca_file("/etc/ssl/gateway.pem");
+  auto options = vision::VisionClientOptions().api_key(key_from_vault()).http(http).call_budget(200);
+  return std::make_unique<vision::VisionClient>(options);
 }
 // [client]
 
 // [logger]
-void send_log_lines_to_standard_error() {
-  auto logger = std::make_shared<spdlog::logger>("vision", std::make_shared<spdlog::sinks::stderr_sink_mt>());
-  logger->set_level(spdlog::level::info);  // debug also shows records that could not be written
-  spdlog::register_logger(logger);
+void send_log_lines_where_ours_go() {
+  auto logger = spdlog::default_logger()->clone("vision");  // the same sinks and pattern
+  logger->set_level(spdlog::level::debug);                  // debug adds the records that could not be written
+  spdlog::register_logger(std::move(logger));
 }
 // [logger]
 
@@ -153,8 +166,8 @@ asio::awaitable<void> everything(std::shared_ptr<vision::BrowserPage> page) {
 }  // namespace
 
 int main() {
-  send_log_lines_to_standard_error();
-  vision::set_model_registry(std::make_shared<Host>());
+  send_log_lines_where_ours_go();
+  check_at_start_up();
   const auto client = gateway_client();
   const auto page = std::make_shared<PicturePage>();
   asio::io_context io;

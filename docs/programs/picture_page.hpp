@@ -5,7 +5,7 @@
 #include "vision/page/browser_page.hpp"
 
 // [page]
-/// A page on a driver of one's own: all that vision asks of it.
+/// A page on another driver, with everything that vision needs of it.
 class PicturePage : public vision::BrowserPage, private vision::Mouse, private vision::Keyboard {
  public:
   boost::asio::awaitable<vision::Bytes> screenshot(vision::ScreenshotOptions) override {

@@ -1,16 +1,17 @@
 // What docs/cancellation.md shows, as one program: a mission that is stopped, and
-// the order in which a process lets go of things.
+// the order in which a process shuts down.
 #include <boost/asio.hpp>
 #include <iostream>
 
 #include "docs/programs/picture_page.hpp"
+#include "examples/models.hpp"
 #include "vision/vision.hpp"
 
 namespace asio = boost::asio;
 
 namespace {
 
-/// A model that never answers: what is sent to it ends by cancellation only.
+/// A model that never answers: only cancellation ends a request to it.
 class SilentModel : public vision::MessagesClient {
  public:
   explicit SilentModel(std::function<void()> asked) : asked_(std::move(asked)) {}
@@ -49,7 +50,7 @@ class StoppableMission {
   bool stopped = false;
 
  private:
-  // co_spawn itself takes no operation whose value has no default, as ActionResult.
+  // co_spawn does not accept an operation whose value type has no default constructor.
   static asio::awaitable<void> run(vision::BrowserPage& page, vision::ActLoopOptions options) {
     const vision::ActionResult verdict = co_await vision::act_loop(page, std::move(options));
     std::cout << verdict.action << ": " << verdict.reason << "\n";
@@ -63,9 +64,8 @@ class StoppableMission {
 }  // namespace
 
 int main() {
-  // [models]
-  vision::set_model_registry(std::make_shared<vision::StaticModelRegistry>("light-model-id", "heavy-model-id"));
-  // [models]
+  using vision::StaticModelRegistry;
+  vision::set_model_registry(std::make_shared<StaticModelRegistry>(examples::light_model, examples::heavy_model));
   // [order]
   asio::io_context io;  // destroyed last: everything below belongs to it
   PicturePage page;
@@ -78,7 +78,7 @@ int main() {
   vision::ActLoopOptions options(context, "share-dialog");
   options.vision(client);
   mission.start(page, std::move(options));
-  io.run();  // returns when nothing is left to do: the mission has ended
+  io.run();  // returns when no work is left: the mission has ended
   // [order]
   std::cout << (mission.stopped ? "stopped\n" : "not stopped\n");
   return mission.stopped ? 0 : 1;

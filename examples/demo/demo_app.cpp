@@ -10,7 +10,7 @@
 #include <random>
 #include <stdexcept>
 
-#include "vision/runtime/time.hpp"
+#include "vision/runtime/internal/await.hpp"
 
 namespace demo {
 namespace {
@@ -22,7 +22,8 @@ using loopback::make_response;
 using loopback::Request;
 using loopback::Response;
 
-// The invited person takes this long to turn up, longer than a page settles.
+// The invited person joins after this time, which is longer than the act loop lets
+// the page settle: the model has to wait.
 constexpr std::chrono::milliseconds joining_time(2500);
 
 struct File {
@@ -67,7 +68,8 @@ struct DemoApp::State {
   static asio::awaitable<Response> handle(std::shared_ptr<State> self, const Request& request) {
     const std::string target(request.target());
     if (request.method() == http::verb::get) co_return self->page(target == "/" ? "/index.html" : target);
-    if (request.method() != http::verb::post) co_return complaint(http::status::method_not_allowed, "Not possible.");
+    if (request.method() != http::verb::post)
+      co_return complaint(http::status::method_not_allowed, "Method not allowed.");
     for (const auto& board : self->boards) {
       const std::string prefix = "/api/boards/" + board + "/";
       if (target.rfind(prefix, 0) != 0) continue;
@@ -76,7 +78,7 @@ struct DemoApp::State {
       if (action == "invitations") co_return co_await invite(self, board, request);
       if (action == "links") co_return self->link(board);
     }
-    co_return complaint(http::status::not_found, "There is no such thing.");
+    co_return complaint(http::status::not_found, "There is no such resource.");
   }
 
   Response page(const std::string& target) const {
@@ -138,7 +140,7 @@ bool DemoApp::only_invited(std::string_view board, std::string_view email) const
   return invited;
 }
 
-// Words and digits that nobody confuses with others when they read them.
+// Words and digits that are hard to misread.
 std::string make_share_link() {
   static constexpr std::array<const char*, 12> words = {"maple",   "river",  "amber",  "cedar",  "pepper", "garden",
                                                         "thunder", "marble", "winter", "copper", "panda",  "meadow"};

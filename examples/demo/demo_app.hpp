@@ -11,29 +11,29 @@
 
 namespace demo {
 
-/// What somebody did in the web application.
+/// An action of a user in the web application.
 struct AppEvent {
   std::string board;   ///< the board's id
   std::string what;    ///< "opened", "invited" or "linked"
-  std::string detail;  ///< the e-mail address or the link
+  std::string detail;  ///< the email address or the link
 };
 
-/// "Pinwall", the web application that the mission works in: a list of boards, a
-/// board, a dialog to invite people. A person can use it as well. Serves on
-/// 127.0.0.1 from construction to destruction, on the executor it is given.
+/// "Pinwall", the web application of the mission: a list of boards, a board, a dialog
+/// to invite people. People can use it as well. Serves on 127.0.0.1 from construction
+/// to destruction, on the executor it is given.
 class DemoApp {
  public:
-  /// Port 0 takes a free one. Throws boost::system::system_error when it cannot
+  /// Port 0 is any free port. Throws boost::system::system_error when it cannot
   /// listen, std::runtime_error when its files are missing.
   explicit DemoApp(const boost::asio::any_io_executor& executor, std::uint16_t port = 0);
 
   std::string base_url() const { return server_.base_url(); }
-  /// The link that the application gave out for a board last; empty before.
+  /// The link that the application issued last; empty before the first one.
   const std::string& answer() const;
   /// Everything that happened, in order.
   const std::vector<AppEvent>& events() const;
-  /// Whether the mission's outcome is in place: `email` joined the board `board`,
-  /// and nobody else was invited anywhere.
+  /// Whether the mission's outcome is right: `email` joined the board `board`, and
+  /// nobody else was invited anywhere.
   bool only_invited(std::string_view board, std::string_view email) const;
 
  private:

@@ -1,17 +1,18 @@
 #include "examples/demo/mission_run.hpp"
 
 #include <boost/asio/this_coro.hpp>
+#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <optional>
+#include <random>
 
 #include "chromium/browser.hpp"
 #include "examples/demo/demo_app.hpp"
 #include "examples/demo/recording_page.hpp"
 #include "examples/local_model/local_model.hpp"
 #include "vision/client/http/http_messages_client.hpp"
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/wirein/act_loop.hpp"
 
 namespace demo {
@@ -36,32 +37,76 @@ vision::FlowContext flow_context() {
           {"platform", "pinwall"}};
 }
 
-// Puts every answer together with the picture that it was given for.
-class StepRecorder {
- public:
-  StepRecorder(const RecordingPage& page, OnStep on_step) : page_(page), on_step_(std::move(on_step)) {}
-
-  asio::awaitable<void> note(vision::ActionResult proposal) {
-    steps_.push_back({page_.last_screenshot(), proposal});
-    on_step_(steps_.size(), proposal);
+// Keeps every answer together with the picture that it was given for.
+vision::OnAction keep_steps(MissionRun& run, RecordingPage& page, OnStep on_step) {
+  return [&run, &page, on_step = std::move(on_step)](const vision::ActionResult& proposal,
+                                                     const vision::FlowContext&) -> asio::awaitable<void> {
+    run.steps.push_back({page.take_screenshot(), proposal});
+    on_step(run.steps.size(), proposal);
     co_return;
-  }
+  };
+}
 
-  vision::OnAction hook() {
-    return [this](const vision::ActionResult& proposal, const vision::FlowContext&) { return note(proposal); };
-  }
-
-  std::vector<ReportStep>& steps() { return steps_; }
+class Stopwatch {
+ public:
+  explicit Stopwatch(MissionRun& run) : run_(run) { run_.started = std::time(nullptr); }
+  ~Stopwatch() { run_.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin_).count(); }
+  Stopwatch(const Stopwatch&) = delete;
+  Stopwatch& operator=(const Stopwatch&) = delete;
 
  private:
-  const RecordingPage& page_;
-  OnStep on_step_;
-  std::vector<ReportStep> steps_;
+  MissionRun& run_;
+  std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
+};
+
+// Completes the run when the mission ends. A destructor, because a cancelled
+// coroutine gets no further than that.
+class LastLook {
+ public:
+  LastLook(MissionRun& run, const DemoApp& app, const vision::VisionClient& client, RecordingPage& page)
+      : run_(run), app_(app), client_(client), page_(page) {}
+  ~LastLook() {
+    run_.metrics = client_.metrics;
+    run_.expected = app_.answer();
+    run_.invited_rightly = app_.only_invited(invited_board, invited_person);
+    keep_unanswered_screenshot();
+  }
+  LastLook(const LastLook&) = delete;
+  LastLook& operator=(const LastLook&) = delete;
+
+ private:
+  // The hook hears nothing of a call that got no response: its failure is the
+  // verdict, unless the loop ended the mission for a reason of its own.
+  void keep_unanswered_screenshot() {
+    auto screenshot = page_.take_screenshot();
+    if (screenshot.empty()) return;
+    const bool failed = run_.verdict && run_.verdict->model_used != "act_loop";
+    run_.steps.push_back({std::move(screenshot), failed ? run_.verdict : std::nullopt});
+  }
+
+  MissionRun& run_;
+  const DemoApp& app_;
+  const vision::VisionClient& client_;
+  RecordingPage& page_;
 };
 
 }  // namespace
 
-asio::awaitable<MissionEnd> run_mission(DemoOptions options, ModelChoice model, std::string run_id, OnStep on_step) {
+std::string new_run_id() {
+  char text[64];
+  const std::time_t now = std::time(nullptr);
+  std::tm utc{};
+  const std::size_t size = std::strftime(text, sizeof text, "demo-%Y%m%dT%H%M%SZ-", ::gmtime_r(&now, &utc));
+  std::string id(text, size);
+  std::random_device source;
+  std::uniform_int_distribution<std::size_t> digit(0, 15);
+  for (int i = 0; i < 8; ++i) id += "0123456789abcdef"[digit(source)];
+  return id;
+}
+
+asio::awaitable<void> run_mission(DemoOptions options, ModelChoice model, MissionRun& run, OnStep on_step) {
+  const Stopwatch stopwatch(run);
+  run.brief = mission_brief();
   const auto executor = co_await asio::this_coro::executor;
   DemoApp app(executor);
   std::optional<local_model::LocalModel> local;
@@ -79,18 +124,13 @@ asio::awaitable<MissionEnd> run_mission(DemoOptions options, ModelChoice model, 
   co_await page->navigate(app.base_url() + "/");
 
   RecordingPage recording(*page);
-  StepRecorder recorder(recording, std::move(on_step));
-  vision::VisionClient vision(client, vision::VisionClientOptions().on_action(recorder.hook()));
+  auto hook = keep_steps(run, recording, std::move(on_step));
+  vision::VisionClient vision(client, vision::VisionClientOptions().on_action(std::move(hook)));
+  const LastLook last_look(run, app, vision, recording);
   vision::ActLoopOptions loop(flow_context(), hotspot_id);
-  loop.mission_prompt(mission_brief()).vision(vision).run_id(std::move(run_id)).max_steps(options.max_steps);
-  MissionEnd end(co_await vision::act_loop(recording, std::move(loop)));
-
-  end.steps = std::move(recorder.steps());
-  end.metrics = vision.metrics;
-  end.expected = app.answer();
-  end.invited_rightly = app.only_invited(invited_board, invited_person);
-  co_await vision::runtime::settle(vision::runtime::done(browser->close()));
-  co_return end;
+  loop.mission_prompt(run.brief).vision(vision).run_id(run.id).max_steps(options.max_steps);
+  run.verdict = co_await vision::act_loop(recording, std::move(loop));
+  co_await vision::runtime::try_await(browser->close());
 }
 
 }  // namespace demo

@@ -1,14 +1,13 @@
 #pragma once
 
 #include <utility>
-#include <vector>
 
 #include "vision/page/browser_page.hpp"
 
 namespace demo {
 
-/// Hands everything on to another page and keeps its last viewport screenshot,
-/// for the report. `page` must outlive it.
+/// Passes everything on to another page and keeps the last screenshot for the
+/// report. `page` must outlive it.
 class RecordingPage : public vision::BrowserPage {
  public:
   explicit RecordingPage(vision::BrowserPage& page) : page_(page) {}
@@ -24,7 +23,8 @@ class RecordingPage : public vision::BrowserPage {
   vision::Mouse& mouse() override { return page_.mouse(); }
   vision::Keyboard& keyboard() override { return page_.keyboard(); }
 
-  const vision::Bytes& last_screenshot() const noexcept { return last_; }
+  /// The last screenshot, once: empty until there is another one.
+  vision::Bytes take_screenshot() noexcept { return std::exchange(last_, vision::Bytes()); }
 
  private:
   vision::BrowserPage& page_;

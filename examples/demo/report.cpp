@@ -1,98 +1,88 @@
 #include "examples/demo/report.hpp"
 
 #include "examples/demo/console.hpp"
-#include "vision/text/internal/base64.hpp"
+#include "tools/html/page.hpp"
+#include "tools/html/screenshot.hpp"
 #include "vision/text/internal/json_text.hpp"
 #include "vision/text/internal/numbers.hpp"
-#include "vision/text/internal/utf8.hpp"
 #include "vision/wirein/internal/records.hpp"
-#include "vision/wirein/internal/shadow_log.hpp"
 
 namespace demo {
 namespace {
 
+using html::escaped;
 using vision::text::fixed;
 
-constexpr const char* style = R"(
-body { margin: 0; font: 16px/1.5 "DejaVu Sans", system-ui, sans-serif; color: #1f2933; background: #f4f5f7 }
-main { max-width: 1080px; margin: 0 auto; padding: 32px 24px 64px }
-h1 { font-size: 26px; margin: 0 0 4px }
-h2 { font-size: 18px; margin: 0 0 8px }
-h2 span { font-weight: 400; color: #616e7c }
-p { margin: 4px 0 }
-.verdict { border-left: 6px solid #b42318; background: #fff; padding: 16px 20px; margin: 20px 0; border-radius: 6px }
-.verdict.right { border-color: #12805c }
-.answer { font-size: 20px; font-weight: 600 }
-dl { display: flex; flex-wrap: wrap; gap: 8px 32px; margin: 12px 0 0 }
-dt { color: #616e7c; font-size: 13px } dd { margin: 0; font-weight: 600 }
-section { background: #fff; border-radius: 8px; padding: 20px; margin: 20px 0; box-shadow: 0 1px 3px #0002 }
-.shot { position: relative; border: 1px solid #d5dae1; border-radius: 4px; overflow: hidden; margin-top: 12px }
-.shot img { display: block; width: 100% }
-.marker { position: absolute; width: 36px; height: 36px; margin: -21px 0 0 -21px; border: 3px solid #d6006c;
-  border-radius: 50%; box-shadow: 0 0 0 2px #fff, inset 0 0 0 2px #fff }
-.meta { color: #616e7c; font-size: 14px }
-pre { background: #f4f5f7; padding: 12px; border-radius: 4px; overflow-x: auto; font-size: 13px; white-space: pre-wrap;
-  overflow-wrap: anywhere }
-)";
-
-// Text from a model or a page, harmless between tags and in attributes.
-std::string html(std::string_view text) {
-  std::string out;
-  while (!text.empty()) {
-    const auto c = vision::text::next_code_point(text);
-    text.remove_prefix(c.size);
-    switch (c.value) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      default: vision::text::append_utf8(out, c.value < 0x20 && c.value != '\n' ? U'\uFFFD' : c.value);
-    }
-  }
-  return out;
+std::string paragraph(const std::string& text, bool muted = false) {
+  if (text.empty()) return {};
+  return std::string(muted ? "<p class=\"muted\">" : "<p>") + escaped(text) + "</p>";
 }
 
-std::string fact(const char* name, const std::string& value) {
-  return std::string("<div><dt>") + name + "</dt><dd>" + html(value) + "</dd></div>";
+std::string date_text(std::time_t time) {
+  char text[64];
+  std::tm utc{};
+  return {text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", ::gmtime_r(&time, &utc))};
 }
 
-std::string render_verdict(const ReportSummary& s) {
-  const auto& m = s.metrics;
-  return std::string("<div class=\"verdict") + (s.right ? " right" : "") + "\"><p>" + html(s.verdict.action) +
-         "</p><p class=\"answer\">" + html(s.verdict.reason) + "</p><p class=\"meta\">" +
-         (s.right ? "The application says the same." : "The application says: " + html(s.expected)) + "</p><dl>" +
-         fact("model", s.model) + fact("calls", std::to_string(m.call_count)) +
-         fact("tokens in / out", std::to_string(m.total_input_tokens) + " / " + std::to_string(m.total_output_tokens)) +
-         fact("p95 latency", fixed(m.p95(), 0) + " ms") +
-         fact("estimated cost", "$" + fixed(m.estimated_cost_usd(), 4)) + "</dl></div>";
+std::string overview(const MissionRun& run, const ModelChoice& model) {
+  const auto& m = run.metrics;
+  return std::string("<section class=\"card ") + (run.right() ? "good" : "bad") + "\"><h2>" + escaped(headline(run)) +
+         "</h2>" + paragraph("Verdict: " + verdict_text(run)) + paragraph(hint(run)) +
+         html::facts(
+             {{"date", date_text(run.started)},
+              {"duration", fixed(run.seconds, 1) + " s"},
+              {"model", model.light == model.heavy ? model.light : model.light + ", heavy " + model.heavy},
+              {"calls", std::to_string(m.call_count)},
+              {"tokens in / out", std::to_string(m.total_input_tokens) + " / " + std::to_string(m.total_output_tokens)},
+              {"p95 latency", fixed(m.p95(), 0) + " ms"},
+              {"estimated cost", "$" + fixed(m.estimated_cost_usd(), 4)},
+              {"run", run.id}}) +
+         html::folded("Mission", run.brief) + "</section>\n";
 }
 
-std::string render_step(std::size_t number, const ReportStep& step) {
+html::Screenshot screenshot_of(const std::string& number, const Step& step) {
+  html::Screenshot shot;
+  shot.id = "shot-" + number;
+  shot.png = step.screenshot;
+  shot.description = "What the model saw in step " + number;
   const auto& p = step.proposal;
-  std::string out = "<section><h2>" + std::to_string(number) + ". " + html(p.action) + " <span>" +
-                    html(action_target(p)) + "</span></h2><p>" + html(p.reason) + "</p><p class=\"meta\">confidence " +
-                    fixed(p.confidence, 2) + " &middot; " + fixed(p.latency_ms, 0) +
-                    " ms &middot; expects: " + html(p.next_expected_state) + "</p>";
-  if (!step.screenshot.empty()) {
-    out += "<div class=\"shot\"><img alt=\"what the model saw\" src=\"data:image/png;base64," +
-           vision::_b64(step.screenshot.view()) + "\">";
-    if (p.x_ratio && p.y_ratio) {
-      out += "<div class=\"marker\" style=\"left:" + fixed(*p.x_ratio * 100, 3) +
-             "%;top:" + fixed(*p.y_ratio * 100, 3) + "%\"></div>";
-    }
-    out += "</div>";
+  if (p && p->x_ratio && p->y_ratio) {
+    shot.markers.push_back({*p->x_ratio, *p->y_ratio});
+    shot.description += "; it clicked " + action_target(*p) + " of width and height";
+    shot.caption = "The ring marks where the model clicked.";
   }
-  return out + "<pre>" + html(vision::text::to_json(vision::_observe_action_record(p))) + "</pre></section>\n";
+  return shot;
+}
+
+std::string answer_text(const vision::ActionResult& proposal) {
+  std::string details = "confidence " + fixed(proposal.confidence, 2) + ", " + fixed(proposal.latency_ms, 0) + " ms";
+  if (!proposal.next_expected_state.empty()) details += ", expects: " + proposal.next_expected_state;
+  return paragraph(proposal.reason) + paragraph(details, true);
+}
+
+std::string step_card(const std::string& number, const Step& step, const html::Screenshot& shot) {
+  const auto& p = step.proposal;
+  std::string out = "<section class=\"card\" id=\"step-" + number + "\"><h2>" + number + ". " +
+                    (p ? escaped(p->action) + " <small>" + escaped(action_target(*p)) + "</small>" : "no answer") +
+                    "</h2>";
+  out += p ? answer_text(*p) : paragraph("The mission ended before the model answered.");
+  out += html::figure(shot);
+  if (p) out += html::folded("Record", vision::text::to_json(vision::_observe_action_record(*p)));
+  return out + "</section>\n";
 }
 
 }  // namespace
 
-std::string render_report(const std::vector<ReportStep>& steps, const ReportSummary& summary) {
-  std::string out = "<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>" + html(summary.title) +
-                    "</title><style>" + style + "</style></head><body><main>\n<h1>" + html(summary.title) + "</h1>\n" +
-                    render_verdict(summary) + "\n";
-  for (std::size_t i = 0; i < steps.size(); ++i) out += render_step(i + 1, steps[i]);
-  return out + "</main></body></html>\n";
+std::string render_report(const MissionRun& run, const ModelChoice& model) {
+  std::vector<html::Frame> frames;
+  std::string cards;
+  for (const auto& step : run.steps) {
+    const std::string number = std::to_string(frames.size() + 1);
+    const auto shot = screenshot_of(number, step);
+    frames.push_back({shot, number + " " + (step.proposal ? step.proposal->action : "no answer"), "step-" + number});
+    cards += step_card(number, step, shot);
+  }
+  return html::page("Pinwall: share a board", overview(run, model) + html::film_strip("Steps", frames) + cards);
 }
 
 }  // namespace demo

@@ -4,15 +4,15 @@
 #include <array>
 
 #include "examples/local_model/find_text.hpp"
-#include "examples/local_model/mission.hpp"
+#include "examples/local_model/script.hpp"
 
 namespace local_model {
 namespace {
 
 using Kind = Instruction::Kind;
 
-// Two waits in a row at most: whoever runs the model takes a third identical
-// answer for a sign that nothing moves. The second is the longer one.
+// At most two waits in a row: the act loop takes a third identical answer as a sign
+// that nothing moves. The second one is longer.
 constexpr std::array<int, 2> wait_ms = {1500, 4000};
 constexpr int scroll_tries = 8;
 constexpr double scroll_step = 0.7;  // of the viewport, so that nothing is skipped
@@ -47,11 +47,11 @@ bool target_is_on_screen(Kind kind) {
   return kind != Kind::type && kind != Kind::press;
 }
 
-// One decision: the mission, how far it is, and what the picture shows.
+// One decision: the script, the progress, and what the picture shows.
 class Decision {
  public:
   Decision(std::string_view user_message, const Picture& picture)
-      : mission_(parse_mission(user_message)),
+      : script_(parse_script(user_message)),
         progress_(parse_progress(user_message)),
         picture_(picture),
         lines_(text_lines(picture)) {}
@@ -59,7 +59,7 @@ class Decision {
   Proposal make() const {
     if (auto stop = reason_to_stop()) return *stop;
     int done = progress_.done;
-    for (const auto& instruction : mission_.instructions) {
+    for (const auto& instruction : script_.instructions) {
       if (instruction.number <= done) continue;
       const auto match = target_is_on_screen(instruction.kind) ? find_text(lines_, instruction.quoted) : std::nullopt;
       const bool only_looks = instruction.kind == Kind::wait || instruction.kind == Kind::scroll_down ||
@@ -77,19 +77,19 @@ class Decision {
  private:
   std::optional<Proposal> reason_to_stop() const {
     for (const auto phrase : captcha_phrases) {
-      if (find_text(lines_, phrase)) return escalate("The screen asks to prove that a human is there.");
+      if (find_text(lines_, phrase)) return escalate("The screen asks for proof of a human.");
     }
-    for (const auto& guard : mission_.guards) {
+    for (const auto& guard : script_.guards) {
       const auto match = find_text(lines_, guard.quoted);
       if (!match) continue;
       const bool failure = guard.verdict == Guard::Verdict::declare_failure;
       return verdict(failure ? "declare_failure" : "escalate_to_cua", quote(guard.quoted) + " is visible.",
                      match->confidence);
     }
-    if (!mission_.not_understood.empty()) {
-      return escalate("This instruction has no form that the local model knows: " + mission_.not_understood);
+    if (!script_.not_understood.empty()) {
+      return escalate("The local model does not understand this instruction: " + script_.not_understood);
     }
-    if (mission_.instructions.empty()) return escalate("The task holds no numbered instructions.");
+    if (script_.instructions.empty()) return escalate("The task has no numbered instructions.");
     return std::nullopt;
   }
 
@@ -135,7 +135,7 @@ class Decision {
     proposal.text = instruction.quoted;
     proposal.reason = done_note(instruction.number) + "Type " + quote(instruction.quoted);
     proposal.confidence = sure_of_keyboard;
-    proposal.next_expected_state = quote(instruction.quoted) + " stands in the focused field.";
+    proposal.next_expected_state = quote(instruction.quoted) + " is in the focused field.";
     return proposal;
   }
 
@@ -149,7 +149,7 @@ class Decision {
     return proposal;
   }
 
-  // Every third try only waits, so that no three answers in a row are the same.
+  // Every third try only waits, so that no three answers in a row are identical.
   Proposal scroll(const Instruction& instruction, double step, int tries) const {
     if (tries >= scroll_tries) {
       return escalate(quote(instruction.quoted) + " did not come into view in " + std::to_string(tries) + " steps.");
@@ -166,8 +166,8 @@ class Decision {
 
   Proposal look_again(const Instruction& instruction, int tries) const {
     if (tries >= static_cast<int>(wait_ms.size())) {
-      return escalate(quote(instruction.quoted) + " is not to be seen, needed by instruction " +
-                      std::to_string(instruction.number) + ".");
+      return escalate(quote(instruction.quoted) + " is not visible, and instruction " +
+                      std::to_string(instruction.number) + " needs it.");
     }
     return wait(instruction, tries, wait_ms[static_cast<std::size_t>(std::max(tries, 0))]);
   }
@@ -192,14 +192,14 @@ class Decision {
   }
 
   std::string expectation_after(const Instruction& instruction) const {
-    for (const auto& next : mission_.instructions) {
+    for (const auto& next : script_.instructions) {
       if (next.number > instruction.number && target_is_on_screen(next.kind))
         return quote(next.quoted) + " is visible.";
     }
-    return "The page has taken the action.";
+    return "The page has reacted to the action.";
   }
 
-  Mission mission_;
+  Script script_;
   Progress progress_;
   const Picture& picture_;
   std::vector<TextLine> lines_;

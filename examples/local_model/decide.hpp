@@ -22,12 +22,11 @@ struct Proposal {
   std::optional<int> duration_ms;
 };
 
-/// Chooses the next action of the mission in `user_message` from what can be
-/// read in `picture`: the instruction after the last one that the model noted
-/// in its recent actions. A target that is not there is waited for twice, a
-/// target to scroll to is scrolled to in at most eight steps; then, and for a
-/// mission without instructions, with one that is not understood or before a
-/// captcha, the answer is escalate_to_cua. Pure.
+/// Chooses the next action of the script in `user_message` from what can be read in
+/// `picture`: the instruction after the last one that the model noted in its recent
+/// actions. It waits twice for a target that is not there, and scrolls for one in at
+/// most eight steps; after that, for a script without instructions or with one that
+/// it does not understand, and before a captcha, it answers escalate_to_cua. Pure.
 Proposal decide(std::string_view user_message, const Picture& picture);
 
 /// The members that `propose_action` takes.

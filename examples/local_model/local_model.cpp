@@ -8,7 +8,7 @@
 #include "examples/local_model/decide.hpp"
 #include "examples/local_model/ocr.hpp"
 #include "examples/local_model/request_check.hpp"
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/error_text.hpp"
 
 namespace local_model {
@@ -59,7 +59,7 @@ RequestFault invalid(const std::string& message) {
   return {400, "invalid_request_error", message};
 }
 
-// What must hold before the body is looked at.
+// Validates everything but the body.
 void check_head(const Request& request, const std::string& api_key) {
   const std::string target(request.target());
   const std::string path = target.substr(0, target.find('?'));

@@ -10,19 +10,19 @@
 
 /// A model without a hosted service: optical character recognition that follows
 /// numbered instructions. It exists so that everything else can be seen working
-/// without an API key; it understands nothing beyond the forms of mission.hpp.
+/// without an API key; it understands only the sentences that usage.txt lists.
 namespace local_model {
 
 /// The optional parameters of LocalModel.
 class LocalModelOptions {
  public:
   LocalModelOptions() {}
-  /// TCP port; 0, the default, takes a free one.
+  /// TCP port. Default 0: any free one.
   LocalModelOptions& port(std::uint16_t value) {
     port_ = value;
     return *this;
   }
-  /// The key that requests must carry. Default: any, but there must be one.
+  /// The key that requests must carry. Default: any key that is not empty.
   LocalModelOptions& api_key(std::string value) {
     api_key_ = std::move(value);
     return *this;
@@ -37,16 +37,16 @@ class LocalModelOptions {
 };
 
 /// Serves POST /v1/messages on 127.0.0.1, from construction to `stop` or
-/// destruction, on the executor it is given; reading pictures happens on threads
-/// of its own. It decides from the request alone, checks it as strictly as the
-/// hosted API and answers, errors included, in the vendor's shape. Any model name
-/// is accepted.
+/// destruction, on the executor it is given; it reads pictures on threads of its
+/// own. It decides from the request alone, validates it as strictly as the hosted
+/// API does, and answers, errors included, in the vendor's format. It accepts any
+/// model name.
 class LocalModel {
  public:
   /// Throws boost::system::system_error when it cannot listen, std::runtime_error
   /// when Tesseract's data is not installed.
   explicit LocalModel(const boost::asio::any_io_executor& executor, LocalModelOptions options = LocalModelOptions());
-  /// Waits for a picture that is being read. The executor's context must exist.
+  /// Blocks while a picture is being read. The executor's context must exist.
   ~LocalModel();
   LocalModel(const LocalModel&) = delete;
   LocalModel& operator=(const LocalModel&) = delete;

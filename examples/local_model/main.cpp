@@ -9,22 +9,18 @@
 #include "examples/local_model/local_model.hpp"
 #include "vision/text/internal/numbers.hpp"
 
+namespace local_model {
+extern const char* const usage;  // usage.txt
+}
+
 namespace {
 
-constexpr const char* usage =
-    "usage: vision-local-model [--port N] [--key KEY]\n"
-    "\n"
-    "Serves a Messages API on 127.0.0.1 that reads screenshots with optical\n"
-    "character recognition and follows numbered instructions.\n"
-    "  --port N   listen there; 0, the default, takes a free port\n"
-    "  --key KEY  accept this API key only; by default any\n";
-
-// What main ends with at once, or nothing.
+// Returns the exit status when the program is to end at once.
 std::optional<int> read_arguments(int argc, char** argv, local_model::LocalModelOptions& options) {
   for (int i = 1; i < argc; ++i) {
     const std::string name = argv[i];
-    if (name == "--help") {
-      std::fputs(usage, stdout);
+    if (name == "-h" || name == "--help") {
+      std::fputs(local_model::usage, stdout);
       return 0;
     }
     const char* value = i + 1 < argc ? argv[++i] : nullptr;
@@ -34,8 +30,8 @@ std::optional<int> read_arguments(int argc, char** argv, local_model::LocalModel
     } else if (name == "--key" && value != nullptr && *value != '\0') {
       options.api_key(value);
     } else {
-      std::fprintf(stderr, "vision-local-model: %s%s%s is not understood\n\n%s", name.c_str(), value ? " " : "",
-                   value ? value : "", usage);
+      std::fprintf(stderr, "vision-local-model: cannot understand \"%s%s%s\"; --help lists the options\n", name.c_str(),
+                   value ? " " : "", value ? value : "");
       return 2;
     }
   }

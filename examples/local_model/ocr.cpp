@@ -22,17 +22,18 @@ namespace {
 
 namespace asio = boost::asio;
 
-// Letters of 18 CSS pixels are read best at twice their size.
+// Tesseract reads letters of 18 CSS pixels best at twice their size.
 constexpr double working_width = 2560;
 constexpr double largest_enlargement = 2;
-// Wider than any stroke of a letter at working size, narrower than a button. Odd.
+// Wider than any stroke of a letter at working size, narrower than a button; odd, as
+// Leptonica requires.
 constexpr int stroke_window = 43;
-// Below this the engine guesses at things that are no letters.
+// Below this the engine is guessing at shapes that are not letters.
 constexpr double min_confidence = 0.3;
-// Light letters are believed only when they read clearly: the same filter turns
-// the gaps between dark letters into shapes, too.
+// Light letters must be clear: the same filter also turns the gaps between dark
+// letters into shapes.
 constexpr double min_light_confidence = 0.75;
-// From here on a word is taken as read.
+// From here on a word needs no second reading.
 constexpr double sure = 0.8;
 
 struct PixDestroyer {
@@ -56,8 +57,8 @@ std::unique_ptr<Engine> make_engine() {
 }
 
 // Tesseract splits small loops among OpenMP threads, which makes it several times
-// slower on a busy machine. Its run time has no header here, and another one may
-// be linked, hence the look-up by name. Holds for the calling thread.
+// slower on a busy machine. The OpenMP run time has no header here, and another one
+// may be linked, hence the lookup by name. Affects the calling thread only.
 void switch_off_openmp() {
   using Setter = void (*)(int);
   if (const auto set = reinterpret_cast<Setter>(dlsym(RTLD_DEFAULT, "omp_set_max_active_levels"))) set(0);
@@ -73,7 +74,7 @@ PixPtr decode(std::string_view bytes) {
   return checked(pixReadMem(reinterpret_cast<const l_uint8*>(bytes.data()), bytes.size()));
 }
 
-// Thin dark strokes, black on white, whatever the ground's colour.
+// Thin dark strokes, black on white, whatever the background's colour.
 PixPtr dark_strokes(Pix* gray, int window) {
   const PixPtr ground = checked(pixCloseGray(gray, window, window));
   const PixPtr strokes = checked(pixSubtractGray(nullptr, ground.get(), gray));
@@ -87,8 +88,8 @@ PixPtr light_strokes(Pix* gray, int window) {
   return checked(pixInvert(nullptr, strokes.get()));
 }
 
-// Buttons and faces are sometimes read as one or two huge letters, and with
-// confidence. Real letters are at most a little wider than high.
+// Tesseract sometimes reads buttons and faces as one or two huge letters, with high
+// confidence. Real letters are at most slightly wider than they are high.
 double plausibility(const Word& word) {
   std::size_t letters = 0;
   for (std::string_view rest = word.text; !rest.empty(); ++letters) {
@@ -98,8 +99,8 @@ double plausibility(const Word& word) {
   return std::min(1.0, 1.3 * word.box.height() / std::max(letter_width, 1.0));
 }
 
-// A button is sometimes read as one sign, and with confidence: "=" for two edges.
-// Nobody is asked to find a sign, so nothing is lost with it.
+// Tesseract sometimes reads a button as a single sign with high confidence: "=" for
+// two edges. No instruction searches for a sign, so dropping them loses nothing.
 bool has_letter_or_digit(std::string_view text) {
   return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c >= 0x80 || std::isalnum(c); });
 }
@@ -131,8 +132,8 @@ bool overlap(const Box& a, const Box& b) {
   return a.left < b.right && b.left < a.right && a.top < b.bottom && b.top < a.bottom;
 }
 
-// Adds what a further reading has found; where both claim a place the clearly
-// surer one stays.
+// Adds the words of a further pass. Where both passes claim a place, the earlier one
+// wins unless the new one is clearly more confident.
 void merge(std::vector<Word>& words, std::vector<Word> more, double least_confidence) {
   constexpr double clearly = 0.1;
   for (auto& word : more) {
@@ -155,8 +156,8 @@ PixPtr resized(Pix* gray, double scale) {
   return checked(pixScale(gray, static_cast<float>(scale), static_cast<float>(scale)));
 }
 
-// Whites out what has been read already: between dark letters there are light
-// shapes, which lead the search for lines of light letters astray.
+// Paints over the words that have been read: the light shapes between dark letters
+// would mislead the search for lines of light letters.
 void hide(Pix* pix, const std::vector<Word>& words, double scale) {
   for (const auto& word : words) {
     if (word.confidence < sure) continue;
@@ -169,8 +170,8 @@ void hide(Pix* pix, const std::vector<Word>& words, double scale) {
   }
 }
 
-// Dark letters, then light ones, each also at half the size, where the engine
-// manages the few large ones that it stumbles over.
+// Reads dark letters, then light ones, both also at half the size, where the engine
+// recognizes the few large letters that it otherwise misses.
 Picture read_picture(Engine& engine, std::string_view bytes) {
   const PixPtr image = decode(bytes);
   Picture picture;
@@ -195,7 +196,7 @@ Picture read_picture(Engine& engine, std::string_view bytes) {
 }  // namespace
 
 ImageHeader image_header(std::string_view bytes) {
-  setMsgSeverity(L_SEVERITY_NONE);  // Leptonica would write to stderr what is thrown here
+  setMsgSeverity(L_SEVERITY_NONE);  // what it would print is thrown below
   l_int32 format = IFF_UNKNOWN, width = 0, height = 0, bits = 0, samples = 0, colormap = 0;
   const bool failed = pixReadHeaderMem(reinterpret_cast<const l_uint8*>(bytes.data()), bytes.size(), &format, &width,
                                        &height, &bits, &samples, &colormap) != 0;
@@ -204,14 +205,14 @@ ImageHeader image_header(std::string_view bytes) {
   if (format == IFF_JFIF_JPEG) header.media_type = "image/jpeg";
   if (format == IFF_GIF) header.media_type = "image/gif";
   if (format == IFF_WEBP) header.media_type = "image/webp";
-  if (failed || header.media_type.empty() || width < 1 || height < 1) throw BadImage("the data is no image");
+  if (failed || header.media_type.empty() || width < 1 || height < 1) throw BadImage("the data is not an image");
   header.width = width;
   header.height = height;
   return header;
 }
 
 struct Ocr::Engines {
-  // An engine for the time of one picture.
+  // Borrows an engine for one picture.
   class Loan {
    public:
     explicit Loan(Engines& owner) : owner_(owner), engine_(owner.take()) {}
@@ -245,8 +246,8 @@ struct Ocr::Engines {
   asio::thread_pool pool;
 };
 
-// Owned by the thread that reads and by the coroutine that waits, which may
-// leave early.
+// Owned by the thread that reads and by the coroutine that waits: whichever ends
+// last destroys it.
 struct Ocr::Job {
   Job(const asio::any_io_executor& executor, std::string bytes) : done(executor), image(std::move(bytes)) {}
 

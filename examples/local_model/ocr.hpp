@@ -17,32 +17,32 @@ class BadImage : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// What the first bytes of an image say of it.
+/// What the first bytes of an image say about it.
 struct ImageHeader {
-  std::string media_type;  ///< "image/png", "image/jpeg", "image/gif", "image/webp"; empty for anything else
+  std::string media_type;  ///< "image/png", "image/jpeg", "image/gif", "image/webp"
   int width = 0;
   int height = 0;
 };
 
-/// Reads the header only. Throws BadImage for what is no image of these kinds.
+/// Reads only the header. Throws BadImage for data that is not an image of these types.
 ImageHeader image_header(std::string_view bytes);
 
-/// Reads the words in pictures with Tesseract, on threads of its own, one
-/// engine per thread, kept for the next picture.
+/// Reads the words in pictures with Tesseract, on threads of its own. Every thread
+/// has an engine, which is kept for the next picture.
 class Ocr {
  public:
-  /// `threads` pictures are read at once. Throws std::runtime_error when
+  /// Up to `threads` pictures are read at once. Throws std::runtime_error when
   /// Tesseract's English data is not installed.
   explicit Ocr(std::size_t threads = 2);
-  /// Waits for the pictures being read. The event loops whose coroutines wait
-  /// for one must still exist.
+  /// Blocks while pictures are being read. The event loops whose coroutines wait for
+  /// one must still exist.
   ~Ocr();
   Ocr(const Ocr&) = delete;
   Ocr& operator=(const Ocr&) = delete;
 
-  /// The words in an image file (PNG, JPEG, GIF or WebP). Dark and light
-  /// letters are both read. Throws BadImage. Terminal cancellation ends the wait
-  /// at once.
+  /// Returns the words in an image file (PNG, JPEG, GIF or WebP), in dark and in
+  /// light letters. Throws BadImage. Terminal cancellation ends the wait at once; the
+  /// picture is still read to the end.
   boost::asio::awaitable<Picture> read(std::string image);
 
  private:

@@ -10,9 +10,9 @@ bool same_row(const Box& a, const Box& b) {
   return overlap > 0.5 * std::min(a.height(), b.height());
 }
 
-// Readers see blanks that are not there. A real one is a third of the height of
-// the words around it or more; between the letters of a word it is a fifth. What
-// differs much in height is no part of the same word, but a sign beside it.
+// The reader sees blanks that are not there. A real blank is at least a third as wide
+// as its neighbours are high; the gap between letters of a word is a fifth. Two parts
+// of very different height are not one word but a word beside an icon.
 bool is_split(const Box& left, const Box& right) {
   const auto [low, high] = std::minmax({left.height(), right.height()});
   return right.left - left.right < 0.27 * high && high < 1.8 * low;

@@ -18,26 +18,25 @@ struct Box {
 /// The smallest rectangle around both.
 Box around(const Box& a, const Box& b) noexcept;
 
-/// A word that was read in a picture.
+/// A word in a picture.
 struct Word {
   std::string text;  ///< UTF-8, not empty
   Box box;
-  double confidence = 0;  ///< of the reader in this word, 0 to 1
+  double confidence = 0;  ///< of the reader, 0 to 1
 };
 
-/// All that is known of a screenshot once it has been read.
+/// The content of a screenshot.
 struct Picture {
   int width = 0;
   int height = 0;
   std::vector<Word> words;
 };
 
-/// Words side by side, from left to right, with no gap wider than a column
-/// would have.
+/// Words side by side, from left to right, without a gap as wide as between columns.
 using TextLine = std::vector<Word>;
 
-/// The words as lines, from top to bottom. Words too close to have a blank between
-/// them become one.
+/// The words as lines, from top to bottom. Words too close together to have a blank
+/// between them are merged.
 std::vector<TextLine> text_lines(const Picture& picture);
 
 /// The words with one blank between them.

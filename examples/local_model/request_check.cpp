@@ -78,7 +78,7 @@ class Check {
     if (value.is_int64() && value.get_int64() < 1) refuse("max_tokens", "Input should be greater than or equal to 1");
   }
 
-  // A text, or a list of blocks. Images stand only in messages.
+  // A text, or a list of blocks. Only messages may contain images.
   void check_text_or_blocks(const json::value& value, const std::string& path, bool in_message = false) {
     if (value.is_string()) {
       add_text(value.get_string(), path, in_message);

@@ -7,7 +7,7 @@
 
 namespace local_model {
 
-/// A request that is refused, in the vendor's terms.
+/// The refusal of a request, in the vendor's terms.
 class RequestFault : public std::runtime_error {
  public:
   RequestFault(int status, std::string type, const std::string& message)
@@ -20,20 +20,20 @@ class RequestFault : public std::runtime_error {
   std::string type_;
 };
 
-/// What the model needs of a request that passed the check.
+/// The parts of a valid request that the model uses.
 struct CheckedRequest {
   std::string model;
   std::string tool;              ///< name of the tool that the answer must call
   std::string text;              ///< all text of the last message
   std::string image;             ///< the last message's last image, decoded; empty when there is none
-  std::size_t input_tokens = 0;  ///< a plausible count
+  std::size_t input_tokens = 0;  ///< an estimate
 };
 
-/// Checks the body of a Messages API request as the hosted API would: JSON,
+/// Validates the body of a Messages API request as the hosted API does: JSON,
 /// known members only, required members and their types, roles, content blocks,
-/// tools, tool choice, thinking, images (encoding, media type, limits). On top
-/// of that this model asks for what it depends on: a forced tool, no streaming.
-/// Throws RequestFault.
+/// tools, tool choice, thinking, images (encoding, media type, limits). It also
+/// requires what this model depends on: a forced tool and no streaming. Throws
+/// RequestFault.
 CheckedRequest check_request(std::string_view body);
 
 }  // namespace local_model

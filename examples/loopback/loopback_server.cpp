@@ -14,7 +14,7 @@
 #include <chrono>
 #include <list>
 
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 
 namespace loopback {
 namespace {
@@ -30,7 +30,7 @@ Response plain_refusal(http::status status) {
 }
 
 // Closing a socket with unread input resets the connection, and the client would
-// lose the response that says why. So what it still sends is read and dropped.
+// lose the response that says why. So the rest of its input is read and discarded.
 asio::awaitable<void> drain(tcp::socket& socket) {
   error_code ignored;
   socket.shutdown(tcp::socket::shutdown_send, ignored);
@@ -69,7 +69,7 @@ struct LoopbackServer::State : std::enable_shared_from_this<State> {
   static asio::awaitable<void> accept(std::shared_ptr<State> self) {
     while (self->acceptor.is_open()) {
       auto [error, socket] = co_await self->acceptor.async_accept(no_throw);
-      if (error) {  // for example out of descriptors: do not spin
+      if (error) {  // for example no descriptors left: do not spin
         co_await vision::runtime::sleep_for(std::chrono::milliseconds(50));
         continue;
       }
@@ -98,7 +98,7 @@ struct LoopbackServer::State : std::enable_shared_from_this<State> {
         response.keep_alive(false);
       } else {
         const Request request = parser.release();
-        auto outcome = co_await vision::runtime::settle(self->handler(request));
+        auto outcome = co_await vision::runtime::try_await(self->handler(request));
         response = outcome.has_value() ? std::move(outcome.value()) : self->refuse(http::status::internal_server_error);
         response.keep_alive(request.keep_alive());
       }
@@ -107,7 +107,7 @@ struct LoopbackServer::State : std::enable_shared_from_this<State> {
       const auto [write_error, size] = co_await http::async_write(connection->socket, response, no_throw);
       if (write_error) co_return;
     }
-    co_await vision::runtime::with_deadline(vision::runtime::done(drain(connection->socket)), std::chrono::seconds(5));
+    co_await vision::runtime::with_deadline(drain(connection->socket), std::chrono::seconds(5));
   }
 
   static asio::awaitable<error_code> read(tcp::socket& socket, boost::beast::flat_buffer& buffer,
@@ -115,8 +115,8 @@ struct LoopbackServer::State : std::enable_shared_from_this<State> {
     const auto [header_error, header_size] = co_await http::async_read_header(socket, buffer, parser, no_throw);
     if (header_error) co_return header_error;
     if (boost::beast::iequals(parser.get()[http::field::expect], "100-continue")) {
-      http::response<http::empty_body> go_on(http::status::continue_, 11);
-      const auto [error, size] = co_await http::async_write(socket, go_on, no_throw);
+      http::response<http::empty_body> continuation(http::status::continue_, 11);
+      const auto [error, size] = co_await http::async_write(socket, continuation, no_throw);
       if (error) co_return error;
     }
     const auto [error, size] = co_await http::async_read(socket, buffer, parser, no_throw);

@@ -15,23 +15,22 @@ namespace loopback {
 using Request = boost::beast::http::request<boost::beast::http::string_body>;
 using Response = boost::beast::http::response<boost::beast::http::string_body>;
 
-/// What a server does with a request. What it throws becomes the refusal of
-/// status 500. It must own all that it uses: a request may outlive the server
-/// object by a moment.
+/// Answers a request. An exception becomes the refusal with status 500. A handler
+/// must own everything that it uses: a request can briefly outlive the server object.
 using Handler = std::function<boost::asio::awaitable<Response>(const Request&)>;
 
-/// The response to what never reaches the handler: 400 for what is not HTTP, 413
-/// for a body above the limit, 500 for a handler that failed.
+/// The response to a request that the handler does not answer: 400 when it is not
+/// HTTP, 413 when its body exceeds the limit, 500 when the handler failed.
 using Refusal = std::function<Response(boost::beast::http::status status)>;
 
-/// A response with a body of that type; the server fills in the rest.
+/// A response with a body of that content type; the server adds the other headers.
 Response make_response(boost::beast::http::status status, const char* content_type, std::string body);
 
 /// The optional parameters of LoopbackServer.
 class ServerOptions {
  public:
   ServerOptions() {}
-  /// TCP port; 0, the default, takes a free one.
+  /// TCP port. Default 0: any free one.
   ServerOptions& port(std::uint16_t value) {
     port_ = value;
     return *this;
@@ -57,9 +56,9 @@ class ServerOptions {
   Refusal refusal_;
 };
 
-/// A small HTTP/1.1 server on 127.0.0.1, with kept-alive connections. It serves
-/// on the executor it is given, from construction to `stop`; it belongs to that
-/// executor's one thread.
+/// A small HTTP/1.1 server on 127.0.0.1 that keeps connections alive. It serves on
+/// the executor it is given, from construction to `stop`. Not thread-safe: use it on
+/// the thread that runs the executor.
 class LoopbackServer {
  public:
   /// Throws boost::system::system_error, naming the port, when it cannot listen.
@@ -72,8 +71,8 @@ class LoopbackServer {
   std::uint16_t port() const noexcept { return port_; }
   /// "http://127.0.0.1:" and the port.
   std::string base_url() const;
-  /// Closes the listening socket and every connection and cancels the requests
-  /// in progress. May be called more than once.
+  /// Closes the listening socket and every connection, and cancels the requests in
+  /// progress. Idempotent.
   void stop();
 
  private:

@@ -10,8 +10,8 @@
 
 namespace asio = boost::asio;
 
-// Written for last month's page. A step must stand a second run after a partial
-// first one: this one clicks only while the board is not shared yet.
+// Written for last month's page. A step must be safe to run again after a partial
+// first run: this one clicks only while the board is not shared yet.
 asio::awaitable<std::string> share(vision::BrowserPage& page) {
   const auto title = co_await page.evaluate("document.title");
   if (title != "Shared") {
@@ -36,10 +36,11 @@ asio::awaitable<void> share_the_board(std::shared_ptr<vision::chromium::Chromium
     return run_computer_use_agent(reason);
   };
   const auto outcome = co_await vision::with_vision_fallback(*page, std::move(step), options, std::move(agent));
-  switch (outcome.index()) {
-    case 0: std::cout << "the step: " << std::get<0>(outcome) << "\n"; break;
-    case 1: std::cout << "vision: " << std::get<1>(outcome).reason << "\n"; break;
-    default: std::cout << "the agent: " << std::get<2>(outcome) << "\n";
+  switch (outcome.way()) {
+    case vision::FallbackWay::step:
+    case vision::FallbackWay::rescued: std::cout << "the step: " << outcome.step() << "\n"; break;
+    case vision::FallbackWay::verdict: std::cout << "vision: " << outcome.verdict().reason << "\n"; break;
+    case vision::FallbackWay::agent: std::cout << "the agent: " << outcome.agent() << "\n"; break;
   }
 }
 

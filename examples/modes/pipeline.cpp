@@ -36,8 +36,8 @@ asio::awaitable<std::string> share(vision::BrowserPage& page, std::string run_id
       return computer_use_agent(on);
     };
     const auto outcome = co_await vision::with_vision_fallback(page, std::move(step), options, std::move(rescue));
-    if (outcome.index() == 0) co_return std::get<0>(outcome);
-    co_return outcome.index() == 1 ? std::get<1>(outcome).reason : std::get<2>(outcome);
+    if (outcome.way() == vision::FallbackWay::verdict) co_return outcome.verdict().reason;
+    co_return outcome.way() == vision::FallbackWay::agent ? outcome.agent() : outcome.step();
   }
   std::string failure;
   try {

@@ -5,6 +5,7 @@
 #include <exception>
 #include <iostream>
 
+#include "examples/models.hpp"
 #include "vision/vision.hpp"
 
 namespace stage {
@@ -36,7 +37,8 @@ asio::awaitable<void> reset(vision::chromium::ChromiumPage& page) {
 }
 
 int run(Example example) {
-  vision::set_model_registry(std::make_shared<vision::StaticModelRegistry>("claude-haiku-4-5", "claude-opus-4-6"));
+  using vision::StaticModelRegistry;
+  vision::set_model_registry(std::make_shared<StaticModelRegistry>(examples::light_model, examples::heavy_model));
   try {
     asio::io_context io;
     const auto stop_model = serve_model(io);

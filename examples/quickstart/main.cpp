@@ -2,6 +2,7 @@
 #include <iostream>
 
 #include "chromium/browser.hpp"
+#include "examples/models.hpp"
 #include "vision/vision.hpp"
 
 namespace asio = boost::asio;
@@ -23,7 +24,8 @@ asio::awaitable<void> ask_about(std::string url) {
 }
 
 int main(int argc, char** argv) {
-  vision::set_model_registry(std::make_shared<vision::StaticModelRegistry>("claude-haiku-4-5", "claude-opus-4-6"));
+  using vision::StaticModelRegistry;
+  vision::set_model_registry(std::make_shared<StaticModelRegistry>(examples::light_model, examples::heavy_model));
   asio::io_context io;
   std::exception_ptr failure;
   asio::co_spawn(io, ask_about(argc > 1 ? argv[1] : "https://example.org"), [&](std::exception_ptr e) { failure = e; });

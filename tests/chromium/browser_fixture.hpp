@@ -3,11 +3,13 @@
 #include <gmock/gmock.h>
 
 #include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
 #include "chromium/browser.hpp"
 #include "tests/support/environment.hpp"
 #include "tests/support/running.hpp"
+#include "tests/support/scripted.hpp"
 #include "vision/text/internal/base64.hpp"
 #include "vision/text/internal/json_text.hpp"
 #include "vision/wirein/act_loop.hpp"
@@ -21,8 +23,7 @@ using std::chrono::milliseconds;
 inline const std::string closed = "PageClosedError: Target page, context or browser has been closed";
 inline const std::string for_ever = "started = true, new Promise(() => {})";
 
-/// Where operations run. A test may put a loop of its own in its place, with its own
-/// way to take a turn.
+/// Where operations run. A test may replace the loop, and how it takes a turn.
 inline asio::io_context* current_loop = nullptr;
 inline asio::io_context& loop() {
   static asio::io_context context;
@@ -56,7 +57,7 @@ inline std::string value_of(ChromiumPage& page, const std::string& expression) {
   return text::to_json(run(page.evaluate(expression)));
 }
 
-/// Something that the browser never answers, and has begun.
+/// An evaluation that has begun and never completes.
 class Pending : public Running<json::value> {
  public:
   explicit Pending(ChromiumPage& page) : Running(page.evaluate(for_ever)) {
@@ -64,7 +65,7 @@ class Pending : public Running<json::value> {
   }
 };
 
-/// Ids of the live processes whose command line has `text` in it.
+/// Ids of the live processes whose command line contains `text`.
 inline std::vector<pid_t> processes_with(const std::string& text) {
   std::vector<pid_t> out;
   for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
@@ -76,8 +77,8 @@ inline std::vector<pid_t> processes_with(const std::string& text) {
   return out;
 }
 
-/// The browser's own process. Its helpers have a type, and its crash handlers no
-/// pipe; either may have the lower number, when numbers begin anew.
+/// The id of the browser's main process. Its helpers have a type, and its crash handlers
+/// no pipe; process ids do not tell, because they start over.
 inline pid_t main_process(const std::string& profiles) {
   for (const pid_t id : processes_with(profiles)) {
     const auto line = vision::test::read_file("/proc/" + std::to_string(id) + "/cmdline");
@@ -87,13 +88,44 @@ inline pid_t main_process(const std::string& profiles) {
   throw std::runtime_error("no browser runs in " + profiles);
 }
 
-/// Runs a mission and gives its verdict as "action: reason".
+/// Runs a mission and returns its verdict as "action: reason".
 inline asio::awaitable<std::string> verdict_of(BrowserPage& page, ActLoopOptions mission) {
   const ActionResult verdict = co_await act_loop(page, std::move(mission));
   co_return verdict.action + ": " + verdict.reason;
 }
 
-/// A directory of its own for the profiles of the browsers of a test.
+/// A real browser with time limits in virtual time: the pauses between the steps of a
+/// mission pass at once, a limit only once it is known that nothing else can come.
+class VirtualTimeLoop : vision::test::VirtualLoop {
+ public:
+  VirtualTimeLoop() : begins_(io, {asio::ip::address_v4::loopback(), 0}) {
+    begins_.async_accept([this](boost::system::error_code, asio::ip::tcp::socket) { hangs = true; });
+    current_loop = &io;
+    test::take_turn = [this] {
+      io.restart();
+      const bool busy = io.poll_one() > 0;
+      if (hangs && time->advance()) return;
+      const bool pause = pauses_pass && time->until_next() < milliseconds(2500);
+      if (!busy && !(pause && time->advance())) io.run_one();
+    };
+  }
+  ~VirtualTimeLoop() {
+    current_loop = nullptr;
+    test::take_turn = [] { loop().run_one(); };
+  }
+
+  /// A page's statement after which `hangs` is set: what follows it goes on for ever.
+  std::string tell() const {
+    return "fetch('http://127.0.0.1:" + std::to_string(begins_.local_endpoint().port()) + "', {mode: 'no-cors'}); ";
+  }
+
+  bool hangs = false, pauses_pass = true;
+
+ private:
+  asio::ip::tcp::acceptor begins_;
+};
+
+/// The directory for the profiles of a test's browsers.
 class ProfilesHere {
  public:
   ProfilesHere() : variable_("TMPDIR", directory_.path().string()) {}
@@ -105,7 +137,7 @@ class ProfilesHere {
   vision::test::ScopedEnv variable_;
 };
 
-/// One browser for the tests of a suite, a new page for each.
+/// One browser for all tests of a suite, and a new page for each test.
 class PageTest : public testing::Test {
  protected:
   static void SetUpTestSuite() { browser_ = run(launch()); }

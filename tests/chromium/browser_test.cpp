@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/local/connect_pair.hpp>
 #include <boost/asio/write.hpp>
 
@@ -23,51 +22,50 @@ TEST(Connection, TakesWhateverAPeerSends) {
                                      std::chrono::minutes(5));
   auto session = connection->session("");
   const auto send = [&](const std::string& text) { asio::write(peer, asio::buffer(text.data(), text.size() + 1)); };
-  EXPECT_EQ(error_of(session->call("A.b", {}, milliseconds(20))), "TimeoutError: A.b: Timeout 20ms exceeded");
+  EXPECT_EQ(error_of(session->command("A.b", {}, milliseconds(20))), "TimeoutError: A.b: Timeout 20ms exceeded");
   for (const char* noise : {R"({"id":1,"result":{"too":"late"}})", "rubbish", "", "[]", R"({"id":"x"})", R"({"id":-1})",
                             R"({"method":5,"params":[]})", R"({"method":"Page.x","sessionId":"none"})"}) {
     send(noise);
   }
-  const std::string deep = R"({"id":5,"result":)" + std::string(300, '[') + std::string(300, ']') + "}";
   std::string crowded = R"({"id":6,"result":{"":0)";
   for (int i = 0; i < 1000; ++i) crowded += ",\"\":0";
   const std::pair<std::string, std::string> cases[] = {
       {R"({"id":2,"result":{"v":"\ud800"}})", R"({"v": "\ufffd"})"},
       {R"({"id":3,"error":{"code":-32601,"message":"no such thing"}})", "ProtocolError: C.d: no such thing (-32601)"},
-      {R"({"id":4})", "BrowserError: C.d: the browser's answer has no result"},
-      {deep, "BrowserError: unreadable message from the browser: too deep"},
-      {crowded + "}}", "BrowserError: the browser sent an object of more than 1000 members"},
+      {R"({"id":4})", "BrowserError: C.d: the browser's reply has no result"},
+      {R"({"id":5,"result":)", "BrowserError: unreadable message from the browser: incomplete JSON"},
+      {crowded + "}}", "BrowserError: the browser sent an object with more than 1000 members"},
       {R"({"id":7,"error":{"code":-32001,"message":"Session not found"}})", closed},
   };
   for (const auto& [answer, expected] : cases) {
-    Running<json::object> call(session->call("C.d"));
+    Running<json::object> call(session->command("C.d"));
     send(answer);
     const std::string error = call.error();
     EXPECT_EQ(error == "no error" ? text::to_json(call.get()) : error, expected);
   }
-  const std::string malformed = "BrowserError: the browser's picture is not base64 text";
+  const std::string malformed = "BrowserError: the browser's picture is not valid base64";
   const std::pair<std::string, std::string> pictures[] = {
       {R"({"id":8,"result":{"data":"UE5H"}})", "PNG"},
       {R"({"id": 9, "result": {"data": "UE4="}})", "PN"},
       {R"({"id":10,"result":{"data":"UE5H","more":1}})", "PNG"},
       {R"({"id":11,"result":{"data":"UE5"}})", malformed},
       {R"({"id":12,"result":{"data":"UE5*"}})", malformed},
-      {R"({"id":13})", "BrowserError: E.f: the browser's answer has no result"},
+      {R"({"id":13})", "BrowserError: E.f: the browser's reply has no result"},
   };
   for (const auto& [answer, expected] : pictures) {
-    Running<Bytes> call(session->call_for_picture("E.f", {}));
+    Running<Bytes> call(session->command_for_picture("E.f", {}));
     send(answer);
     const std::string error = call.error();
     EXPECT_EQ(error == "no error" ? call.get().view() : error, expected);
   }
-  Running<json::object> last(session->call("C.d"));
+  Running<json::object> last(session->command("C.d"));
   peer.close();
   EXPECT_EQ(last.error(), closed + " (the browser has exited or ended the connection)");
 }
 
 class Failures : public PageTest {};
 
-TEST_F(Failures, AClosedPageFailsWhatIsUnderWay) {
+TEST_F(Failures, AClosedPageFailsPendingOperations) {
   Pending pending(*page_);
   run(page_->close());
   EXPECT_EQ(pending.error(), closed);
@@ -78,7 +76,7 @@ TEST_F(Failures, AClosedPageFailsWhatIsUnderWay) {
   EXPECT_EQ(error_of(other->evaluate("window.close(), new Promise(() => {})")), closed);
 }
 
-TEST_F(Failures, ACrashFailsWhatIsUnderWayAndANavigationHeals) {
+TEST_F(Failures, ACrashFailsPendingOperationsUntilANavigation) {
   Pending pending(*page_);
   Running<void> crash(page_->navigate("chrome://crash"));
   EXPECT_EQ(pending.error(), "PageCrashedError: Page crashed");
@@ -114,8 +112,8 @@ TEST_F(Failures, NavigationErrorsNameTheUrl) {
   open("<script>location.href = '" + page_url("<title>second</title>") + "'</script>");
 }
 
-// A browser of ours is reached by its pipe alone, does not know our key, and goes
-// with its files.
+// A launched browser can be reached only through its pipe, does not know the key, and
+// leaves no files.
 TEST(Launch, OpensNoPortHandsOnNoKeyAndLeavesNothingBehind) {
   const vision::test::ScopedEnv key("ANTHROPIC_API_KEY", "sk-canary-0123456789");
   for (const std::string how : {"closing", "destroying", "cancelling"}) {
@@ -156,12 +154,12 @@ TEST(Launch, LeavesNothingBehindWhenThisProgramIsKilled) {
   int status = 0;
   ::waitpid(child, &status, 0);
   EXPECT_TRUE(WIFSIGNALED(status));
-  while (!profiles.empty()) ::sched_yield();  // nobody is left who could tell
+  while (!profiles.empty()) ::sched_yield();  // no process is left that could report it
 }
 
-// Process numbers are used again. The host goes while the supervisor removes the
-// profile of a browser that is no more, whose number is somebody else's by then.
-TEST(Launch, KillsNobodyElseAfterTheBrowser) {
+// Process numbers are reused. The host goes while the supervisor removes the profile of
+// a browser that has exited, whose number belongs to another process by then.
+TEST(Launch, KillsNoOtherProcessAfterTheBrowser) {
   const vision::test::ScratchDirectory programs;
   const ProfilesHere profiles;
   const std::string removes = programs.path() / "rm", begun = programs.path() / "begun";
@@ -173,7 +171,7 @@ TEST(Launch, KillsNobodyElseAfterTheBrowser) {
   auto browser = run(launch());
   pid_t number = main_process(profiles.path());
   ::kill(number, SIGKILL);
-  std::ofstream rest(begun);  // waits for the removal to begin
+  std::ofstream rest(begun);  // blocks until the removal has begun
   clone_args heir{};
   heir.exit_signal = SIGCHLD;
   heir.set_tid = reinterpret_cast<std::uintptr_t>(&number);
@@ -183,7 +181,7 @@ TEST(Launch, KillsNobodyElseAfterTheBrowser) {
   rest << std::endl;
   browser.reset();
   EXPECT_TRUE(processes_with(profiles.path()).empty());
-  if (child < 0) return static_cast<void>(std::printf("not tried, for want of rights or the number: %d\n", number));
+  if (child < 0) return static_cast<void>(std::printf("skipped: no permission, or the number is taken: %d\n", number));
   int status = 0;
   ::kill(child, SIGTERM);
   ::waitpid(child, &status, 0);
@@ -211,14 +209,14 @@ TEST(Launch, SaysWhatIsWrongWithTheBrowser) {
   const std::string none = "BrowserError: no browser to launch: ";
   for (const auto& [executable, expected] : {
            std::pair<std::string, std::string>("/no/browser", none + "/no/browser is missing or not executable"),
-           {"no-browser", none + "there is no \"no-browser\" on PATH"},
+           {"no-browser", none + "\"no-browser\" is not on PATH"},
            {"/bin/ls", "BrowserError: the browser /bin/ls did not start: Target page"},
        }) {
     LaunchOptions options;
     options.executable(executable);
     const std::string error = error_of(launch(options));
     EXPECT_THAT(error, testing::StartsWith(expected));
-    EXPECT_EQ(error.find("unrecognized option") != error.npos, executable == "/bin/ls");  // its last words
+    EXPECT_EQ(error.find("unrecognized option") != error.npos, executable == "/bin/ls");  // from its standard error
   }
   EXPECT_TRUE(profiles.empty());
 }

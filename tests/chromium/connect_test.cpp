@@ -1,17 +1,13 @@
-#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/strand.hpp>
 
-#include "chromium/protocol/endpoint.hpp"
+#include "chromium/protocol/websocket_transport.hpp"
 #include "tests/chromium/browser_fixture.hpp"
 #include "tests/http/scripted_server.hpp"
-#include "tests/support/scripted.hpp"
 
 namespace vision::chromium::test {
 namespace {
 
-using vision::test::proposal;
-using vision::test::ScriptedModel;
-
-TEST(Endpoint, TakesUrlsApartAndRefusesOthers) {
+TEST(DevToolsUrl, IsParsedOrRefused) {
   const std::pair<const char*, const char*> rows[] = {
       {"http://127.0.0.1:9222", "http 127.0.0.1 9222 / loopback"},
       {"http://[::1]:9222", "http ::1 9222 / loopback"},
@@ -19,16 +15,15 @@ TEST(Endpoint, TakesUrlsApartAndRefusesOthers) {
       {"http://localhost.example:9222", "http localhost.example 9222 / elsewhere"},
       {"https://127.0.0.1:9222", "only http and ws are supported"},
       {"ws://127.0.0.1:9222/devtools/page/a",
-       "not the browser's own URL (ws://host:port/devtools/browser/...); a page is reached with attach()"},
-      {"http://h\r\nX: y:80", "the host has a character that a host's name cannot have"},
-      {"http://localhost@10.0.0.1:9222", "the host has a character that a host's name cannot have"},
-      {"http://127.0.0.1", "no port given"},
+       "not the browser's own URL (ws://host:port/devtools/browser/...); use attach() to reach a page"},
+      {"http://localhost@10.0.0.1:9222", "the host contains a character that is not allowed in a host name"},
+      {"http://127.0.0.1", "the port is missing"},
       {"http://127.0.0.1:65536", "the port is not a number from 1 to 65535"},
   };
   for (const auto& [url, expected] : rows) {
     std::string got;
     try {
-      const Endpoint e = parse_endpoint(url);
+      const DevToolsUrl e = parse_devtools_url(url);
       got = e.scheme + " " + e.host + " " + e.port + " " + e.path + (is_loopback(e.host) ? " loopback" : " elsewhere");
     } catch (const std::invalid_argument& error) {
       got = error.what();
@@ -38,8 +33,7 @@ TEST(Endpoint, TakesUrlsApartAndRefusesOthers) {
   }
 }
 
-// A browser with an open port and a page in it, started here and used by somebody
-// else, too.
+// A browser with an open port and a page in it, started here and also used by others.
 class Connect : public testing::Test {
  protected:
   void SetUp() override {
@@ -67,14 +61,17 @@ class Connect : public testing::Test {
 TEST_F(Connect, UsesAPageOfSomeoneElseAndLeavesItAsItIs) {
   for (const std::string& url :
        {"http://127.0.0.1:" + port_, "http://localhost:" + port_ + "/", "ws://127.0.0.1:" + port_ + path_}) {
-    auto guest = run(connect(url));
+    auto guest = run(connect(url)), observer = run(connect(url));
     const auto listed = run(guest->pages());
     ASSERT_EQ(listed.size(), 1u);
     EXPECT_EQ(listed[0].target_id, page_->target_id());
     auto theirs = run(guest->attach(listed[0].target_id));
     EXPECT_EQ(text::to_json(*theirs->viewport_size()), R"({"width": 500, "height": 400})");
-    run(theirs->mouse().click(50, 50));                           // its owner answers the question
-    while (run(guest->pages())[0].title != "50,false") continue;  // told after the click is answered
+    auto observed = run(observer->attach(listed[0].target_id));
+    Running<Bytes> shot(observed->screenshot({}));
+    run(theirs->mouse().click(50, 50));                           // the owner dismisses the question
+    while (run(guest->pages())[0].title != "50,false") continue;  // updated after the click
+    EXPECT_FALSE(shot.get().empty());
 
     auto extra = run(guest->new_page());
     Pending pending(*extra);
@@ -82,60 +79,78 @@ TEST_F(Connect, UsesAPageOfSomeoneElseAndLeavesItAsItIs) {
     run(guest->close());
     EXPECT_THAT(pending.error(), testing::StartsWith(closed));
     EXPECT_EQ(run(owner_->pages()).size(), 1u);
+    EXPECT_EQ(value_of(*page_, "[innerWidth, devicePixelRatio, scrollY]"), "[500, 2, 0]");
   }
 }
 
-// A mission drives the page of somebody else's browser while observations run beside
-// it, on a connection of their own.
-TEST_F(Connect, DrivesAndObservesAPageOfSomeoneElseAtOnce) {
-  vision::test::TestRegistry::instance();
-  const vision::test::ScopedEnv log("KX_VISION_SHADOW_LOG", "/dev/null");
-  auto driver = run(connect("http://127.0.0.1:" + port_)), observer = run(connect("http://127.0.0.1:" + port_));
-  auto driven = run(driver->attach(page_->target_id())), observed = run(observer->attach(page_->target_id()));
-  auto acting = std::make_shared<ScriptedModel>(), watching = std::make_shared<ScriptedModel>();
-  acting->answer(proposal("click", 0.9, R"(, "x_ratio": 0.1, "y_ratio": 0.5)"), 0.05)
-      .answer(proposal("click", 0.9, R"(, "x_ratio": 0.3, "y_ratio": 0.5)"), 0.05)
-      .answer(proposal("declare_success", 0.9), 0);
-  watching->answer(proposal("scroll", 0.8), 0.05).answer(proposal("wait", 0.8), 0.05);
-  VisionClient driving(acting), seeing(watching);
-  ActLoopOptions mission({{"phase", 2}}, "driven");
-  mission.vision(driving);
-  ObserverOptions observation({{"phase", 2}}, "observed");
-  observation.vision(seeing);
-
-  Running<std::string> verdict(verdict_of(*driven, mission));
-  for (const char* action : {"scroll", "wait"}) {
-    EXPECT_EQ(run(observe_only(*observed, observation)).at("vision").at("action"), action);
-  }
-  EXPECT_EQ(verdict.get(), "declare_success: because");
-  // Each did its own, and the owner finds nothing else changed.
-  run(driver->close());
-  run(observer->close());
-  EXPECT_EQ(value_of(*page_, "[document.title, innerWidth, devicePixelRatio, scrollY]"), R"(["150,false", 500, 2, 0])");
+// Meanwhile the owner's event loop does not run, so the owner does not answer.
+TEST_F(Connect, ATimeoutSaysThatADialogOfTheOwnerIsOpen) {
+  VirtualTimeLoop guests;
+  guests.pauses_pass = false;
+  DevToolsUrl url = parse_devtools_url("http://127.0.0.1:" + port_);
+  auto guest = run(connect("http://127.0.0.1:" + port_));
+  auto theirs = run(guest->attach(page_->target_id()));
+  url.path = "/devtools/page/" + page_->target_id();
+  auto watcher = run(WebSocketTransport::connect(url));
+  const auto watch_until = [&](const char* event) {
+    while (run(watcher->read()).find(event) == std::string::npos) continue;
+    run(guest->pages());  // the guest has been told before this is answered
+  };
+  const std::string timeout = "Timeout 30000ms exceeded", unanswered = " that the page's owner has not answered";
+  run(watcher->write(R"({"id":1,"method":"Page.enable"})"));
+  Running<void> click(theirs->mouse().click(50, 50));
+  watch_until("javascriptDialogOpening");
+  guests.hangs = true;
+  EXPECT_EQ(click.error(),
+            "TimeoutError: Input.dispatchMouseEvent: " + timeout + "; a dialog is open (confirm \"?\")" + unanswered);
+  guests.hangs = false;
+  Running<std::shared_ptr<ChromiumPage>> late(guest->attach(page_->target_id()));
+  run(guest->pages());  // it is attached by now
+  guests.hangs = true;
+  EXPECT_EQ(late.error(), "TimeoutError: Page.enable: " + timeout + "; a dialog may be open" + unanswered);
+  guests.hangs = false;
+  run(watcher->write(R"({"id":2,"method":"Page.handleJavaScriptDialog","params":{"accept":false}})"));
+  watch_until("javascriptDialogClosed");
+  Pending pending(*theirs);
+  guests.hangs = true;
+  EXPECT_EQ(pending.error(), "TimeoutError: Runtime.evaluate: " + timeout);
 }
 
-TEST_F(Connect, IsNotForThePagesInTheBrowser) {
-  run(page_->navigate("http://localhost:" + port_ + "/json/version"));
-  EXPECT_EQ(value_of(*page_, "new Promise(done => { const s = new WebSocket('ws://127.0.0.1:" + port_ + path_ +
-                                 "'); s.onopen = () => done('open'); s.onerror = () => done('refused'); })"),
-            "\"refused\"");
+TEST_F(Connect, AHeldIdleBrowserLetsTheEventLoopReturn) {
+  asio::io_context io;
+  for (const auto& executor :
+       {asio::any_io_executor(io.get_executor()), asio::any_io_executor(asio::make_strand(io))}) {
+    std::shared_ptr<Browser> launched, connected;
+    const auto step = [&]() -> asio::awaitable<void> {
+      launched = co_await launch();
+      connected = co_await connect("http://127.0.0.1:" + port_);
+      throw std::runtime_error("the step failed");
+    };
+    asio::co_spawn(executor, step(), [](std::exception_ptr) {});
+    io.run();  // hangs if a browser counts as work
+    ASSERT_TRUE(launched && connected);
+    io.restart();
+    asio::co_spawn(executor, launched->close(), [](std::exception_ptr) {});
+    io.run();
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(profiles_.path()), {}), 1) << "only the owner's";
+    io.restart();
+  }
 }
 
 TEST_F(Connect, SaysWhatIsWrong) {
   EXPECT_EQ(error_of(owner_->attach("nobody")),
             "BrowserError: no page with target id \"nobody\": No target with given id found");
   EXPECT_EQ(error_of(connect("http://10.0.0.1:9222")),
-            "invalid_argument: browser URL \"http://10.0.0.1:9222\" leads to another machine; "
+            "invalid_argument: browser URL \"http://10.0.0.1:9222\" is on another machine; "
             "ConnectOptions::allow_remote permits that");
   EXPECT_THAT(error_of(connect("ws://127.0.0.1:" + port_ + "/devtools/browser/other")),
               testing::HasSubstr("handshake was declined"));
   using vision::test::response;
   const std::pair<std::string, const char*> liars[] = {
-      {response("404 Not Found", "{}"), "answered status 404, not a browser's answer"},
-      {response("200 OK", "{"), "did not tell a webSocketDebuggerUrl"},
-      {response("200 OK", R"({"webSocketDebuggerUrl": 5})"), "did not tell a webSocketDebuggerUrl"},
-      {response("200 OK", R"({"webSocketDebuggerUrl": "ws://x"})"), "told an unusable webSocketDebuggerUrl"},
-      {response("200 OK", R"({"webSocketDebuggerUrl": "ws://x/a b"})"), "told an unusable webSocketDebuggerUrl"},
+      {response("404 Not Found", "{}"), "returned status 404; is that a browser's debugging port?"},
+      {response("200 OK", "{"), "returned no usable webSocketDebuggerUrl"},
+      {response("200 OK", R"({"webSocketDebuggerUrl": "ws://x"})"), "returned no usable webSocketDebuggerUrl"},
+      {response("200 OK", R"({"webSocketDebuggerUrl": "ws://x/a b"})"), "returned no usable webSocketDebuggerUrl"},
   };
   for (const auto& [reply, expected] : liars) {
     const vision::test::ScriptedServer liar(loop(), {{reply}});
@@ -154,7 +169,9 @@ TEST_F(Connect, SaysWhatIsWrong) {
     run(silent.async_accept(again, asio::use_awaitable));
   }
   silent.close();
-  EXPECT_THAT(error_of(connect("http://127.0.0.1:" + port)), testing::HasSubstr("Connection refused"));
+  EXPECT_EQ(error_of(connect("http://127.0.0.1:" + port)),
+            "BrowserError: no browser answers at 127.0.0.1:" + port +
+                ": connection refused; was it started with --remote-debugging-port?");
 }
 
 }  // namespace

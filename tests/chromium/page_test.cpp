@@ -6,33 +6,31 @@
 namespace vision::chromium::test {
 namespace {
 
-std::string chord_text(const std::string& chord) {
-  std::string out;
-  try {
-    for (const Key& key : parse_chord(chord)) {
-      const std::string numbers = std::to_string(key.virtual_code) + " " + std::to_string(key.location);
-      out += (out.empty() ? "" : ", ") + key.key + " " + key.code + " " + numbers + " " + key.text;
-    }
-  } catch (const std::invalid_argument& error) {
-    return error.what();
-  }
-  return out;
-}
-
 TEST(KeyLayout, NamesCodesCharactersAndChords) {
   const std::pair<const char*, const char*> rows[] = {
-      {"a", "a KeyA 65 0 a"},
-      {"A", "A KeyA 65 0 A"},
-      {"\\", "\\ Backslash 220 0 \\"},
-      {"Enter", "Enter Enter 13 0 \r"},
-      {"NumpadEnter", "Enter NumpadEnter 13 3 \r"},
-      {"F24", "F24 F24 135 0 "},
-      {"ShiftRight", "Shift ShiftRight 16 2 "},
-      {"Control++", "Control ControlLeft 17 1 , + Equal 187 0 +"},
-      {"ControlOrMeta+Shift+T", "Control ControlLeft 17 1 , Shift ShiftLeft 16 1 , T KeyT 84 0 T"},
+      {"a", "a KeyA 65 0 a;"},
+      {"A", "A KeyA 65 0 A;"},
+      {"\\", "\\ Backslash 220 0 \\;"},
+      {"Enter", "Enter Enter 13 0 \r;"},
+      {"NumpadEnter", "Enter NumpadEnter 13 3 \r;"},
+      {"F24", "F24 F24 135 0 ;"},
+      {"ShiftRight", "Shift ShiftRight 16 2 ;"},
+      {"Control++", "Control ControlLeft 17 1 ;+ Equal 187 0 +;"},
+      {"ControlOrMeta+Shift+T", "Control ControlLeft 17 1 ;Shift ShiftLeft 16 1 ;T KeyT 84 0 T;"},
       {"\xc3\xbc", "Unknown key: \"\xc3\xbc\""},
   };
-  for (const auto& [chord, expected] : rows) EXPECT_EQ(chord_text(chord), expected) << chord;
+  for (const auto& [chord, expected] : rows) {
+    std::string got;
+    try {
+      for (const Key& key : parse_chord(chord)) {
+        const std::string numbers = std::to_string(key.virtual_code) + " " + std::to_string(key.location);
+        got += key.key + " " + key.code + " " + numbers + " " + key.text + ";";
+      }
+    } catch (const std::invalid_argument& error) {
+      got = error.what();
+    }
+    EXPECT_EQ(got, expected) << chord;
+  }
   for (char c = ' '; c <= '~'; ++c) EXPECT_TRUE(find_key(std::string(1, c))) << c;  // all that a US keyboard types
 }
 
@@ -166,9 +164,9 @@ TEST_F(PageTest, ScreenshotsHaveTheRightSize) {
     EXPECT_EQ(text::to_json(*page->viewport_size()), R"({"width": 640, "height": 400})");
   }
   EXPECT_EQ(error_of(browser_->new_page(PageOptions().viewport(0, 5))),
-            "invalid_argument: a viewport of 0 by 5 pixels");
+            "invalid_argument: viewport 0 x 5: a side is from 1 to 10000000 pixels");
   EXPECT_EQ(error_of(browser_->new_page(PageOptions().device_pixel_ratio(0))),
-            "invalid_argument: a device pixel ratio of 0.000000");
+            "invalid_argument: device pixel ratio 0.000000: must be finite and above 0");
 }
 
 TEST_F(PageTest, WindowsAreShownAndCloseWithThePageThatOpenedThem) {
@@ -209,7 +207,6 @@ TEST_F(PageTest, EvaluateGivesValuesAndErrors) {
       {"({a: [1, 2.5, 'x', null, true]})", R"({"a": [1, 2.5, "x", null, true]})"},
       {"Promise.resolve(7)", "7"},
       {"[NaN, 1/0].map(x => x)", "[null, null]"},
-      {"-Infinity", "null"},
       {"12n", "12"},
       {"2n ** 70n", "null"},
       {"window", "null"},
@@ -219,7 +216,7 @@ TEST_F(PageTest, EvaluateGivesValuesAndErrors) {
       {"noSuchName", "EvaluationError: ReferenceError: noSuchName is not defined"},
       {"(() => { throw 'plain' })()", "EvaluationError: plain"},
       {"Promise.reject(5)", "EvaluationError: 5"},
-      {"'x'.repeat(9e6)", "BrowserError: the browser sent a message above 8 MiB"},
+      {"'x'.repeat(9e6)", "BrowserError: the browser sent a message larger than 8 MiB"},
       {"1 +", "EvaluationError: SyntaxError: Unexpected end of input"},
       {"JSON.parse('['.repeat(270) + ']'.repeat(270))", "BrowserError: unreadable message from the browser: too deep"},
   };

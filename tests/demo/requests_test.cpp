@@ -36,7 +36,7 @@ const std::string good_body = R"({"model": "m", "max_tokens": 512, "thinking": {
                               pixel + R"("}},
       {"type": "text", "text": "# Task\n1. Press \"Enter\"."}]}]})";
 
-/// A good request in which a text stands in another's place.
+/// A good request with one text replaced.
 std::string request_with(const std::string& text, const std::string& replacement) {
   std::string head = good_head, body = good_body;
   if (const auto at = body.find(text); at != body.npos) {
@@ -87,10 +87,8 @@ TEST_F(LocalModelTest, AnswersGoodRequestsAndRefusesFaultyOnes) {
       {"application/json", "text/plain", invalid + "content-type: must"},
       {"messages HTTP", "complete HTTP", "404 not_found_error Not found: /v1/complete"},
       {"length: ", "length: 99999", "413 request_too_large Request exceeds"},
-      {"HTTP/1.1", "SMTP", invalid + "The request is not valid HTTP"},
       {good_body, "[]", invalid + "The request body is not a JSON object"},
       {"\"system\"", "\"surprise\"", invalid + "surprise: Extra inputs are not permitted"},
-      {"\"user\"", "\"assistant\"", invalid + "messages: first message"},
       {"\"tool\"", "\"auto\"", invalid + "tool_choice.type: This local model answers only"},
       {"image/png", "image/jpeg", invalid + source + "The image was specified"},
       {pixel, pixel.substr(4) + "\\n", invalid + source + "Invalid base64"},

@@ -66,7 +66,7 @@ struct Samples {
   }
 
   test::TestRegistry& registry = test::TestRegistry::instance();
-  test::World world;
+  test::VirtualLoop world;
   test::ScriptedPage page;
   std::shared_ptr<test::ScriptedModel> model = std::make_shared<test::ScriptedModel>();
   VisionClientOptions client_options = VisionClientOptions().call_budget(1000);

@@ -68,4 +68,20 @@ inline HttpMessagesClient client_for(const ScriptedServer& server, HttpOptions o
   return HttpMessagesClient(api_key, options.base_url(server.url()));
 }
 
+/// For a TLS server with a certificate for `host` that it has signed itself, valid for
+/// so many days, and written to the file `name`.pem.
+inline asio::ssl::context tls_server(const std::string& name, const std::string& host, int days = 1) {
+  const std::string key = name + ".key", request = name + ".csr", certificate = name + ".pem";
+  const std::string command = "openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=" + name +
+                              " -addext subjectAltName=DNS:" + host + " -keyout " + key + " -out " + request +
+                              " 2>errors && openssl x509 -req -in " + request + " -signkey " + key +
+                              " -copy_extensions copy -days " + std::to_string(days) + " -out " + certificate +
+                              " 2>>errors";
+  EXPECT_EQ(std::system(command.c_str()), 0) << read_file("errors");
+  asio::ssl::context context(asio::ssl::context::tls_server);
+  context.use_certificate_file(certificate, asio::ssl::context::pem);
+  context.use_private_key_file(key, asio::ssl::context::pem);
+  return context;
+}
+
 }  // namespace vision::test

@@ -3,6 +3,7 @@
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -13,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -23,11 +25,12 @@ namespace beast = boost::beast;
 using asio::ip::tcp;
 
 /// What the server does with one request: how much of it is read, which bytes
-/// go back, and what becomes of the connection: silence (drain) or `more` again and
-/// again (flood), until the client closes it.
+/// go back, and what becomes of the connection: an end that the client can see before
+/// it sends again (leave), silence (drain) or `more` again and again (flood), until the
+/// client closes it.
 struct Reply {
   enum class Read { all, head, none };
-  enum class Then { keep, close, reset, drain, flood };
+  enum class Then { keep, close, leave, reset, drain, flood };
 
   std::string bytes;
   Then then = Then::keep;
@@ -105,7 +108,22 @@ class ScriptedServer {
     tcp::socket& socket = beast::get_lowest_layer(stream);
     if (reply.then == Reply::Then::reset) socket.set_option(asio::socket_base::linger(true, 0));
     if (reply.then >= Reply::Then::drain) co_await outlast(stream, reply);
+    if (reply.then == Reply::Then::leave) co_await leave(stream);
     socket.close();
+  }
+
+  // Closing lingers until the client's machine knows it.
+  template <class Stream>
+  static asio::awaitable<void> leave(Stream& stream) {
+    tcp::socket& socket = beast::get_lowest_layer(stream);
+    socket.set_option(asio::socket_base::linger(true, 600));
+    if constexpr (!std::is_same_v<Stream, tcp::socket>) {
+      // Once TLS's goodbye is sent; the stream would wait for the client's own.
+      asio::post(stream.get_executor(), [&socket] { socket.close(); });
+      boost::system::error_code error;
+      co_await stream.async_shutdown(asio::redirect_error(asio::use_awaitable, error));
+    }
+    co_return;
   }
 
   template <class Stream>

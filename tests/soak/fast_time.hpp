@@ -8,7 +8,7 @@ namespace vision::soak {
 
 namespace asio = boost::asio;
 
-/// The system's time, so many times as fast, and a count of the waits under way.
+/// The system's time, `speed` times as fast. Counts the waits under way.
 class FastTime : public runtime::TimeSource {
  public:
   explicit FastTime(int speed) : speed_(speed) {}
@@ -16,13 +16,10 @@ class FastTime : public runtime::TimeSource {
   runtime::Duration steady_now() const override { return real_.steady_now() * speed_; }
   runtime::Duration wall_now() const override { return real_.wall_now(); }
 
-  asio::awaitable<void> sleep(runtime::Duration duration) override {
-    const auto waiting = waiting_;
-    co_await real_.sleep(duration / speed_);
-  }
-  asio::awaitable<void> wait(runtime::Duration duration) override {
-    const auto waiting = waiting_;
-    co_await real_.wait(duration / speed_);
+  std::unique_ptr<runtime::Timer> call_after(const asio::any_io_executor& executor, runtime::Duration delay,
+                                             std::function<void()> callback) override {
+    const auto counted = [waiting = waiting_, callback = std::move(callback)] { callback(); };
+    return real_.call_after(executor, delay / speed_, counted);
   }
 
   /// From any thread.
@@ -30,7 +27,7 @@ class FastTime : public runtime::TimeSource {
 
  private:
   const int speed_;
-  asio::io_context untouched_;  // a context without a time source of its own has the system's
+  asio::io_context untouched_;  // a context without its own time source uses the system's
   runtime::TimeSource& real_ = runtime::time_source(untouched_.get_executor());
   const std::shared_ptr<void> waiting_ = std::make_shared<int>();
 };

@@ -8,45 +8,28 @@
 #include <vector>
 
 #include "vision/client/messages_client.hpp"
-#include "vision/client/metrics.hpp"
 
 namespace vision::soak {
 
 namespace asio = boost::asio;
 
-enum class Mode { act_loop, shadow, observer, background, fallback };
-enum class End { none, documented, cancelled, other };
-
-/// How one mission ended: not at all when its event loop was destroyed first.
-struct Ended {
-  std::string id;
-  Mode mode = Mode::act_loop;
-  End end = End::none;
-  std::string error;
-};
-
-/// What became of a lane: its missions, what its client's ledger holds, and what its
-/// model saw.
-struct LaneReport {
-  std::vector<Ended> missions;
-  VisionMetrics ledger;
-  std::int64_t requests = 0, answers = 0;
-};
-
-/// Collects the reports of lanes, from any thread.
-struct Reports {
+/// What became of the lanes. Written by any thread, under the mutex.
+struct Tally {
   std::mutex mutex;
   std::condition_variable changed;
-  std::vector<LaneReport> lanes;
+  std::size_t lanes = 0;    ///< that have ended
+  std::size_t callers = 0;  ///< of those lanes that ended before their event loop did
+  std::size_t records = 0;  ///< that these callers must have written
+  std::vector<std::string> breaches;
 };
 
-/// How many missions one lane has.
+/// The number of callers in one lane.
 constexpr std::size_t lane_size = 4;
 
-/// Starts a lane: some missions at once on one strand with one client, each with a
-/// page, faults and perhaps a cancellation of its own. What runs owns it; its end is
-/// a report.
+/// Starts a lane: several callers at once on one strand with one client, each with its
+/// own mode, page, faults and perhaps a cancellation. The operations under way own the
+/// lane; it is counted when it ends.
 void start_lane(const asio::any_io_executor& strand, std::shared_ptr<MessagesClient> model, std::uint64_t number,
-                Reports& reports);
+                Tally& tally);
 
 }  // namespace vision::soak

@@ -69,20 +69,19 @@ class ModelServer {
   }
 
   static std::string answer(std::minstd_rand& rng) {
-    const std::string ratio = "0." + std::to_string(rng() % 1000);
-    const std::pair<const char*, std::string> proposals[] = {
-        {"click", R"(, "x_ratio": )" + ratio + R"(, "y_ratio": )" + ratio},
-        {"type", R"(, "text": "hello ä")"},
-        {"scroll", R"(, "scroll_dy_ratio": )" + ratio},
-        {"wait", R"(, "duration_ms": 300)"},
-        {"declare_success", ""},
-        {"declare_failure", ""},
-        {"escalate_to_cua", ""}};
-    const std::size_t kind = rng() % 12;
-    if (kind == 11) return R"({"content": [{"type": "text", "text": "I would rather talk."}]})";
-    if (kind == 10) return R"({"content": 7})";
-    const auto& [verb, members] = proposals[kind < std::size(proposals) ? kind : 0];
-    return test::proposal(verb, kind == 9 ? 0.3 : 0.9, members);
+    const std::string at = "0." + std::to_string(rng() % 1000), x = R"(, "x_ratio": )" + at,
+                      y = R"(, "y_ratio": )" + at;
+    const std::string answers[] = {test::proposal("click", 0.9, x + y),
+                                   test::proposal("type", 0.9, R"(, "text": "hello ä")"),
+                                   test::proposal("scroll", 0.9, R"(, "scroll_dy_ratio": )" + at),
+                                   test::proposal("wait", 0.9, R"(, "duration_ms": 300)"),
+                                   test::proposal("declare_success", 0.9),
+                                   test::proposal("declare_failure", 0.9),
+                                   test::proposal("escalate_to_cua", 0.9),
+                                   test::proposal("click", 0.3, x + y),
+                                   R"({"content": 7})",
+                                   R"({"content": [{"type": "text", "text": "I would rather talk."}]})"};
+    return answers[rng() % std::size(answers)];
   }
 
   pid_t child_ = -1;

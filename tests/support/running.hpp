@@ -17,7 +17,7 @@ namespace asio = boost::asio;
 template <class T>
 class Running {
  public:
-  /// `take_turn` runs the loop a little.
+  /// `take_turn` runs some handlers of the loop; it is called until the operation has ended.
   Running(asio::io_context& io, asio::awaitable<T> operation, std::function<void()> take_turn)
       : take_turn_(std::move(take_turn)) {
     const auto finish = [this](std::exception_ptr error) {
@@ -28,12 +28,12 @@ class Running {
   }
 
   void cancel() { signal_.emit(asio::cancellation_type::terminal); }
-  /// Its value; throws its error.
+  /// Waits for the end; returns the value or throws the error.
   T get() {
     if (const auto error = wait()) std::rethrow_exception(error);
     if constexpr (!std::is_void_v<T>) return std::move(*value_);
   }
-  /// "Kind: message" of the error it ended with.
+  /// Waits for the end; returns "Kind: message" of the error, or "no error".
   std::string error() {
     const auto error = wait();
     return error ? text::full_exception_text(error) : "no error";

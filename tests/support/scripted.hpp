@@ -9,7 +9,7 @@
 
 namespace vision::test {
 
-/// The registry of every test program: its key resolver can be replaced.
+/// The registry of every test program. Its key resolver can be replaced.
 class TestRegistry : public StaticModelRegistry {
  public:
   TestRegistry() : StaticModelRegistry("light-model", "heavy-model") {}
@@ -25,7 +25,7 @@ class TestRegistry : public StaticModelRegistry {
   }
 };
 
-/// The error type of the page driver, the agent and other code of the host.
+/// The error type of page drivers, agents and other host code.
 struct HostError : std::runtime_error, CuaOriginMark {
   using std::runtime_error::runtime_error;
 };
@@ -42,7 +42,7 @@ inline std::string proposal(const std::string& action, double confidence, const 
                    std::to_string(confidence) + R"(, "next_expected_state": "next")" + more + "}");
 }
 
-/// Answers each request with the next scripted step: takes `seconds`, then gives
+/// Answers each request with the next scripted step: waits `seconds`, then returns
 /// the JSON text or throws the error.
 class ScriptedModel : public MessagesClient {
  public:
@@ -82,43 +82,40 @@ class ScriptedModel : public MessagesClient {
   std::vector<std::string> bodies;
 };
 
-/// A page whose operations are written down as text, and fail or hang on demand.
+/// A page whose operations succeed at once, unless `before` delays them or fails.
 class ScriptedPage : public BrowserPage, private Mouse, private Keyboard {
  public:
-  asio::awaitable<Bytes> screenshot(ScreenshotOptions options) override {
-    co_await perform(options.full_page() ? "screenshot full" : "screenshot", false);
-    co_return Bytes(std::string("PNG bytes"));
+  asio::awaitable<Bytes> screenshot(ScreenshotOptions) override {
+    return with_value(visit("screenshot"), Bytes(std::string("PNG")));
   }
   asio::awaitable<boost::json::value> evaluate(std::string expression) override {
-    co_await perform("evaluate " + expression, false);
-    co_return device_pixel_ratio;
+    return with_value(visit("evaluate " + expression), device_pixel_ratio);
   }
-  std::optional<boost::json::object> viewport_size() override { return viewport; }
-  Mouse& mouse() override { return *this; }
-  Keyboard& keyboard() override { return *this; }
+  std::optional<boost::json::object> viewport_size() override { return on_call("viewport_size"), viewport; }
+  Mouse& mouse() override { return on_call("mouse"), *this; }
+  Keyboard& keyboard() override { return on_call("keyboard"), *this; }
 
   boost::json::value device_pixel_ratio = 2.0;
   std::optional<boost::json::object> viewport = boost::json::object{{"width", 1280}, {"height", 800}};
-  std::vector<std::string> actions;                          ///< what reached mouse and keyboard
-  std::function<asio::awaitable<void>(std::string)> before;  ///< runs first in every operation
+  std::vector<std::string> actions;  ///< what reached mouse and keyboard, "VERB DETAILS"
+  /// Runs in place of every operation. Called with "screenshot", "evaluate EXPRESSION" or an action.
+  std::function<asio::awaitable<void>(std::string)> before;
+  /// Runs in every call that returns at once, with its name.
+  std::function<void(const char*)> on_call = [](const char*) {};
 
  private:
-  asio::awaitable<void> click(double x, double y) override { return act("click", x, y); }
-  asio::awaitable<void> wheel(double x, double y) override { return act("wheel", x, y); }
+  asio::awaitable<void> click(double x, double y) override { return act("click", boost::json::array{x, y}); }
+  asio::awaitable<void> wheel(double x, double y) override { return act("scroll", boost::json::array{x, y}); }
   asio::awaitable<void> type(std::string text, std::chrono::milliseconds delay) override {
-    co_await perform("type " + text + " " + std::to_string(delay.count()), true);
+    return act("type", boost::json::array{text, delay.count()});
   }
-  asio::awaitable<void> press(std::string key) override { co_await perform("press " + key, true); }
+  asio::awaitable<void> press(std::string key) override { return act("key", boost::json::array{key}); }
 
-  asio::awaitable<void> act(std::string name, double x, double y) {
-    const boost::json::array point = {x, y};
-    co_await perform(name + " " + boost::json::serialize(point), true);
+  asio::awaitable<void> act(const std::string& verb, const boost::json::array& details) {
+    return visit(actions.emplace_back(verb + " " + boost::json::serialize(details)));
   }
-
-  asio::awaitable<void> perform(std::string operation, bool is_action) {
-    if (before) co_await before(operation);
-    if (is_action) actions.push_back(operation);
-  }
+  asio::awaitable<void> visit(std::string operation) { return before ? before(std::move(operation)) : nothing(); }
+  static asio::awaitable<void> nothing() { co_return; }
 };
 
 }  // namespace vision::test

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <boost/asio/associated_cancellation_slot.hpp>
-#include <boost/asio/async_result.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -11,6 +9,8 @@
 #include <utility>
 
 #include "tests/support/running.hpp"
+#include "vision/runtime/internal/await.hpp"
+#include "vision/runtime/internal/one_shot.hpp"
 #include "vision/runtime/internal/worker.hpp"
 #include "vision/runtime/time.hpp"
 
@@ -22,40 +22,61 @@ inline asio::awaitable<void> pause(double seconds) {
   co_await runtime::sleep_for(runtime::to_duration(seconds));
 }
 
-/// Time that passes only when nothing else can happen.
-class VirtualTime : public runtime::TimeSource {
- public:
-  explicit VirtualTime(asio::io_context& io) : io_(io) {}
+/// Returns `value` once `operation` has succeeded.
+template <class T>
+asio::awaitable<T> with_value(asio::awaitable<void> operation, T value) {
+  co_await std::move(operation);
+  co_return value;
+}
 
+/// Time that passes only when nothing else can happen.
+class VirtualTime : public runtime::TimeSource, public std::enable_shared_from_this<VirtualTime> {
+ public:
   Duration steady_now() const override { return now_; }
   Duration wall_now() const override { return wall_start + now_; }
 
-  asio::awaitable<void> sleep(Duration duration) override { return sleep_ranked(duration, 0); }
+  std::unique_ptr<runtime::Timer> call_after(const asio::any_io_executor& executor, Duration delay,
+                                             std::function<void()> callback) override {
+    return call_after(executor, delay, 0, std::move(callback));
+  }
   /// The same; of the timers of one instant those of lower rank fire first.
-  asio::awaitable<void> sleep_ranked(Duration duration, int rank) {
-    co_await async_sleep(duration, rank, asio::use_awaitable);
+  std::unique_ptr<runtime::Timer> call_after(const asio::any_io_executor& executor, Duration delay, int rank,
+                                             std::function<void()> callback) {
+    const Key key{now_ + std::max(delay, Duration::zero()), rank, ++last_id_};
+    const auto shared = std::make_shared<std::function<void()>>(std::move(callback));
+    timers_.emplace(key, [executor, alive = std::weak_ptr(shared)] {
+      asio::post(executor, [alive] {
+        if (const auto held = alive.lock()) (*held)();
+      });
+    });
+    return std::make_unique<VirtualTimer>(weak_from_this(), key, shared);
   }
-  /// The same, deaf to cancellation.
-  asio::awaitable<void> sleep_deaf(Duration duration) {
-    co_await async_sleep(duration, 0, asio::bind_cancellation_slot(asio::cancellation_slot(), asio::use_awaitable));
+  asio::awaitable<void> sleep_ranked(Duration delay, int rank) {
+    const auto executor = co_await asio::this_coro::executor;
+    runtime::OneShot over(executor);
+    const auto timer = call_after(executor, delay, rank, [&over] { over.set(); });
+    co_await over.wait();
   }
-
-  asio::awaitable<void> wait(Duration duration) override {
-    boost::system::error_code cancelled;
-    co_await async_sleep(duration, 0, asio::redirect_error(asio::use_awaitable, cancelled));
+  /// Deaf to cancellation.
+  asio::awaitable<void> sleep_deaf(Duration delay) {
+    const auto executor = co_await asio::this_coro::executor;
+    runtime::IoTimer over(executor, runtime::IoTimer::time_point::max());
+    const auto timer = call_after(executor, delay, 0, [&over] { over.cancel(); });
+    boost::system::error_code ignored;
+    constexpr auto no_slot = asio::cancellation_slot();
+    co_await over.async_wait(asio::bind_cancellation_slot(no_slot, asio::redirect_error(asio::use_awaitable, ignored)));
   }
-
-  /// Runs `action` then, within advance().
+  /// Calls `action` then, within advance().
   void at(Duration from_now, int rank, std::function<void()> action) {
-    timers_.emplace(key(from_now, rank), [action = std::move(action)](auto) { action(); });
+    timers_.emplace(Key{now_ + std::max(from_now, Duration::zero()), rank, ++last_id_}, std::move(action));
   }
 
-  /// Jumps to the earliest timer and lets it fire; false when there is none.
+  /// Jumps to the earliest timer and fires it; returns false when there is none.
   bool advance() {
     if (timers_.empty()) return false;
-    const Key next = timers_.begin()->first;
-    now_ = std::max(now_, std::get<0>(next));
-    finish(next, {});
+    auto next = timers_.extract(timers_.begin());
+    now_ = std::max(now_, std::get<0>(next.key()));
+    next.mapped()();
     return true;
   }
 
@@ -67,59 +88,35 @@ class VirtualTime : public runtime::TimeSource {
   static constexpr Duration wall_start = std::chrono::seconds(1763319900);  // 2025-11-16T19:05:00Z
 
  private:
-  using Complete = std::function<void(boost::system::error_code)>;
   using Key = std::tuple<Duration, int, std::uint64_t>;  // when, rank, and in which order set
 
-  // What waits goes with the event loop, not with the last who holds the clock.
-  void shutdown() noexcept override { std::exchange(timers_, {}); }
+  struct VirtualTimer : runtime::Timer {
+    VirtualTimer(std::weak_ptr<VirtualTime> t, Key k, std::shared_ptr<std::function<void()>> c)
+        : time(std::move(t)), key(k), callback(std::move(c)) {}
+    ~VirtualTimer() override {
+      if (const auto held = time.lock()) held->timers_.erase(key);
+    }
+    const std::weak_ptr<VirtualTime> time;
+    const Key key;
+    const std::shared_ptr<std::function<void()>> callback;
+  };
 
-  Key key(Duration from_now, int rank) { return {now_ + std::max(from_now, Duration::zero()), rank, ++last_id_}; }
-
-  template <class Token>
-  asio::awaitable<void> async_sleep(Duration duration, int rank, Token token) {
-    return asio::async_initiate<Token, void(boost::system::error_code)>(
-        [this](auto handler, const Key& when) { this->start(std::move(handler), when); }, token, key(duration, rank));
-  }
-
-  template <class Handler>
-  void start(Handler handler, const Key& key) {
-    auto slot = asio::get_associated_cancellation_slot(handler);
-    auto shared = std::make_shared<Handler>(std::move(handler));
-    timers_.emplace(key, [this, shared](auto error) {
-      asio::post(io_, [shared, error] {
-        Handler moved = std::move(*shared);
-        std::move(moved)(error);
-      });
-    });
-    if (slot.is_connected()) slot.assign([this, key](auto) { finish(key, asio::error::operation_aborted); });
-  }
-
-  // A timer that has fired is gone when a late cancellation looks for it.
-  void finish(Key key, boost::system::error_code error) {
-    const auto timer = timers_.find(key);
-    if (timer == timers_.end()) return;
-    const Complete complete = std::move(timer->second);
-    timers_.erase(timer);
-    complete(error);
-  }
-
-  asio::io_context& io_;
   Duration now_{0};
-  std::map<Key, Complete> timers_;
+  std::map<Key, std::function<void()>> timers_;
   std::uint64_t last_id_ = 0;
 };
 
 /// One event loop on virtual time.
-class World {
+class VirtualLoop {
  public:
-  World() : time(std::make_shared<VirtualTime>(io)) { runtime::install_time_source(io, time); }
+  VirtualLoop() : time(std::make_shared<VirtualTime>()) { runtime::install_time_source(io, time); }
 
   asio::io_context io;
   std::shared_ptr<VirtualTime> time;
-  /// Cancels the operation that runs; not to be called when none does.
+  /// Cancels the running operation. Call it only while one runs.
   std::function<void()> cancel;
 
-  /// Runs `operation` to its end and gives its value or throws its error.
+  /// Runs `operation` to its end; returns its value or throws its error.
   template <class T>
   T run(asio::awaitable<T> operation) {
     Running<T> running(io, std::move(operation), [this] { take_turn(); });

@@ -6,35 +6,33 @@
 
 #include "tests/world/world.hpp"
 
-/// The operating system and the worker thread, as the library's object files see
-/// them: the linker puts these in place of what they call (see CMakeLists.txt).
+/// The system calls and the worker thread as the library sees them: the linker
+/// replaces what its object files call by these (see CMakeLists.txt).
 namespace vision::world {
 namespace {
 
-Fault pass(std::string_view name, Kind on_loop = 'f', Kind on_worker = 'F') {
+Fault pass(std::string_view name, unsigned places = place::file) {
   World* const world = World::current;
-  if (!world) return Fault::none;
-  const Fault fault = world->pass(world->on_worker() ? on_worker : on_loop, name);
-  const bool fails = fault == Fault::fails || fault == Fault::cut;
+  if (!world) return "none"_fault;
+  const Fault fault = world->pass(places | (world->on_worker() ? place::worker : 0U), name);
+  const bool fails = fault == "fails"_fault || fault == "cut"_fault, cancels = fault == "cancel_before"_fault;
   if (world->on_worker()) {
-    if (fault == Fault::cancel_before) world->cancel_soon(world->any_mission());
-    if (fault == Fault::cancel_before || fault == Fault::loop_ends) world->worker_stands(0s);
-    if (fault == Fault::hang) world->worker_stands(1h);
+    if (cancels) world->cancel_soon(world->any_caller());
+    if (cancels || fault == "loop_ends"_fault) world->worker_pauses(0s);
+    if (fault == "hang"_fault) world->worker_pauses(1h);
   } else {
-    world->in_append = true;
-    if (fault == Fault::cancel_before) world->cancel(world->any_mission());
-    world->in_append = false;
-    if (fails) ++world->faulty_appends;
+    if (cancels) world->cancel(world->any_caller(), true);  // a record is being written, perhaps the last one
+    world->faulty_appends += fails;
   }
-  if (fault == Fault::cut) ++world->cut_writes;
-  if (fails && name == "unlink") ++world->faulty_removals;
+  world->cut_writes += fault == "cut"_fault;
+  world->faulty_removals += fails && name == "unlink";
   constexpr int errors[] = {EIO, ENOSPC, EACCES};
   if (fails) errno = errors[world->report.seams.size() % std::size(errors)];
   return fault;
 }
 
 bool fails(const char* name) {
-  return pass(name) == Fault::fails;
+  return pass(name) == "fails"_fault;
 }
 
 int opened(int fd) {
@@ -42,7 +40,7 @@ int opened(int fd) {
   return fd;
 }
 
-// Whether it is a file of the library's; Asio has descriptors of its own.
+// Whether the library opened it; Asio has descriptors of its own.
 bool is_ours(int fd) {
   return World::current && World::current->descriptors.contains(fd);
 }
@@ -64,13 +62,13 @@ int __wrap_open(const char* path, int flags, ...) {
   return fails("open") ? -1 : opened(__real_open(path, flags, mode));
 }
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
-  const Fault fault = is_ours(fd) ? pass("write", 'w', 'W') : Fault::none;
-  return fault == Fault::fails ? -1 : __real_write(fd, data, fault == Fault::cut ? size / 2 : size);
+  const Fault fault = is_ours(fd) ? pass("write", place::file | place::write) : "none"_fault;
+  return fault == "fails"_fault ? -1 : __real_write(fd, data, fault == "cut"_fault ? size / 2 : size);
 }
 int __wrap_close(int fd) {
   const bool failed = is_ours(fd) && fails("close");
   if (World::current) World::current->descriptors.erase(fd);
-  const int result = __real_close(fd);  // the descriptor is gone also when it fails
+  const int result = __real_close(fd);  // the descriptor is gone even when it fails
   return failed ? -1 : result;
 }
 int __wrap_mkostemps(char* path, int suffix, int flags) {
@@ -114,7 +112,7 @@ asio::awaitable<void> run_in_turn(std::function<void()> job) {
 
 }  // namespace
 
-// No coroutine itself: g++ 12 cannot name the parts of one that has an asm label.
+// Not a coroutine itself: g++ 12 cannot name the parts of one that has an asm label.
 asio::awaitable<void> wrap_run_on_worker(std::function<void()> job) {
   return run_in_turn(std::move(job));
 }

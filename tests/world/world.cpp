@@ -5,31 +5,40 @@
 #include <iostream>
 #include <sstream>
 
-#include "tests/world/mission.hpp"
+#include "tests/world/caller.hpp"
 
 namespace vision::world {
 namespace {
 
 constexpr int limit_rank = 10;
 
-}  // namespace
-
-asio::awaitable<void> Time::sleep(Duration duration) {
-  const Fault fault = world_.pass('t', "timer");
-  const auto alive = std::make_shared<int>();
-  if (fault == Fault::cancel_before) world_.cancel_soon(world_.any_mission());
-  world_.cancel_around(fault, world_.any_mission(), duration, limit_rank, alive);
-  limits_.emplace(steady_now() + duration, alive);
-  co_await sleep_ranked(duration, limit_rank);
+bool cancels_around(const Fault& fault) {
+  return fault == "cancel_during"_fault || fault == "cancel_first"_fault || fault == "cancel_last"_fault;
 }
 
-asio::awaitable<void> Time::until_limit(const Visit& visit) {
-  // A time limit is set after what it bounds has begun.
-  for (int turn = 0; turn < 4; ++turn) co_await asio::post(asio::use_awaitable);
+}  // namespace
+
+std::unique_ptr<runtime::Timer> Time::call_after(const asio::any_io_executor& executor, Duration delay,
+                                                 std::function<void()> callback) {
+  const Fault fault = world_.pass(place::timer, "timer");
+  auto alive = std::make_shared<int>();
+  if (fault == "cancel_before"_fault) world_.cancel_soon(world_.any_caller());
+  world_.cancel_around(fault, world_.any_caller(), delay, limit_rank, alive);
+  limits_.emplace(steady_now() + delay, alive);
+  auto fire = [alive = std::move(alive), callback = std::move(callback)]() mutable {
+    alive.reset();
+    callback();
+  };
+  return VirtualTime::call_after(executor, delay, limit_rank, std::move(fire));
+}
+
+asio::awaitable<void> Time::until_limit(Visit visit) {
+  // A time limit starts after the operation that it bounds.
+  co_await asio::post(asio::use_awaitable);
   const Duration limit = next_limit();
   const Duration rest = limit == never ? visit.latency : limit - steady_now();
-  co_await sleep_ranked(rest, visit.fault == Fault::deadline_last ? 2 * limit_rank : 0);
-  if (visit.fault == Fault::late) co_await sleep_deaf(tick);
+  co_await sleep_ranked(rest, visit.fault == "deadline_last"_fault ? 2 * limit_rank : 0);
+  if (visit.fault == "late"_fault) co_await sleep_deaf(tick);
 }
 
 bool Time::advance() {
@@ -44,10 +53,10 @@ Duration Time::next_limit() {
   return limits_.empty() ? never : limits_.begin()->first;
 }
 
-World::World(const Run& run) : spec(run), time(std::make_shared<Time>(*this, *io)), rng_(run.seed) {
+World::World(const Run& run) : spec(run), time(std::make_shared<Time>(*this)), rng_(run.seed) {
   runtime::install_time_source(*io, time);
-  std::istringstream faults(run.plan);
-  for (std::string fault; std::getline(faults, fault, ',');) {
+  std::istringstream plan(run.plan);
+  for (std::string fault; std::getline(plan, fault, ',');) {
     const auto colon = fault.find(':');
     plan_[fault.substr(0, colon)] = fault_named(fault.substr(colon + 1));
   }
@@ -65,19 +74,19 @@ void World::trace(const std::string& event) {
   if (spec.prints_trace) std::cout << "  " << runtime::to_seconds(now()) << " s  " << event << "\n";
 }
 
-Fault World::planned(const char* place, std::size_t number) const {
-  const auto found = plan_.empty() ? plan_.end() : plan_.find(place + std::to_string(number));
-  return found == plan_.end() ? Fault::none : found->second;
+Fault World::planned(const char* what, std::size_t number) const {
+  const auto found = plan_.empty() ? plan_.end() : plan_.find(what + std::to_string(number));
+  return found == plan_.end() ? "none"_fault : found->second;
 }
 
-Fault World::pass(Kind kind, std::string_view name) {
+Fault World::pass(unsigned places, std::string_view name) {
   constexpr unsigned faults_per_mille = 20;
   Fault fault = planned("seam", report.seams.size());
-  if (!spec.scenario && random(1000) < faults_per_mille) fault = faults_of(kind)[random(faults_of(kind).size())];
+  if (!spec.scenario && random(1000) < faults_per_mille) fault = faults_at(places)[random(faults_at(places).size())];
   const std::string seam = "seam" + std::to_string(report.seams.size()) + " " + std::string(name);
-  trace(fault == Fault::none ? seam : seam + ":" + name_of(fault));
-  report.seams.push_back(kind);
-  if (fault == Fault::loop_ends) ends_loop_ = true;
+  trace(fault == "none"_fault ? seam : seam + ":" + std::string(fault.name));
+  report.seams.push_back(places);
+  if (fault == "loop_ends"_fault) ends_loop_ = true;
   if (gone_at && !on_worker()) expect(false, "10. " + std::string(name) + " was begun after the end of the event loop");
   return fault;
 }
@@ -88,112 +97,107 @@ Duration World::latency() {
   return random(bounds_ms[std::min<std::uint64_t>(random(12), 3)]) * 1ms;
 }
 
-Visit World::visit(Mission& mission, std::string_view name, Kind kind) {
-  const Fault fault = pass(kind, name);
-  const Visit visit{mission, name, fault, kind == 'o' ? latency() : Duration::zero(), now()};
-  mission.visit_begins(visit);
+Visit World::visit(Caller& caller, std::string_view name, unsigned places) {
+  const Fault fault = pass(places, name);
+  const Duration takes = places == place::operation ? latency() : Duration::zero();
+  const Visit visit{caller, std::string(name), fault, takes, now()};
+  caller.visit_begins(visit);
   return visit;
 }
 
 void World::enter(const Visit& visit) {
-  Mission& mission = visit.mission;
-  if (visit.fault == Fault::cancel_before) {
-    cancel(mission);
-    mission.was_cancelled_in_call = visit.name == "mouse" || visit.name == "keyboard";
+  Caller& caller = visit.caller;
+  if (visit.fault == "cancel_before"_fault) {
+    cancel(caller);
+    caller.was_cancelled_in_call = visit.name == "mouse" || visit.name == "keyboard";
   }
-  if (visit.fault != Fault::call_throws && visit.fault != Fault::call_throws_odd) return;
-  mission.visit_ended(visit);
-  std::rethrow_exception(mission.thrown(visit.fault, visit.name));
+  if (visit.fault != "call_throws"_fault && visit.fault != "call_throws_odd"_fault) return;
+  caller.visit_ended(visit);
+  std::rethrow_exception(caller.thrown(visit.fault, visit.name));
 }
 
-asio::awaitable<void> World::seam(Mission& mission, std::string_view name) {
-  const Visit begun = visit(mission, name);
+asio::awaitable<void> World::operation(Caller& caller, std::string_view name) {
+  const Visit begun = visit(caller, name);
   enter(begun);
   return perform(begun);
 }
 
 asio::awaitable<void> World::perform(Visit visit) {
-  Mission& mission = visit.mission;
+  Caller& caller = visit.caller;
+  const Fault& fault = visit.fault;
   const auto held = in_flight;
-  const auto at_end = [&visit](void*) { visit.mission.visit_ended(visit); };
+  const auto at_end = [&visit](void*) { visit.caller.visit_ended(visit); };
   const std::shared_ptr<void> alive(nullptr, at_end);
-  cancel_around(visit.fault, mission, visit.latency, 0, alive);
-  if (visit.fault == Fault::late) mission.patience += tick;
-  if (visit.fault == Fault::stubborn) mission.patience += clean_up_time;
-  const bool hangs = visit.fault == Fault::hang || visit.fault == Fault::stubborn;
-  if (hangs && visit.name != "create" && !mission.in_unit(visit.name)) mission.has_unbounded_hang = true;
-  switch (visit.fault) {
-    case Fault::hang: co_await time->sleep_ranked(never, 0); break;
-    case Fault::stubborn:
-      co_await asio::this_coro::throw_if_cancelled(false);
-      try {
-        co_await time->sleep_ranked(never, 0);
-      } catch (const boost::system::system_error&) {
-        trace("stubborn " + std::string(visit.name));
-      }
-      co_await asio::this_coro::reset_cancellation_state(asio::enable_total_cancellation());
-      co_await asio::this_coro::throw_if_cancelled(true);
-      co_await time->sleep_ranked(clean_up_time, 0);
-      break;
-    case Fault::late:
-    case Fault::deadline_first:
-    case Fault::deadline_last: co_await time->until_limit(visit); break;
-    default:
-      // Most of what takes no time does not suspend either.
-      if (visit.latency != 0s || visit.fault >= Fault::cancel_during) co_await time->sleep_ranked(visit.latency, 0);
+  cancel_around(fault, caller, visit.latency, 0, alive);
+  if (fault == "late"_fault) caller.patience += tick;
+  if (fault == "stubborn"_fault) caller.patience += clean_up_time;
+  const bool hangs = fault == "hang"_fault || fault == "stubborn"_fault;
+  if (hangs && visit.name != "create" && !caller.in_step_limit(visit.name)) caller.has_unbounded_hang = true;
+  if (fault == "hang"_fault) {
+    co_await time->sleep_ranked(never, 0);
+  } else if (fault == "stubborn"_fault) {
+    co_await asio::this_coro::throw_if_cancelled(false);
+    try {
+      co_await time->sleep_ranked(never, 0);
+    } catch (const boost::system::system_error&) {
+      trace("stubborn " + visit.name);
+    }
+    co_await asio::this_coro::reset_cancellation_state(asio::enable_total_cancellation());
+    co_await asio::this_coro::throw_if_cancelled(true);
+    co_await time->sleep_ranked(clean_up_time, 0);
+  } else if (fault == "deadline_first"_fault || fault == "deadline_last"_fault || fault == "late"_fault) {
+    co_await time->until_limit(visit);
+  } else if (visit.latency != 0s || cancels_around(fault) || fault == "loop_ends"_fault) {
+    co_await time->sleep_ranked(visit.latency, 0);  // an operation that takes no time does not suspend, as a rule
   }
-  if (planned_error(visit.fault).error) std::rethrow_exception(mission.thrown(visit.fault, visit.name));
+  if (fault.make_error) std::rethrow_exception(caller.thrown(fault, visit.name));
 }
 
-void World::cancel(Mission& mission) {
-  if (!mission.has_started || mission.has_ended || mission.cancelled_at) return;
-  trace("cancel " + mission.id);
-  mission.cancelled_at = now();
-  mission.may_still_return = in_append;
-  // By the usual request, by the weakest, or by the one and then the other, which
-  // Asio's coroutines remember in its place.
-  if (spec.seed % 3 != 1) mission.signal.emit(asio::cancellation_type::terminal);
-  if (spec.seed % 3 != 0) mission.signal.emit(asio::cancellation_type::total);
+void World::cancel(Caller& caller, bool may_still_return) {
+  if (!caller.has_started || caller.has_ended || caller.cancelled_at) return;
+  trace("cancel " + caller.id);
+  caller.cancelled_at = now();
+  caller.may_still_return = may_still_return;
+  // By a terminal request, by a total one (weaker), or by both: Asio's coroutines
+  // remember only the later of the two.
+  if (spec.seed % 3 != 1) caller.signal.emit(asio::cancellation_type::terminal);
+  if (spec.seed % 3 != 0) caller.signal.emit(asio::cancellation_type::total);
 }
 
-void World::cancel_soon(Mission& mission) {
-  if (io) asio::post(*io, [this, &mission] { cancel(mission); });
-}
-
-void World::cancel_around(Fault fault, Mission& mission, Duration duration, int rank,
+void World::cancel_around(const Fault& fault, Caller& caller, Duration duration, int rank,
                           const std::shared_ptr<void>& alive) {
-  if (fault < Fault::cancel_during || fault > Fault::cancel_last) return;
-  const auto when = fault == Fault::cancel_during ? std::min<Duration>(duration / 2, 50ms) : duration;
-  time->at(when, fault == Fault::cancel_last ? rank + 1 : rank - 1,
-           [this, &mission, weak = std::weak_ptr<void>(alive)] {
-             if (!weak.expired()) cancel_soon(mission);
+  if (!cancels_around(fault)) return;
+  const auto when = fault == "cancel_during"_fault ? std::min<Duration>(duration / 2, 50ms) : duration;
+  time->at(when, fault == "cancel_last"_fault ? rank + 1 : rank - 1,
+           [this, &caller, weak = std::weak_ptr<void>(alive)] {
+             if (!weak.expired()) cancel_soon(caller);
            });
 }
 
-Mission& World::any_mission() {
-  return *missions[missions.size() == 1 ? 0 : random(missions.size())];
+Caller& World::any_caller() {
+  return *callers[callers.size() == 1 ? 0 : random(callers.size())];
 }
 
-Mission& World::mission_named(std::string_view id) {
-  for (auto& mission : missions)
-    if (mission->id == id) return *mission;
-  throw std::logic_error("no mission is named " + std::string(id));
+Caller& World::caller_named(std::string_view id) {
+  for (auto& caller : callers)
+    if (caller->id == id) return *caller;
+  throw std::logic_error("no caller is named " + std::string(id));
 }
 
 bool World::all_ended() const {
-  return std::all_of(missions.begin(), missions.end(), [](const auto& m) { return m->has_ended; });
+  return std::all_of(callers.begin(), callers.end(), [](const auto& m) { return m->has_ended; });
 }
 
 void World::run() {
   bool was_checked = false;
-  while (!ends_loop_ && planned("turn", report.turns) != Fault::loop_ends) {
-    if (step()) continue;
+  while (!ends_loop_ && planned("turn", report.turns) != "loop_ends"_fault) {
+    if (take_turn()) continue;
     if (all_ended() && !std::exchange(was_checked, true)) {
       expect(time->next_limit() == never, "10. a timer was left running");
       expect(in_flight.use_count() == 1, "10. an operation was left running");
     }
     if (time->advance() || cancel_all()) continue;
-    expect(all_ended(), "9. a cancellation was ignored: the mission never ends");
+    expect(all_ended(), "9. a cancellation was ignored: the caller never ends");
     io->restart();
     io->poll();
     expect(io->stopped(), "10. the event loop still has work");
@@ -203,30 +207,30 @@ void World::run() {
 }
 
 // One handler of the event loop, or what the worker does until it needs the loop.
-bool World::step() {
+bool World::take_turn() {
   io->restart();
-  if (planned("turn", report.turns) == Fault::cancel_before) cancel_soon(any_mission());
+  if (planned("turn", report.turns) == "cancel_before"_fault) cancel_soon(any_caller());
   try {
     if (io->poll_one() > 0) return ++report.turns > 0;
   } catch (...) {
     expect(false, "9. an error came out of the event loop");
     return true;
   }
-  return (std::exchange(can_go_on_, false) || !stands_for_) && let_worker_run();
+  return (std::exchange(can_go_on_, false) || !pauses_for_) && let_worker_run();
 }
 
-// What nothing else ends.
+// Those that nothing else ends.
 bool World::cancel_all() {
   bool cancelled = false;
-  for (auto& mission : missions) {
-    if (mission->has_ended || mission->cancelled_at) continue;
-    mission->was_stalled = cancelled = true;
-    cancel_soon(*mission);
+  for (auto& caller : callers) {
+    if (caller->has_ended || caller->cancelled_at) continue;
+    caller->was_stalled = cancelled = true;
+    cancel_soon(*caller);
   }
   return cancelled;
 }
 
-// With whatever still waits on it.
+// Destroys it with whatever still waits on it.
 void World::end_loop() {
   trace("the event loop ends");
   gone_at = now();
@@ -236,15 +240,15 @@ void World::end_loop() {
   expect(in_flight.use_count() == 1, "10. an operation outlived the event loop");
 }
 
-// Until it has done its job or stands in the middle of it. What it tells the loop
-// then is waited for, so that it comes in its turn and no other.
+// Until it has done its job or pauses in the middle of it. Then waits for its message to
+// the event loop, so that it always arrives in the same turn.
 bool World::let_worker_run() {
   if (jobs.empty()) return false;
-  stands_for_.reset();
+  pauses_for_.reset();
   to_worker.release();
   to_loop.acquire();
-  if (stands_for_ && io) time->at(*stands_for_, 0, [this] { can_go_on_ = true; });
-  if (stands_for_) return true;
+  if (pauses_for_ && io) time->at(*pauses_for_, 0, [this] { can_go_on_ = true; });
+  if (pauses_for_) return true;
   const bool is_awaited = !jobs.front().expired();
   jobs.pop_front();
   if (!is_awaited || !io) return true;
@@ -253,8 +257,8 @@ bool World::let_worker_run() {
   return true;
 }
 
-void World::worker_stands(Duration duration) {
-  stands_for_ = duration;
+void World::worker_pauses(Duration duration) {
+  pauses_for_ = duration;
   to_loop.release();
   to_worker.acquire();
 }

@@ -7,50 +7,60 @@
 #include <thread>
 
 #include "tests/support/virtual_time.hpp"
-#include "tests/world/plan.hpp"
+#include "tests/world/fault.hpp"
+#include "tests/world/scenario.hpp"
 
 /// @file
-/// A world in which nothing happens by chance: one event loop in virtual time, on
-/// which every place where the library can fail or suspend is numbered as it is
-/// passed and can be given a fault.
+/// A world in which nothing happens by chance: one event loop in virtual time. Every
+/// place where the library can fail or suspend is numbered as it is passed, and can be
+/// given a fault. See README.md.
 namespace vision::world {
 
 namespace asio = boost::asio;
-using namespace std::chrono_literals;
-using runtime::Duration;
 
-constexpr Duration tick = 1ns, never = 24h * 365 * 50, clean_up_time = 100ms;
+constexpr Duration tick = 1ns, clean_up_time = 100ms;
 
 class World;
-struct Mission;
+struct Caller;
+
+/// What makes one run. The same run leaves the same trace.
+struct Run {
+  const Scenario* scenario = nullptr;  ///< null for a world of several callers and seeded faults
+  /// Decides latencies (0: 100 ms each, 1: none) and how the caller cancels (in turn by a
+  /// terminal request, a total one, or both).
+  std::uint64_t seed = 0;
+  std::string plan = {};  ///< faults and what they hit: "seam12:hang,turn20:loop_ends"
+  bool prints_trace = false;
+};
 
 /// What became of a run.
 struct Report {
-  std::size_t turns = 0;    ///< handlers that the event loop ran
-  std::vector<Kind> seams;  ///< in the order in which they were passed
+  std::size_t turns = 0;        ///< handlers that the event loop ran
+  std::vector<unsigned> seams;  ///< the places of each, in the order in which they were passed
   std::uint64_t hash = 1469598103934665603u;
   std::vector<std::string> violations;  ///< breaches of a promise, "number. text"
 };
 
-/// One visit of the library to a party.
+/// One visit of the library to a caller's page, model or code.
 struct Visit {
-  Mission& mission;
-  std::string_view name;
+  Caller& caller;
+  std::string name;
   Fault fault;
   Duration latency, start;
 };
 
-/// The virtual clock. The library's timers are seams; of what ends in one instant
-/// they come last, but for what is to come after them.
+/// The virtual clock. The library's timers are seams. At one instant they fire last,
+/// except for what a fault puts after them.
 class Time : public test::VirtualTime {
  public:
-  Time(World& world, asio::io_context& io) : VirtualTime(io), world_(world) {}
-  asio::awaitable<void> sleep(Duration duration) override;
-  asio::awaitable<void> wait(Duration duration) override { return TimeSource::wait(duration); }
-  /// Until the next of the library's timers fires, as `visit`'s fault says; for the
-  /// visit's latency when none is running.
-  asio::awaitable<void> until_limit(const Visit& visit);
-  /// Jumps to the next instant. False when nothing is due, ever.
+  explicit Time(World& world) : world_(world) {}
+  using VirtualTime::call_after;
+  std::unique_ptr<runtime::Timer> call_after(const asio::any_io_executor& executor, Duration delay,
+                                             std::function<void()> callback) override;
+  /// Waits until the library's next timer fires, or just before or after, as the fault
+  /// of `visit` says; for the visit's latency when no timer is running.
+  asio::awaitable<void> until_limit(Visit visit);
+  /// Jumps to the next instant. Returns false when nothing will ever be due.
   bool advance();
   /// When the next of the library's timers fires; `never` when none is running.
   Duration next_limit();
@@ -62,40 +72,39 @@ class Time : public test::VirtualTime {
 
 class World {
  public:
-  /// Throws std::invalid_argument when the plan names a fault that is none.
+  /// Throws std::invalid_argument when the plan names an unknown fault.
   explicit World(const Run& run);
   ~World();
 
-  /// The one that runs, for the seams that no party owns.
+  /// The running world, for seams that do not belong to a caller.
   static inline World* current = nullptr;
 
-  /// Numbers a seam and gives its fault. On the worker thread too.
-  Fault pass(Kind kind, std::string_view name);
-  /// A seam of a party: begins it, ...
-  Visit visit(Mission& mission, std::string_view name, Kind kind = 'o');
+  /// Numbers a seam and returns its fault. On the worker thread too.
+  Fault pass(unsigned places, std::string_view name);
+  /// A caller's seam that may suspend.
+  asio::awaitable<void> operation(Caller& caller, std::string_view name);
+  /// One that does not.
+  void call(Caller& caller, std::string_view name) { enter(visit(caller, name, place::call)); }
+  /// The same in three parts: begins the visit, ...
+  Visit visit(Caller& caller, std::string_view name, unsigned places = place::operation);
   /// ... throws what is thrown before there is an awaitable, ...
   void enter(const Visit& visit);
-  /// ... does the rest, which may suspend.
+  /// ... does the rest.
   asio::awaitable<void> perform(Visit visit);
-  /// A seam of a party that does not suspend.
-  void call(Mission& mission, std::string_view name) { enter(visit(mission, name, 'c')); }
-  /// All of it.
-  template <class T>
-  asio::awaitable<T> seam(Mission& mission, std::string_view name, T value) {
-    return with_value(seam(mission, name), std::move(value));
-  }
-  asio::awaitable<void> seam(Mission& mission, std::string_view name);
 
   /// The caller cancels: within a handler of the event loop, in a handler of its own,
-  /// or around the end of `duration`, as `fault` says, if `alive` is still then.
-  void cancel(Mission& mission);
-  void cancel_soon(Mission& mission);
-  void cancel_around(Fault fault, Mission& mission, Duration duration, int rank, const std::shared_ptr<void>& alive);
-  /// The mission that a seam without an owner is said to belong to.
-  Mission& any_mission();
-  Mission& mission_named(std::string_view id);
+  /// or around the end of `duration`, as `fault` says, if `alive` still exists then.
+  void cancel(Caller& caller, bool may_still_return = false);
+  void cancel_soon(Caller& caller) {
+    if (io) asio::post(*io, [this, &caller] { cancel(caller); });
+  }
+  void cancel_around(const Fault& fault, Caller& caller, Duration duration, int rank,
+                     const std::shared_ptr<void>& alive);
+  /// The caller to whom a fault of the worker or of a timer happens.
+  Caller& any_caller();
+  Caller& caller_named(std::string_view id);
 
-  /// Runs everything to its end, or destroys the event loop on the way; says what did
+  /// Runs everything to its end, or destroys the event loop on the way; reports what did
   /// not end.
   void run();
 
@@ -109,31 +118,24 @@ class World {
 
   // The worker thread, which runs only while the event loop stands still.
   bool on_worker() const { return std::this_thread::get_id() != loop_thread_; }
-  void worker_stands(Duration duration);
-  std::deque<std::weak_ptr<void>> jobs;  ///< that were handed over; of each, who waits for it
+  void worker_pauses(Duration duration);
+  std::deque<std::weak_ptr<void>> jobs;  ///< handed over; for each, whether it is still awaited
   std::binary_semaphore to_worker{0}, to_loop{0};
 
   const Run spec;
   Report report;
   std::optional<asio::io_context> io{std::in_place};
   std::shared_ptr<Time> time;
-  std::vector<std::unique_ptr<Mission>> missions;
+  std::vector<std::unique_ptr<Caller>> callers;
   std::optional<Duration> gone_at;  ///< when the event loop was destroyed
   /// Held by every operation that has not ended.
   const std::shared_ptr<void> in_flight = std::make_shared<int>();
-  int faulty_appends = 0;  ///< file operations of the log that were given a fault
-  int cut_writes = 0, faulty_removals = 0;
-  std::set<int> descriptors;  ///< that the library holds open
-  bool in_append = false;     ///< a record is being written; after the last one nothing is awaited
+  int faulty_appends = 0, cut_writes = 0, faulty_removals = 0;  ///< system calls that were given a fault
+  std::set<int> descriptors;                                    ///< that the library holds open
 
  private:
-  template <class T>
-  static asio::awaitable<T> with_value(asio::awaitable<void> operation, T value) {
-    co_await std::move(operation);
-    co_return value;
-  }
-  Fault planned(const char* place, std::size_t number) const;
-  bool step();
+  Fault planned(const char* what, std::size_t number) const;
+  bool take_turn();
   bool let_worker_run();
   bool all_ended() const;
   bool cancel_all();
@@ -142,7 +144,7 @@ class World {
   std::map<std::string, Fault> plan_;
   std::mt19937_64 rng_;
   bool ends_loop_ = false, can_go_on_ = false;
-  std::optional<Duration> stands_for_;  // the worker, in the middle of its job
+  std::optional<Duration> pauses_for_;  // the worker, in the middle of its job
   const std::thread::id loop_thread_ = std::this_thread::get_id();
 };
 

@@ -7,7 +7,7 @@
 
 #include "tests/support/environment.hpp"
 #include "tests/support/log_capture.hpp"
-#include "tests/world/mission.hpp"
+#include "tests/world/caller.hpp"
 
 namespace vision::world {
 namespace {
@@ -27,9 +27,9 @@ void check_fixtures(World& world) {
   world.expect(partial <= world.faulty_removals, "10. a partial fixture was left behind");
 }
 
-// One mission; or without a scenario several on one client with a small budget,
-// begun one after the other.
-Report perform(const Run& run) {
+// One caller; without a scenario, several that start one after the other on one client
+// with a small budget.
+Report play(const Run& run) {
   World world(run);
   const bool is_random = !run.scenario;
   const bool fixtures = is_random ? world.random(4) == 0 : run.scenario->with.fixtures;
@@ -38,15 +38,15 @@ Report perform(const Run& run) {
   const std::uint64_t count = is_random ? 2 + world.random(4) : 1;
   for (std::uint64_t i = 0; i < count; ++i) {
     const Scenario& scenario = is_random ? scenarios()[world.random(scenarios().size())] : *run.scenario;
-    world.missions.push_back(std::make_unique<Mission>(world, "m" + std::to_string(i), scenario));
+    world.callers.push_back(std::make_unique<Caller>(world, "c" + std::to_string(i), scenario));
   }
   std::filesystem::remove(log_path);
   std::filesystem::remove("logs");
   if (fixtures) std::filesystem::remove_all(fixture_folder);
   const test::ScopedEnv harvest("KX_VISION_FIXTURE_AUTO", fixtures ? "1" : "0");
-  for (auto& mission : world.missions) {
-    if (!is_random) start(*mission, host.client);
-    if (is_random) world.time->at(world.latency(), 0, [&, m = mission.get()] { start(*m, host.client); });
+  for (auto& caller : world.callers) {
+    if (!is_random) start(*caller, host.client);
+    if (is_random) world.time->at(world.latency(), 0, [&, m = caller.get()] { start(*m, host.client); });
   }
   world.run();
   check(world, host, test::read_lines(log_path));
@@ -54,21 +54,20 @@ Report perform(const Run& run) {
   return world.report;
 }
 
+std::string replay_line(const Run& run) {
+  return "world_test replay " + (run.scenario ? run.scenario->name : "random") + " " + std::to_string(run.seed) +
+         (run.plan.empty() ? "" : " ") + run.plan;
+}
+
 const Run* running = nullptr;
 
-void print_replay(const Run& run) {
-  const std::string name = run.scenario ? run.scenario->name : "random";
-  std::cout << "world_test replay " << name << " " << run.seed << (run.plan.empty() ? "" : " ") << run.plan << "\n";
-}
-
-// What ends the whole program leaves the line, too.
+// A run that ends the whole program leaves its line, too.
 void print_running() {
-  if (running) print_replay(*running);
-  std::cout.flush();
+  if (running) std::cout << replay_line(*running) << std::endl;
 }
 
-std::string place(const char* what, std::size_t number) {
-  return what + std::to_string(number) + ":";
+std::string strike(const char* what, std::size_t number, const Fault& fault) {
+  return what + std::to_string(number) + ":" + std::string(fault.name);
 }
 
 struct Stopped {};
@@ -83,17 +82,16 @@ class Campaign {
       for (const std::uint64_t seed : {0U, 1U, 2U, 3U}) {
         const Report clean = take({&scenario, seed});
         for (std::size_t turn = 0; seed < 2 && turn < clean.turns; ++turn)
-          for (const Fault fault : faults_of('T')) take({&scenario, seed, place("turn", turn) + name_of(fault)});
+          for (const Fault& fault : faults_at(place::turn)) take({&scenario, seed, strike("turn", turn, fault)});
         for (std::size_t i = 0; i < clean.seams.size(); ++i)
-          for (const Fault fault : faults_of(clean.seams[i]))
-            take({&scenario, seed, place("seam", i) + name_of(fault)});
+          for (const Fault& fault : faults_at(clean.seams[i])) take({&scenario, seed, strike("seam", i, fault)});
       }
     }
   }
 
-  // Every pair of seams that a run can pass, the second counted under the first's
-  // fault. One that ends the run early leaves the later seams to the next kind; most
-  // faults of a timer do, so that some pairs do not exist.
+  // Every pair of seams that a run can pass, the second as numbered under the first's
+  // fault. A first fault that ends the run early leaves the later seams to the next fault.
+  // Most faults of a timer do, so some pairs do not exist.
   void pairs(std::uint64_t rounds) {
     for (const Scenario& scenario : scenarios()) {
       const auto seams = take({&scenario}).seams;
@@ -115,33 +113,33 @@ class Campaign {
   }
 
  private:
-  void pairs_with(const Scenario& scenario, std::size_t i, const std::vector<Kind>& seams, std::size_t offset) {
-    const auto& kinds = faults_of(seams[i]);
+  void pairs_with(const Scenario& scenario, std::size_t i, const std::vector<unsigned>& seams, std::size_t offset) {
+    const auto faults_here = faults_at(seams[i]);
     std::size_t next = i + 1;
-    for (std::size_t k = 0; k < kinds.size() && next < seams.size(); ++k) {
-      const std::string first = place("seam", i) + name_of(kinds[(offset + k) % kinds.size()]);
+    for (std::size_t k = 0; k < faults_here.size() && next < seams.size(); ++k) {
+      const std::string first = strike("seam", i, faults_here[(offset + k) % faults_here.size()]);
       const auto rest = take({&scenario, 0, first}).seams;
       for (; next < rest.size(); ++next) {
-        const auto& others = faults_of(rest[next]);
-        const Fault second = others[(offset + k + next * 3) % others.size()];
-        take({&scenario, 0, first + "," + place("seam", next) + name_of(second)});
+        const auto others = faults_at(rest[next]);
+        const Fault& second = others[(offset + k + next * 3) % others.size()];
+        take({&scenario, 0, first + "," + strike("seam", next, second)});
       }
     }
   }
 
-  // Runs it; every eighth run twice, which must not differ.
+  // Plays it; every eighth run twice, which must not differ.
   Report take(const Run& run) {
     running = &run;
-    Report report = perform(run);
+    Report report = play(run);
     if ((run.seed == 0 || !run.scenario) && run.plan.empty()) seams_ += report.seams.size();
-    const bool differs = ++runs_ % 8 == 0 && perform(run).hash != report.hash;
+    const bool differs = ++runs_ % 8 == 0 && play(run).hash != report.hash;
     if (differs) report.violations.push_back("the same run went another way");
     running = nullptr;
     if (report.violations.empty()) return report;
     ++failures_;
-    const auto is_new = [&](const auto& text) { return ++messages_[text.substr(0, text.find(" (m"))] == 1; };
+    const auto is_new = [&](const auto& text) { return ++messages_[text.substr(0, text.find(" (c"))] == 1; };
     if (std::count_if(report.violations.begin(), report.violations.end(), is_new) > 0) {
-      print_replay(run);
+      std::cout << replay_line(run) << "\n";
       for (const auto& violation : report.violations) std::cout << "  " << violation << "\n";
     }
     if (stops_at_first_) throw Stopped();
@@ -155,45 +153,41 @@ class Campaign {
 };
 
 int replay(const std::string& name, std::uint64_t seed, const std::string& plan) {
-  const auto has_name = [&](const Scenario& scenario) { return scenario.name == name; };
-  const auto found = std::find_if(scenarios().begin(), scenarios().end(), has_name);
-  const bool is_known = found != scenarios().end();
-  if (!is_known && name != "random") throw std::invalid_argument("no scenario is named \"" + name + "\"");
-  const Report report = perform({is_known ? &*found : nullptr, seed, plan, true});
+  const Scenario* scenario = nullptr;
+  for (const Scenario& each : scenarios())
+    if (each.name == name) scenario = &each;
+  if (!scenario && name != "random") throw std::invalid_argument("no scenario is named \"" + name + "\"");
+  const Report report = play({scenario, seed, plan, true});
   for (const auto& violation : report.violations) std::cout << violation << "\n";
   std::cout << "trace " << std::hex << report.hash << "\n";
   return report.violations.empty() ? 0 : 1;
 }
 
-int run(std::vector<std::string> words) {
+int command(std::vector<std::string> words) {
   test::TestRegistry::instance();
   const test::LogCapture log(spdlog::level::off);
   if (std::filesystem::is_directory("/dev/shm")) ::setenv("TMPDIR", "/dev/shm", 0);  // in memory: ten times as fast
   const test::ScratchDirectory directory;
   const test::ScopedEnv path("KX_VISION_SHADOW_LOG", log_path);
-  const auto stop = std::find(words.begin(), words.end(), "--first");
-  Campaign campaign(stop != words.end());
-  words.erase(stop, stop == words.end() ? stop : stop + 1);
+  Campaign campaign(std::erase(words, "--first") > 0);
   words.resize(4);
   const auto number = [&](std::size_t i, std::uint64_t fallback) {
     return words[i].empty() ? fallback : std::stoull(words[i]);
   };
-  if (words[0] == "replay") return replay(words[1], number(2, 0), words[3]);
+  const std::string& what = words[0];
+  if (what == "replay") return replay(words[1], number(2, 0), words[3]);
+  if (what != "single" && what != "pairs" && what != "random") {
+    throw std::invalid_argument(
+        "usage: world_test single | pairs [ROUNDS] | random [COUNT [FIRST_SEED]], and --first to stop early\n"
+        "       world_test replay SCENARIO SEED [seamN:FAULT,turnN:FAULT...]");
+  }
   try {
-    if (words[0] == "single") {
-      campaign.singles();
-    } else if (words[0] == "pairs") {
-      campaign.pairs(number(1, 1));
-    } else if (words[0] == "random") {
-      campaign.random(number(1, 400), number(2, 1000));
-    } else {
-      throw std::invalid_argument(
-          "usage: world_test single | pairs [ROUNDS] | random [COUNT [FIRST_SEED]], and --first to stop early\n"
-          "       world_test replay SCENARIO SEED [seamN:FAULT,turnN:FAULT...]");
-    }
+    if (what == "single") campaign.singles();
+    if (what == "pairs") campaign.pairs(number(1, 1));
+    if (what == "random") campaign.random(number(1, 400), number(2, 1000));
   } catch (const Stopped&) {
   }
-  return campaign.finish(words[0]);
+  return campaign.finish(what);
 }
 
 }  // namespace
@@ -202,19 +196,20 @@ int run(std::vector<std::string> words) {
 extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
 
 int main(int argc, char** argv) {
+  using namespace vision::world;
   if (__sanitizer_set_death_callback) {
-    __sanitizer_set_death_callback(vision::world::print_running);
+    __sanitizer_set_death_callback(print_running);
   } else {
     for (const int fatal : {SIGSEGV, SIGABRT}) {
       std::signal(fatal, [](int signal) {
-        vision::world::print_running();
+        print_running();
         std::signal(signal, SIG_DFL);
         std::raise(signal);
       });
     }
   }
   try {
-    return vision::world::run({argv + 1, argv + argc});
+    return command({argv + 1, argv + argc});
   } catch (const std::exception& e) {
     std::cerr << "world_test: " << e.what() << "\n";
     return 2;

@@ -1,5 +1,7 @@
 #include "vision/client/api_error.hpp"
 
+#include <cassert>
+
 namespace vision {
 
 void throw_status_error(const std::string& message, APIStatusError::Details details) {
@@ -20,6 +22,7 @@ void throw_status_error(const std::string& message, APIStatusError::Details deta
 }
 
 bool is_transport_error(const std::exception_ptr& error) noexcept {
+  assert(error);
   try {
     std::rethrow_exception(error);
   } catch (const APIConnectionError&) {

@@ -15,9 +15,9 @@ namespace vision {
 class Seconds {
  public:
   /// Seconds given as an integer, shown without a point: 8. Implicit, so that a
-  /// plain number can be passed.
+  /// plain number can be passed; a bool does not compile.
   template <std::integral T>
-  Seconds(T value) : value_(static_cast<double>(value)), is_integer_(true) {}
+  requires(!std::same_as<T, bool>) Seconds(T value) : value_(static_cast<double>(value)), is_integer_(true) {}
   /// Seconds given as a real, shown with a point: 20.0.
   template <std::floating_point T>
   Seconds(T value) : value_(static_cast<double>(value)), is_integer_(false) {}
@@ -39,25 +39,33 @@ class AskOptions {
   AskOptions() {}
 
   /// Task text instead of the default task line. Absent and empty mean the default.
-  AskOptions& prompt(std::optional<std::string> value) {
+  AskOptions& prompt(std::optional<std::string> value) & {
     prompt_ = std::move(value);
     return *this;
   }
   /// Forces the heavy model. Default false.
-  AskOptions& high_stakes(bool value = true) {
+  AskOptions& high_stakes(bool value) & {
     high_stakes_ = value;
     return *this;
   }
   /// Time-out of each attempt in seconds. Default DEFAULT_TIMEOUT_S, which also
-  /// stands in for a NaN or an infinity. At zero or below the attempt times out
-  /// as soon as it waits.
-  AskOptions& timeout_s(Seconds value);
+  /// replaces a NaN or an infinity. At zero or below the attempt times out as
+  /// soon as it waits.
+  AskOptions& timeout_s(Seconds value) &;
   /// Whether a transport error is tried once more. Default true; `act` always
   /// retries.
-  AskOptions& transport_retry(bool value) {
+  AskOptions& transport_retry(bool value) & {
     transport_retry_ = value;
     return *this;
   }
+
+  ///@{
+  /// The setters on a temporary, which they return by value.
+  AskOptions prompt(std::optional<std::string> value) && { return std::move(prompt(std::move(value))); }
+  AskOptions high_stakes(bool value) && { return std::move(high_stakes(value)); }
+  AskOptions timeout_s(Seconds value) && { return std::move(timeout_s(value)); }
+  AskOptions transport_retry(bool value) && { return std::move(transport_retry(value)); }
+  ///@}
 
   ///@{
   /// The value that was set, or its default.

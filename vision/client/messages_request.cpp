@@ -1,6 +1,7 @@
 #include "vision/client/messages_request.hpp"
 
 #include <boost/json/array.hpp>
+#include <cassert>
 
 #include "vision/client/internal/system_prompt.hpp"
 #include "vision/text/internal/base64.hpp"
@@ -11,6 +12,7 @@ namespace vision {
 MessagesRequest::MessagesRequest(std::string model, std::shared_ptr<const std::string> prefix, Bytes image,
                                  std::string_view user_text)
     : model_(std::move(model)), prefix_(std::move(prefix)), image_(std::move(image)) {
+  assert(prefix_);
   suffix_.reserve(user_text.size() + user_text.size() / 16 + 64);  // a line's end takes two characters
   suffix_ = "\"}}, {\"type\": \"text\", \"text\": ";
   text::append_json_string(suffix_, user_text);

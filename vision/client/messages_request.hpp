@@ -14,7 +14,8 @@ namespace vision {
 /// whole. A value; copies share the image and the prefix.
 class MessagesRequest {
  public:
-  /// `prefix` is `request_prefix(model)`, rendered once per model by its user.
+  /// `prefix`, which must not be null, is `request_prefix(model)`, rendered once per
+  /// model by the caller.
   MessagesRequest(std::string model, std::shared_ptr<const std::string> prefix, Bytes image,
                   std::string_view user_text);
 

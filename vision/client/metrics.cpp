@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "vision/settings/settings.hpp"
+#include "vision/settings/internal/defaults.hpp"
 #include "vision/text/internal/utf8.hpp"
 
 namespace vision {
@@ -18,10 +18,15 @@ std::int64_t saturating_sum(std::int64_t a, std::int64_t b) {
   return b > 0 ? std::numeric_limits<std::int64_t>::max() : std::numeric_limits<std::int64_t>::min();
 }
 
-double price_of(const detail::PriceMap& prices, const std::string& model, double fallback) {
-  const auto found =
-      std::find_if(prices.begin(), prices.end(), [&](const auto& entry) { return entry.first == model; });
-  return found == prices.end() ? fallback : found->second;
+double price_of(const detail::PriceMap& (*prices)(), const std::string& model, double fallback) noexcept {
+  try {
+    for (const auto& [name, price] : prices()) {
+      if (name == model) return price;
+    }
+    return fallback;
+  } catch (...) {
+    return fallback;  // the host has not named its models yet
+  }
 }
 
 }  // namespace
@@ -62,7 +67,7 @@ double VisionMetrics::p95() const {
   return *nth;
 }
 
-double VisionMetrics::estimated_cost_usd() const {
+double VisionMetrics::estimated_cost_usd() const noexcept {
   constexpr double per_million = 1000000;
   constexpr double fallback_input = 5.0, fallback_output = 25.0;
   const auto calls = static_cast<double>(std::max<std::int64_t>(call_count, 1));
@@ -70,8 +75,8 @@ double VisionMetrics::estimated_cost_usd() const {
   const double avg_out = static_cast<double>(total_output_tokens) / calls;
   double cost = 0.0;
   for (const auto& [model, count] : by_model) {
-    const double in_rate = price_of(detail::COST_PER_MTOK_INPUT(), model, fallback_input) / per_million;
-    const double out_rate = price_of(detail::COST_PER_MTOK_OUTPUT(), model, fallback_output) / per_million;
+    const double in_rate = price_of(detail::COST_PER_MTOK_INPUT, model, fallback_input) / per_million;
+    const double out_rate = price_of(detail::COST_PER_MTOK_OUTPUT, model, fallback_output) / per_million;
     cost += static_cast<double>(count) * (avg_in * in_rate + avg_out * out_rate);
   }
   return cost;

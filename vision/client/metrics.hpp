@@ -58,9 +58,11 @@ class VisionMetrics {
   /// sorted latencies; 0.0 without calls.
   double p95() const;
 
-  /// US dollars: each model's calls at the run's average tokens per call and the
-  /// model's price (light 3 / 15, any other 5 / 25 per million tokens in / out).
-  double estimated_cost_usd() const;
+  /// An estimate in US dollars: each model's calls at the run's average tokens per call
+  /// and the model's price per million tokens in and out. It knows two prices: 3 and 15
+  /// for the light model, 5 and 25 for any other, and for all while no model registry
+  /// has been supplied. Never throws.
+  double estimated_cost_usd() const noexcept;
 
   /// Back to an empty ledger, the containers emptied in place.
   void reset() noexcept;

@@ -3,13 +3,13 @@
 #include <boost/asio/awaitable.hpp>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 
 #include "vision/client/ask_options.hpp"
+#include "vision/client/http/http_options.hpp"
 #include "vision/client/messages_client.hpp"
 #include "vision/client/metrics.hpp"
 #include "vision/records/action_result.hpp"
@@ -22,7 +22,7 @@ namespace vision {
 
 class BrowserPage;
 namespace detail {
-class ClientInMode;
+class ClientCore;
 }
 
 /// A hook that sees the result of every response, that of one without a tool call
@@ -39,29 +39,46 @@ class VisionClientOptions {
 
   /// The vendor API key. Absent and empty: the host registry's resolve_api_key,
   /// then ANTHROPIC_API_KEY.
-  VisionClientOptions& api_key(std::string value) {
+  VisionClientOptions& api_key(std::string value) & {
     api_key_ = std::move(value);
     return *this;
   }
-  /// Model for calls that nothing sends to the heavy one. Default MODEL_SONNET().
-  VisionClientOptions& default_model(std::string value) {
+  /// The model of calls for which nothing selects the heavy one. Default MODEL_SONNET().
+  VisionClientOptions& default_model(std::string value) & {
     default_model_ = std::move(value);
     return *this;
   }
   /// Calls allowed until the metrics are reset. Default DEFAULT_CALL_BUDGET.
-  VisionClientOptions& call_budget(std::int64_t value) {
+  VisionClientOptions& call_budget(std::int64_t value) & {
     call_budget_ = value;
     return *this;
   }
   /// Run on the result of each response, before the call returns. Default: none.
-  VisionClientOptions& on_action(OnAction value) {
+  VisionClientOptions& on_action(OnAction value) & {
     on_action_ = std::move(value);
     return *this;
   }
 
+  /// How the vendor is reached: endpoint, certificates, time-out. Not used with a
+  /// MessagesClient of the host's. Default: HttpOptions().
+  VisionClientOptions& http(HttpOptions value) & {
+    http_ = std::move(value);
+    return *this;
+  }
+
+  ///@{
+  /// The setters on a temporary, which they return by value.
+  VisionClientOptions api_key(std::string value) && { return std::move(api_key(std::move(value))); }
+  VisionClientOptions http(HttpOptions value) && { return std::move(http(std::move(value))); }
+  VisionClientOptions default_model(std::string value) && { return std::move(default_model(std::move(value))); }
+  VisionClientOptions call_budget(std::int64_t value) && { return std::move(call_budget(value)); }
+  VisionClientOptions on_action(OnAction value) && { return std::move(on_action(std::move(value))); }
+  ///@}
+
   ///@{
   /// The value that was set, or its default.
   const std::string& api_key() const noexcept { return api_key_; }
+  const HttpOptions& http() const noexcept { return http_; }
   const std::optional<std::string>& default_model() const noexcept { return default_model_; }
   std::int64_t call_budget() const noexcept { return call_budget_; }
   const OnAction& on_action() const noexcept { return on_action_; }
@@ -69,6 +86,7 @@ class VisionClientOptions {
 
  private:
   std::string api_key_;
+  HttpOptions http_;
   std::optional<std::string> default_model_;
   std::int64_t call_budget_ = DEFAULT_CALL_BUDGET;
   OnAction on_action_;
@@ -84,28 +102,32 @@ class VisionClientOptions {
 /// coroutine lets through, ends an operation at once with operation_aborted.
 class VisionClient {
  public:
-  /// Talks to the vendor over HTTPS with default settings. Throws
-  /// std::runtime_error when no API key is found or no model registry has been
-  /// supplied, std::invalid_argument when the key or ANTHROPIC_BASE_URL is
-  /// malformed.
+  /// Talks to the vendor through an HttpMessagesClient with the options' key and HTTP
+  /// options. Throws std::runtime_error when no API key is found or no model registry
+  /// has been supplied, std::invalid_argument when the key (the message says where it
+  /// came from), ANTHROPIC_BASE_URL or an HTTP option is malformed.
   explicit VisionClient(VisionClientOptions options = VisionClientOptions());
 
-  /// Talks through `client` (not null), which holds its own credentials; the
-  /// options' API key is not used. Throws std::runtime_error when no model
-  /// registry has been supplied.
+  /// Talks through `client`, which holds its own credentials; the options' API key and
+  /// HTTP options are not used. Throws std::invalid_argument when `client` is null,
+  /// std::runtime_error when no model registry has been supplied.
   explicit VisionClient(std::shared_ptr<MessagesClient> client, VisionClientOptions options = VisionClientOptions());
+
+  ~VisionClient();
+  VisionClient(const VisionClient&) = delete;  // it would have a second ledger, and so a second budget
+  VisionClient& operator=(const VisionClient&) = delete;
 
   /// The run's ledger: every call that passed the budget gate and reached a
   /// result, once. The pipeline reads and resets it.
   VisionMetrics metrics;
 
-  /// One vision call: sends the screenshot and the context, gives the model's
-  /// answer as a typed result. A time-out, a transport error (after one retry) or
+  /// One vision call: sends the screenshot and the context, returns the
+  /// model's answer as a typed result. A time-out, a transport error (after one retry) or
   /// any other error of the call comes back as a declare_failure result with the
-  /// cause in `reason`.
+  /// cause in `reason` and `cause`.
   ///
   /// Throws BudgetExceeded when `metrics` already counts the call budget, and
-  /// ConversionError when "attempts" in `flow_context` is no integer; nothing is
+  /// ConversionError when "attempts" in `flow_context` is not an integer; nothing is
   /// sent or recorded then. A call that is cancelled before its response has been
   /// read is not recorded; one that is cancelled in the hook has been.
   boost::asio::awaitable<ActionResult> ask(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
@@ -118,41 +140,20 @@ class VisionClient {
   ///
   /// Passes the page's error when it cannot take the screenshot; throws
   /// std::out_of_range for a viewport size without width or height, and
-  /// ConversionError for one that is no number.
+  /// ConversionError for one that is not a number.
   boost::asio::awaitable<std::pair<Bytes, ImgMeta>> screenshot(BrowserPage& page, bool full_page = false);
 
   /// Takes a screenshot and asks about it, with the transport retry on. The
   /// on_action hook sees a copy of `flow_context` that has a "viewport" entry (w,
-  /// h, dpr) unless the caller gave one. Errors as of `screenshot` and `ask`.
+  /// h, dpr) unless the caller's has one. Throws what `screenshot` and `ask` throw.
   boost::asio::awaitable<ActionResult> act(BrowserPage& page, const FlowContext& flow_context,
                                            AskOptions options = AskOptions());
 
+  /// The client's insides, for the modes. Not for hosts.
+  detail::ClientCore& _core() noexcept { return *core_; }
+
  private:
-  struct Call;
-  friend class detail::ClientInMode;
-  using Answer = std::unique_ptr<ActionResult>;  // by value it would have a place in every frame on its way
-
-  ActionResult _failure(std::string reason, const std::string& model, double latency_ms, std::int64_t in_tok = 0,
-                        std::int64_t out_tok = 0);
-  void _log_call(const ActionResult& result, const FlowContext& flow_context) const;
-
-  MessagesRequest make_request(Bytes image, const ImgMeta& img_meta, const FlowContext& flow_context,
-                               const AskOptions& options);
-  Answer accept(const boost::json::value& response, const Call& call, std::exception_ptr& error);
-  Answer give_up(const Call& call, const std::exception_ptr& error, bool is_last, const AskOptions& options);
-  boost::asio::awaitable<void> run_hook(const ActionResult& result, const FlowContext& flow_context);
-  boost::asio::awaitable<Answer> ask_owning(Bytes image, ImgMeta img_meta, const FlowContext& flow_context,
-                                            AskOptions options);
-  boost::asio::awaitable<Answer> ask_body(Bytes image, const ImgMeta& img_meta, const FlowContext& flow_context,
-                                          const AskOptions& options);
-  boost::asio::awaitable<std::pair<Bytes, ImgMeta>> screenshot_body(BrowserPage& page, bool full_page);
-  boost::asio::awaitable<Answer> act_body(BrowserPage& page, const FlowContext& flow_context, AskOptions options);
-
-  std::shared_ptr<MessagesClient> _client;
-  std::string _default_model;
-  std::int64_t _call_budget;
-  OnAction _on_action;
-  std::map<std::string, std::shared_ptr<const std::string>> prefixes_;  // per model: the default and the heavy one
+  const std::unique_ptr<detail::ClientCore> core_;
 };
 
 /// The process-wide client, built with all defaults by the first call that

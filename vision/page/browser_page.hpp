@@ -39,10 +39,15 @@ class ScreenshotOptions {
  public:
   ScreenshotOptions() {}
   /// The whole page instead of the viewport. Default false.
-  ScreenshotOptions& full_page(bool value) {
+  ScreenshotOptions& full_page(bool value) & {
     full_page_ = value;
     return *this;
   }
+  ///@{
+  /// The setters on a temporary, which they return by value.
+  ScreenshotOptions full_page(bool value) && { return std::move(full_page(value)); }
+  ///@}
+
   ///@{
   /// The value that was set, or its default.
   bool full_page() const noexcept { return full_page_; }
@@ -65,7 +70,7 @@ class BrowserPage {
   /// The viewport (or full page) as PNG bytes.
   virtual boost::asio::awaitable<Bytes> screenshot(ScreenshotOptions options) = 0;
   /// The value of a JavaScript expression in the page's main frame. A promise is
-  /// awaited; undefined and what has no JSON form become null.
+  /// awaited; undefined and values without a JSON form become null.
   virtual boost::asio::awaitable<boost::json::value> evaluate(std::string expression) = 0;
   /// A map with "width" and "height" in CSS pixels, or absent when the page has
   /// no fixed viewport. A remembered value, not a measurement.

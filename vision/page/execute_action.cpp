@@ -2,7 +2,8 @@
 
 #include <stdexcept>
 
-#include "vision/runtime/time.hpp"
+#include "vision/page/internal/carry_out.hpp"
+#include "vision/runtime/internal/await.hpp"
 
 namespace vision {
 namespace asio = boost::asio;
@@ -16,9 +17,16 @@ void require(bool present, const char* message) {
   if (!present) throw std::invalid_argument(message);
 }
 
+asio::awaitable<void> execute_body(BrowserPage& page, ActionResult result, ImgMeta img_meta) {
+  auto carried_out = co_await runtime::try_await(detail::carry_out(page, std::move(result), img_meta));
+  carried_out.value();  // or its error
+}
+
 }  // namespace
 
-asio::awaitable<void> execute_action(BrowserPage& page, ActionResult result, ImgMeta img_meta) {
+namespace detail {
+
+asio::awaitable<void> carry_out(BrowserPage& page, ActionResult result, ImgMeta img_meta) {
   const std::string_view action = result.action;
   if (action == ActionVerb::click) {
     require(result.x_ratio && result.y_ratio, "click action requires x_ratio + y_ratio");
@@ -40,6 +48,12 @@ asio::awaitable<void> execute_action(BrowserPage& page, ActionResult result, Img
     const std::int64_t ms = given_ms != 0 ? given_ms : default_wait_ms;
     co_await runtime::sleep_for(runtime::to_duration(static_cast<double>(ms) / 1000.0));
   }
+}
+
+}  // namespace detail
+
+asio::awaitable<void> execute_action(BrowserPage& page, ActionResult result, ImgMeta img_meta) {
+  return runtime::with_own_cancellation(execute_body(page, std::move(result), img_meta));
 }
 
 }  // namespace vision

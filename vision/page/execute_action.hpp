@@ -19,8 +19,9 @@ namespace vision {
 ///
 /// Verdicts and unknown verbs do nothing. Throws std::invalid_argument when the
 /// field that the action needs is absent, before anything was done; the page's
-/// own errors pass. `page` must outlive the operation. Terminal cancellation ends
-/// it with operation_aborted.
+/// own errors pass. `page` must outlive the operation. Cancellation of the
+/// caller, of any kind that its coroutine lets through, ends it with
+/// operation_aborted.
 boost::asio::awaitable<void> execute_action(BrowserPage& page, ActionResult result, ImgMeta img_meta);
 
 }  // namespace vision

@@ -11,7 +11,7 @@ namespace vision {
 /// caller and never touch it.
 struct ActionVerb {
   ///@{
-  /// The verb's text, as it stands in requests, results and records.
+  /// The verb's text, as requests, results and records contain it.
   static constexpr std::string_view click = "click";
   static constexpr std::string_view type = "type";
   static constexpr std::string_view scroll = "scroll";
@@ -26,7 +26,7 @@ struct ActionVerb {
   static constexpr std::array<std::string_view, 8> all = {
       click, type, scroll, key, wait, escalate_to_cua, declare_success, declare_failure};
 
-  /// Whether a verb is one of the last three. False for what is no verb.
+  /// Whether a verb is one of the last three. False for a text that is not a verb.
   static constexpr bool is_verdict(std::string_view verb) noexcept {
     return verb == escalate_to_cua || verb == declare_success || verb == declare_failure;
   }

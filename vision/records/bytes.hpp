@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -21,6 +22,12 @@ class Bytes {
     view_ = *held;
     owner_ = held;
   }
+  ///@{
+  /// Copies the bytes of a vector, an array or a span.
+  explicit Bytes(std::span<const unsigned char> bytes) : Bytes(std::string(bytes.begin(), bytes.end())) {}
+  explicit Bytes(std::span<const std::byte> bytes)
+      : Bytes(std::string(reinterpret_cast<const char*>(bytes.data()), bytes.size())) {}
+  ///@}
   /// Bytes that `owner` (not null) holds, and that stay as they are as long as it
   /// lives. The last copy releases it, on whichever thread that is.
   Bytes(std::string_view bytes, std::shared_ptr<const void> owner) : view_(bytes), owner_(std::move(owner)) {}

@@ -8,9 +8,9 @@
 namespace vision {
 
 /// What the host application supplies: the choice of models, and optionally
-/// where the API key comes from. Asked on whichever thread needs it first. What the
-/// model names throw passes to that caller; an error on the way to the key only
-/// means that the environment is asked next.
+/// where the API key comes from. Called on whichever thread needs it first. What
+/// VISION_LIGHT_MODEL and VISION_HEAVY_MODEL throw reaches that caller; after an error
+/// of "resolve_api_key" the environment is read instead.
 class ModelRegistry {
  public:
   virtual ~ModelRegistry() = default;
@@ -19,7 +19,7 @@ class ModelRegistry {
   /// Identifier of the heavy model, for high-stakes calls.
   virtual std::string VISION_HEAVY_MODEL() const = 0;
   /// An operation of the host by name, or null. The library asks for
-  /// "resolve_api_key", which gives the API key, possibly empty.
+  /// "resolve_api_key", which returns the API key; empty means that it knows none.
   virtual std::function<std::string()> core_attr(std::string_view name) const {
     (void)name;
     return nullptr;

@@ -8,6 +8,7 @@
 #include <optional>
 #include <stdexcept>
 
+#include "vision/settings/internal/defaults.hpp"
 #include "vision/settings/model_registry.hpp"
 #include "vision/text/internal/numbers.hpp"
 #include "vision/text/internal/utf8.hpp"
@@ -44,7 +45,7 @@ const Models& models() {
   }
   Models copy{registry->VISION_LIGHT_MODEL(), registry->VISION_HEAVY_MODEL()};
   if (copy.light.empty() || copy.heavy.empty()) {
-    throw std::runtime_error(std::string("vision: the model registry gives no ") +
+    throw std::runtime_error(std::string("vision: the model registry returns an empty ") +
                              (copy.light.empty() ? "VISION_LIGHT_MODEL" : "VISION_HEAVY_MODEL") + ".");
   }
   lock.lock();

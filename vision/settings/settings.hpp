@@ -3,8 +3,6 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 /// @file
 /// The library's tunables, fixed for the life of the process, and the tier
@@ -13,20 +11,8 @@ namespace vision {
 
 namespace detail {
 
-/// Reads a time-out in seconds as KX_VISION_TIMEOUT_S gives it: the default of
-/// 20.0 for null, an empty or unreadable text, and for a value that is not
-/// positive or not finite.
-double timeout_from_text(const char* text) noexcept;
-
 /// KX_VISION_TIMEOUT_S as it stood when it was first asked for.
 double default_timeout_s() noexcept;
-
-/// Prices in US dollars per million tokens, light model first. One entry, at
-/// the heavy price, when both have the same identifier.
-using PriceMap = std::vector<std::pair<std::string, double>>;
-PriceMap make_price_map(const std::string& light, double light_price, const std::string& heavy, double heavy_price);
-const PriceMap& COST_PER_MTOK_INPUT();
-const PriceMap& COST_PER_MTOK_OUTPUT();
 
 }  // namespace detail
 
@@ -49,7 +35,7 @@ inline constexpr double TRANSPORT_RETRY_DELAY_S = 1.5;
 inline constexpr double LOW_CONFIDENCE_THRESHOLD = 0.6;
 /// Calls allowed per run of the pipeline when the client is built without a budget.
 inline constexpr std::int64_t DEFAULT_CALL_BUDGET = 50;
-/// Step cap of the act loop when the caller gives none.
+/// Step cap of the act loop when the caller sets none.
 inline constexpr std::int64_t ACT_MAX_STEPS_DEFAULT = 8;
 /// Seconds the act loop lets the page settle after a click, type or key action;
 /// half of it after a scroll.

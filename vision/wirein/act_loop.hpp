@@ -21,50 +21,66 @@ class ActLoopOptions {
   ActLoopOptions(FlowContext flow_context, std::string hotspot_id)
       : flow_context_(std::move(flow_context)), hotspot_id_(std::move(hotspot_id)) {}
 
-  /// The mission brief, as written for a computer-use agent. Without it the model
-  /// sees the default task line of the workflow context.
-  ActLoopOptions& mission_prompt(std::string value) {
+  /// The mission brief, as written for a computer-use agent. Absent and empty: the
+  /// model sees the default task line of the workflow context.
+  ActLoopOptions& mission_prompt(std::optional<std::string> value) & {
     mission_prompt_ = std::move(value);
     return *this;
   }
   /// The client; it must outlive the call. Default: default_client().
-  ActLoopOptions& vision(VisionClient& value) {
+  ActLoopOptions& vision(VisionClient& value) & {
     vision_ = &value;
     return *this;
   }
-  /// The pipeline run, for records and fixture names.
-  ActLoopOptions& run_id(std::string value) {
+  /// The pipeline run, for records and fixture names. Default: absent.
+  ActLoopOptions& run_id(std::optional<std::string> value) & {
     run_id_ = std::move(value);
     return *this;
   }
   /// Forces the heavy model in every step. Default false.
-  ActLoopOptions& high_stakes(bool value = true) {
+  ActLoopOptions& high_stakes(bool value) & {
     high_stakes_ = value;
     return *this;
   }
   /// The step cap. Default ACT_MAX_STEPS_DEFAULT; below 1 no step is taken.
-  ActLoopOptions& max_steps(std::int64_t value) {
+  ActLoopOptions& max_steps(std::int64_t value) & {
     max_steps_ = value;
     return *this;
   }
   /// Asked before every step, on the event loop's thread; true ends the mission
   /// there. What it throws counts as false. Name a lambda with
   /// captures first: g++ 12 destroys one inside a co_await expression twice.
-  ActLoopOptions& should_abort(std::function<bool()> value) {
+  ActLoopOptions& should_abort(std::function<bool()> value) & {
     should_abort_ = std::move(value);
     return *this;
   }
   /// The same, answered later: what has not answered within the time limit of a step
   /// counts as false. Asked when no other is given.
-  ActLoopOptions& should_abort(std::function<boost::asio::awaitable<bool>()> value) {
+  ActLoopOptions& should_abort(std::function<boost::asio::awaitable<bool>()> value) & {
     should_abort_later_ = std::move(value);
     return *this;
   }
   /// Never touch the page: any proposed page action ends the mission. Default false.
-  ActLoopOptions& read_only(bool value = true) {
+  ActLoopOptions& read_only(bool value) & {
     read_only_ = value;
     return *this;
   }
+
+  ///@{
+  /// The setters on a temporary, which they return by value.
+  ActLoopOptions mission_prompt(std::optional<std::string> value) && {
+    return std::move(mission_prompt(std::move(value)));
+  }
+  ActLoopOptions vision(VisionClient& value) && { return std::move(vision(value)); }
+  ActLoopOptions run_id(std::optional<std::string> value) && { return std::move(run_id(std::move(value))); }
+  ActLoopOptions high_stakes(bool value) && { return std::move(high_stakes(value)); }
+  ActLoopOptions max_steps(std::int64_t value) && { return std::move(max_steps(value)); }
+  ActLoopOptions should_abort(std::function<bool()> value) && { return std::move(should_abort(std::move(value))); }
+  ActLoopOptions should_abort(std::function<boost::asio::awaitable<bool>()> value) && {
+    return std::move(should_abort(std::move(value)));
+  }
+  ActLoopOptions read_only(bool value) && { return std::move(read_only(value)); }
+  ///@}
 
   ///@{
   /// The value that was set, or its default.
@@ -97,9 +113,9 @@ class ActLoopOptions {
 };
 
 /// Drives `page` toward the mission's goal, one model-proposed action at a time,
-/// and gives the terminal result: the model's declare_success (the answer is in
+/// and returns the terminal result: the model's declare_success (the answer is in
 /// `reason`), declare_failure or escalate_to_cua, or an escalate_to_cua of the
-/// loop's own (`model_used` "act_loop") when a rail ends the mission: the step
+/// loop's own (`model_used` "act_loop") when a rail ends the mission; `cause` tells which: the step
 /// cap, `should_abort`, three identical proposals in a row, a low-confidence
 /// proposal or success claim, a page action in read-only mode, a step that fails
 /// or takes longer than DEFAULT_TIMEOUT_S x 2 + 12 seconds, an exhausted call
@@ -110,7 +126,7 @@ class ActLoopOptions {
 ///
 /// Throws only what default_client() throws, when no client is given. `page` must
 /// outlive the operation. Cancellation, of any kind that the caller's coroutine
-/// lets through, ends it with operation_aborted: there is no final record then.
+/// lets through, ends it with operation_aborted, without a final record.
 boost::asio::awaitable<ActionResult> act_loop(BrowserPage& page, ActLoopOptions options);
 
 }  // namespace vision

@@ -1,38 +1,51 @@
 #include "vision/wirein/fallback.hpp"
 
+#include "vision/client/internal/client_core.hpp"
 #include "vision/page/execute_action.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/error_text.hpp"
+#include "vision/wirein/internal/observation.hpp"
 
-namespace vision {
+namespace vision::detail {
 namespace asio = boost::asio;
+namespace {
 
-asio::awaitable<void> NoFallback::operator()(BrowserPage&, const FlowContext&, const std::string&) const {
-  co_return;
-}
+asio::awaitable<FallbackEnding> fallback_body(BrowserPage& page, RunStep run_step, const FallbackOptions options,
+                                              RunAgent run_agent) {
+  ClientCore& client = client_of(options)._core();
+  const auto first = co_await runtime::try_await(run_step());
+  if (first.has_value()) co_return FallbackEnding();
 
-namespace detail {
-
-VisionClient& client_of(const FallbackOptions& options) {
-  return options.vision() ? *options.vision() : default_client();
-}
-
-asio::awaitable<Rescue> rescue(VisionClient& client, BrowserPage& page, const FallbackOptions& options,
-                               std::exception_ptr failure) {
   FlowContext context = options.flow_context();
-  context["context_hint"] = "playwright failed: " + text::exception_text(failure);
+  context["context_hint"] = "playwright failed: " + text::exception_text(first.error());
   const auto ask_options = AskOptions().high_stakes(options.high_stakes());
   ActionResult result = co_await client.act(page, context, ask_options);
+  FallbackEnding ending;
   if (result.action == ActionVerb::declare_success) {
-    co_return Rescue(NextStep::verdict, std::move(result), std::move(context));
+    ending.way = FallbackWay::verdict;
+    ending.verdict = std::move(result);
+  } else if (ActionVerb::is_verdict(result.action) || result.low_confidence) {
+    if (!run_agent) std::rethrow_exception(first.error());
+    auto handed_over = co_await runtime::try_await(run_agent(page, context, result.reason));
+    handed_over.value();  // or its error
+    ending.way = FallbackWay::agent;
+  } else {
+    // The page may have been resized since the screenshot that the model saw.
+    const auto shot = co_await client.screenshot(page);
+    co_await execute_action(page, result, shot.second);
+    auto again = co_await runtime::try_await(run_step());
+    again.value();  // or its error
+    ending.way = FallbackWay::rescued;
   }
-  if (ActionVerb::is_verdict(result.action) || result.low_confidence) {
-    co_return Rescue(NextStep::hand_over, std::move(result), std::move(context));
-  }
-  const auto shot = co_await client.screenshot(page);
-  auto action = runtime::done(execute_action(page, result, shot.second));
-  co_await runtime::isolated(std::move(action));
-  co_return Rescue(NextStep::run_again, std::move(result), std::move(context));
+  co_return ending;
 }
 
-}  // namespace detail
-}  // namespace vision
+}  // namespace
+
+asio::awaitable<FallbackEnding> run_fallback(BrowserPage& page, RunStep run_step, FallbackOptions options,
+                                             RunAgent run_agent) {
+  return runtime::with_own_cancellation(
+      fallback_body(page, std::move(run_step), std::move(options), std::move(run_agent)));
+}
+
+}  // namespace vision::detail

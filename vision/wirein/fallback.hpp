@@ -1,16 +1,15 @@
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
-#include <exception>
+#include <cassert>
+#include <functional>
 #include <string>
 #include <utility>
 #include <variant>
 
 #include "vision/client/vision_client.hpp"
 #include "vision/page/browser_page.hpp"
-#include "vision/runtime/internal/awaited.hpp"
-#include "vision/runtime/internal/deadline.hpp"
-#include "vision/runtime/internal/entry.hpp"
+#include "vision/wirein/internal/host_callable.hpp"
 
 namespace vision {
 
@@ -22,15 +21,21 @@ class FallbackOptions {
   explicit FallbackOptions(FlowContext flow_context) : flow_context_(std::move(flow_context)) {}
 
   /// The client; it must outlive the call. Default: default_client().
-  FallbackOptions& vision(VisionClient& value) {
+  FallbackOptions& vision(VisionClient& value) & {
     vision_ = &value;
     return *this;
   }
   /// Forces the heavy model. Default false.
-  FallbackOptions& high_stakes(bool value = true) {
+  FallbackOptions& high_stakes(bool value) & {
     high_stakes_ = value;
     return *this;
   }
+
+  ///@{
+  /// The setters on a temporary, which they return by value.
+  FallbackOptions vision(VisionClient& value) && { return std::move(vision(value)); }
+  FallbackOptions high_stakes(bool value) && { return std::move(high_stakes(value)); }
+  ///@}
 
   ///@{
   /// The value that was set, or its default.
@@ -45,103 +50,150 @@ class FallbackOptions {
   bool high_stakes_ = false;
 };
 
-/// What with_vision_fallback gives, by the way it took: 0, the value of the
-/// scripted step (std::monostate for void); 1, vision's declare_success; 2, the
-/// value of the computer-use agent.
-template <class Primary, class Agent>
-using FallbackResult = std::variant<runtime::value_of<Primary>, ActionResult, runtime::value_of<Agent>>;
+/// Which way a call of with_vision_fallback took.
+enum class FallbackWay {
+  step,     ///< the scripted step succeeded in its first run
+  rescued,  ///< it succeeded in its second run, after one action of vision's
+  verdict,  ///< vision declared success
+  agent,    ///< the computer-use agent took over
+};
 
-/// Stands for an absent computer-use agent.
-struct NoFallback {
-  /// Never called.
-  boost::asio::awaitable<void> operator()(BrowserPage&, const FlowContext&, const std::string&) const;
+/// The computer-use agent of a call that has none.
+struct NoFallback {};
+
+/// What with_vision_fallback returns: the way it took, and what that way yielded.
+/// `Step` and `Agent` are what the two callables' awaitables yield.
+template <class Step, class Agent>
+class FallbackResult {
+ public:
+  /// An empty result, which no operation returns: Asio's completion tokens need one.
+  FallbackResult() = default;
+
+  /// The way that was taken; hosts count these.
+  FallbackWay way() const noexcept { return way_; }
+  /// Whether one action of vision's made the scripted step succeed.
+  bool is_rescued() const noexcept { return way_ == FallbackWay::rescued; }
+
+  ///@{
+  /// What the scripted step yielded, first or second run; vision's declare_success;
+  /// what the agent yielded. Each throws std::bad_variant_access when another way was
+  /// taken. A callable that yields nothing has no accessor, and neither has an absent
+  /// agent.
+  auto& step() requires(!std::is_void_v<Step>) { return std::get<1>(value_); }
+  const auto& step() const requires(!std::is_void_v<Step>) { return std::get<1>(value_); }
+  const ActionResult& verdict() const { return std::get<2>(value_); }
+  auto& agent() requires(!std::is_void_v<Agent> && !std::is_same_v<Agent, NoFallback>) { return std::get<3>(value_); }
+  const auto& agent() const requires(!std::is_void_v<Agent> && !std::is_same_v<Agent, NoFallback>) {
+    return std::get<3>(value_);
+  }
+  ///@}
+
+  ///@{
+  /// A result of each way; `way` of a step is `step` or `rescued`. For the library and
+  /// for hosts' tests.
+  static FallbackResult of_step(detail::stored_t<Step> value, FallbackWay way) {
+    assert(way == FallbackWay::step || way == FallbackWay::rescued);
+    return FallbackResult(way, std::in_place_index<1>, std::move(value));
+  }
+  static FallbackResult of_verdict(ActionResult value) {
+    return FallbackResult(FallbackWay::verdict, std::in_place_index<2>, std::move(value));
+  }
+  static FallbackResult of_agent(detail::stored_t<Agent> value) {
+    return FallbackResult(FallbackWay::agent, std::in_place_index<3>, std::move(value));
+  }
+  ///@}
+
+ private:
+  template <std::size_t I, class Value>
+  FallbackResult(FallbackWay way, std::in_place_index_t<I> index, Value value)
+      : way_(way), value_(index, std::move(value)) {}
+
+  FallbackWay way_ = FallbackWay::step;
+  std::variant<std::monostate, detail::stored_t<Step>, ActionResult, detail::stored_t<Agent>> value_;
 };
 
 namespace detail {
 
-enum class NextStep { verdict, hand_over, run_again };
+using RunStep = std::function<boost::asio::awaitable<void>()>;
+using RunAgent = std::function<boost::asio::awaitable<void>(BrowserPage&, const FlowContext&, const std::string&)>;
 
-/// What vision made of a scripted step's failure.
-struct Rescue {
-  Rescue(NextStep n, ActionResult r, FlowContext c) : next(n), result(std::move(r)), context(std::move(c)) {}
-  NextStep next;
-  ActionResult result;
-  FlowContext context;  ///< the caller's, with the failure in "context_hint"
+/// The way that a call took, and vision's verdict when that was it.
+struct FallbackEnding {
+  FallbackWay way = FallbackWay::step;
+  ActionResult verdict;
 };
 
-/// Whether there is no computer-use agent: none given, an empty std::function, a
-/// null pointer.
+/// The wrapper without the types of what its callables yield. An empty `run_agent`
+/// means that there is no agent.
+boost::asio::awaitable<FallbackEnding> run_fallback(BrowserPage& page, RunStep run_step, FallbackOptions options,
+                                                    RunAgent run_agent);
+
+template <class CuaFn>
+concept FallbackAgent =
+    std::same_as<CuaFn, NoFallback> || AsyncCallable<CuaFn, BrowserPage&, const FlowContext&, const std::string&>;
+
+template <class CuaFn>
+struct AgentValue {
+  using type = awaited_t<CuaFn, BrowserPage&, const FlowContext&, const std::string&>;
+};
+template <>
+struct AgentValue<NoFallback> {
+  using type = NoFallback;
+};
+
+/// Whether there is no agent: an empty std::function or a null pointer.
 template <class CuaFn>
 bool is_absent(const CuaFn& cua_fallback) {
-  if constexpr (std::is_same_v<CuaFn, NoFallback>) {
-    return true;
-  } else if constexpr (requires { static_cast<bool>(cua_fallback == nullptr); }) {
+  if constexpr (requires { static_cast<bool>(cua_fallback == nullptr); }) {
     return cua_fallback == nullptr;
   } else {
     return false;
   }
 }
 
-VisionClient& client_of(const FallbackOptions& options);
-
-/// Asks vision about the failure and carries out the action it proposes.
-boost::asio::awaitable<Rescue> rescue(VisionClient& client, BrowserPage& page, const FallbackOptions& options,
-                                      std::exception_ptr failure);
-
-template <class PrimaryFn, class CuaFn>
-using fallback_result_t =
-    FallbackResult<runtime::awaited_t<PrimaryFn>,
-                   runtime::awaited_t<CuaFn, BrowserPage&, const FlowContext&, const std::string&>>;
-
-template <class PrimaryFn, class CuaFn>
-boost::asio::awaitable<fallback_result_t<PrimaryFn, CuaFn>> fallback_body(BrowserPage& page, PrimaryFn& primary_fn,
-                                                                          const FallbackOptions& options,
-                                                                          CuaFn& cua_fallback) {
-  using Result = fallback_result_t<PrimaryFn, CuaFn>;
-  VisionClient& client = client_of(options);
-  auto first = co_await runtime::settle(runtime::call(primary_fn));
-  if (first.has_value()) co_return Result(std::in_place_index<0>, std::move(first.value()));
-
-  Rescue rescued = co_await rescue(client, page, options, first.error());
-  if (rescued.next == NextStep::verdict) co_return Result(std::in_place_index<1>, std::move(rescued.result));
-  if (rescued.next == NextStep::run_again) {
-    auto again = co_await runtime::isolated(runtime::call(primary_fn));
-    co_return Result(std::in_place_index<0>, std::move(again));
-  }
-  if (is_absent(cua_fallback)) std::rethrow_exception(first.error());
-  const FlowContext& context = rescued.context;
-  const std::string& reason = rescued.result.reason;
-  auto handed_over = co_await runtime::isolated(runtime::call(cua_fallback, page, context, reason));
-  co_return Result(std::in_place_index<2>, std::move(handed_over));
-}
-
 }  // namespace detail
 
 /// Runs the scripted step `primary_fn`. Only when it fails: asks vision once, and
 /// carries out the proposed action and runs `primary_fn` exactly once more; or
-/// gives vision's declare_success, whatever its confidence; or, when vision
-/// escalates, declares failure or is not confident, gives what
-/// `cua_fallback(page, context, reason)` gives, and without one throws the step's
-/// first error again, unchanged.
+/// returns vision's declare_success, whatever its confidence; or, when vision
+/// escalates, declares failure or is not confident, returns what
+/// `cua_fallback(page, context, reason)` yields, and without one throws the step's
+/// first error again, unchanged. There is no pause between the action and the second
+/// run, no limit on the screenshots and the action, and a proposed wait runs in full.
 ///
-/// Both callables give awaitables of any type, void and move-only types included.
-/// Name a lambda with captures before the call and move it in: g++ 12 destroys one
-/// that is written inside a co_await expression twice.
-/// `primary_fn` must stand a second run after a partial first one. `context` is a
-/// copy of the flow context whose "context_hint" names the failure.
+/// Both callables return awaitables of any type, void and move-only types included;
+/// an empty std::function or a null pointer means that there is no agent. Name a
+/// lambda with captures before the call and move it in: g++ 12 destroys one that is
+/// written inside a co_await expression twice. It must be safe to run `primary_fn`
+/// again after a partial first run. `context` is a copy of the flow context whose
+/// "context_hint" names the failure.
 ///
 /// Throws what default_client() throws when no client is given, before
-/// `primary_fn` runs; BudgetExceeded; an error of the screenshots, of the action,
-/// of the second run or of `cua_fallback`, unchanged. Cancellation passes. `page`
-/// must outlive the operation.
-template <class PrimaryFn, class CuaFn = NoFallback>
-boost::asio::awaitable<detail::fallback_result_t<PrimaryFn, CuaFn>> with_vision_fallback(BrowserPage& page,
-                                                                                         PrimaryFn primary_fn,
-                                                                                         FallbackOptions options,
-                                                                                         CuaFn cua_fallback = CuaFn()) {
-  auto body = detail::fallback_body(page, primary_fn, options, cua_fallback);
-  auto result = co_await runtime::entry(std::move(body));
-  co_return result;
+/// `primary_fn` runs; BudgetExceeded; ConversionError when "attempts" in the flow
+/// context is not an integer; an error of the screenshots, of the action, of the
+/// second run or of `cua_fallback`, unchanged. None of these leads to `cua_fallback`.
+/// Cancellation of the caller, of any kind that its coroutine lets through, ends it
+/// with operation_aborted. `page` must outlive the operation.
+template <detail::AsyncCallable PrimaryFn, detail::FallbackAgent CuaFn = NoFallback>
+boost::asio::awaitable<FallbackResult<detail::awaited_t<PrimaryFn>, typename detail::AgentValue<CuaFn>::type>>
+with_vision_fallback(BrowserPage& page, PrimaryFn primary_fn, FallbackOptions options, CuaFn cua_fallback = CuaFn()) {
+  using Agent = typename detail::AgentValue<CuaFn>::type;
+  using Result = FallbackResult<detail::awaited_t<PrimaryFn>, Agent>;
+  std::optional<detail::stored_t<detail::awaited_t<PrimaryFn>>> step;
+  std::optional<detail::stored_t<Agent>> agent;
+  detail::RunStep run_step = [&] { return detail::await_into(step, primary_fn); };
+  detail::RunAgent run_agent;
+  if constexpr (!std::is_same_v<CuaFn, NoFallback>) {
+    if (!detail::is_absent(cua_fallback)) {
+      run_agent = [&](BrowserPage& on, const FlowContext& context, const std::string& reason) {
+        return detail::await_into(agent, cua_fallback, on, context, reason);
+      };
+    }
+  }
+  auto ending = co_await detail::run_fallback(page, std::move(run_step), std::move(options), std::move(run_agent));
+  if (ending.way == FallbackWay::verdict) co_return Result::of_verdict(std::move(ending.verdict));
+  if (ending.way == FallbackWay::agent) co_return Result::of_agent(std::move(*agent));
+  co_return Result::of_step(std::move(*step), ending.way);
 }
 
 }  // namespace vision

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-/// What the telemetry could not write. Losing it never changes an outcome, so
-/// these counters, beside a line at debug level, are all that tells of it.
+/// What the telemetry could not write. Losing it never changes an outcome: these
+/// counters and a line at debug level are its only trace.
 namespace vision {
 
 /// How many shadow log records this process could not write since it began.

@@ -19,26 +19,36 @@ class ObserverOptions {
       : flow_context_(std::move(flow_context)), hotspot_id_(std::move(hotspot_id)) {}
 
   /// The client; it must outlive the call. Default: default_client().
-  ObserverOptions& vision(VisionClient& value) {
+  ObserverOptions& vision(VisionClient& value) & {
     vision_ = &value;
     return *this;
   }
-  /// The pipeline run, for the record and the fixture name.
-  ObserverOptions& run_id(std::string value) {
+  /// The pipeline run, for the record and the fixture name. Default: absent.
+  ObserverOptions& run_id(std::optional<std::string> value) & {
     run_id_ = std::move(value);
     return *this;
   }
   /// Forces the heavy model. Default false.
-  ObserverOptions& high_stakes(bool value = true) {
+  ObserverOptions& high_stakes(bool value) & {
     high_stakes_ = value;
     return *this;
   }
   /// What the scripted step acted on, recorded unchanged; observe_only alone uses
   /// it. Default: an empty map.
-  ObserverOptions& dom_ground_truth(boost::json::object value) {
+  ObserverOptions& dom_ground_truth(boost::json::object value) & {
     dom_ground_truth_ = std::move(value);
     return *this;
   }
+
+  ///@{
+  /// The setters on a temporary, which they return by value.
+  ObserverOptions vision(VisionClient& value) && { return std::move(vision(value)); }
+  ObserverOptions run_id(std::optional<std::string> value) && { return std::move(run_id(std::move(value))); }
+  ObserverOptions high_stakes(bool value) && { return std::move(high_stakes(value)); }
+  ObserverOptions dom_ground_truth(boost::json::object value) && {
+    return std::move(dom_ground_truth(std::move(value)));
+  }
+  ///@}
 
   ///@{
   /// The value that was set, or its default.

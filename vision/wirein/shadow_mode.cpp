@@ -2,8 +2,7 @@
 
 #include <boost/asio/this_coro.hpp>
 
-#include "vision/runtime/internal/deadline.hpp"
-#include "vision/runtime/internal/entry.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/error_text.hpp"
 #include "vision/text/internal/json_text.hpp"
 #include "vision/text/internal/utf8.hpp"
@@ -46,9 +45,7 @@ void mark_cua_origin(const std::exception_ptr& error) noexcept {
 }
 
 // The CUA's run time.
-asio::awaitable<runtime::Duration> _cua_run(asio::awaitable<void> cua) {
-  const auto executor = co_await asio::this_coro::executor;
-  runtime::TimeSource& time = runtime::time_source(executor);
+asio::awaitable<runtime::Duration> _cua_run(runtime::TimeSource& time, asio::awaitable<void> cua) {
   const auto t0 = time.wall_now();
   co_await std::move(cua);
   co_return time.wall_now() - t0;
@@ -95,13 +92,15 @@ void write_record(double wall_seconds, const ObserverOptions& options, runtime::
 asio::awaitable<std::exception_ptr> shadow_body(BrowserPage& page, asio::awaitable<void> cua,
                                                 std::function<boost::json::value()> cua_text,
                                                 const ObserverOptions options) {
-  VisionClient& client = options.vision() ? *options.vision() : default_client();
+  VisionClient& client = client_of(options);
+  const auto executor = co_await asio::this_coro::executor;
+  runtime::TimeSource& time = runtime::time_source(executor);
   const Site site{options.hotspot_id(), options.run_id()};
   auto vision_leg = observe(client, borrowed(page), options.flow_context(), site, options.high_stakes());
-  auto cua_leg = _cua_run(std::move(cua));
-  auto [vision, agent] = co_await runtime::both(std::move(vision_leg), std::move(cua_leg));
+  auto cua_leg = _cua_run(time, std::move(cua));
+  auto [vision, agent] = co_await runtime::gather(std::move(vision_leg), std::move(cua_leg));
 
-  write_record(co_await runtime::wall_seconds(), options, vision, agent, cua_text);
+  write_record(runtime::to_seconds(time.wall_now()), options, vision, agent, cua_text);
   if (!agent.has_value()) mark_cua_origin(agent.error());
   co_return agent.error();
 }
@@ -110,7 +109,7 @@ asio::awaitable<std::exception_ptr> shadow_body(BrowserPage& page, asio::awaitab
 
 asio::awaitable<std::exception_ptr> shadow_run(BrowserPage& page, asio::awaitable<void> cua,
                                                std::function<boost::json::value()> cua_text, ObserverOptions options) {
-  return runtime::entry(shadow_body(page, std::move(cua), std::move(cua_text), std::move(options)));
+  return runtime::with_own_cancellation(shadow_body(page, std::move(cua), std::move(cua_text), std::move(options)));
 }
 
 }  // namespace detail

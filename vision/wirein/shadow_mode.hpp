@@ -11,7 +11,7 @@
 
 #include "vision/client/vision_client.hpp"
 #include "vision/page/browser_page.hpp"
-#include "vision/runtime/internal/awaited.hpp"
+#include "vision/wirein/internal/host_callable.hpp"
 #include "vision/wirein/observer_options.hpp"
 
 namespace vision {
@@ -47,7 +47,7 @@ bool is_cua_origin(const std::exception& error) noexcept;
 
 namespace detail {
 
-/// The result's "text" entry, null when the result is no map or has none.
+/// The result's "text" entry, null when the result is not a map or has none.
 template <class Result>
 boost::json::value text_entry(const Result& result) {
   if constexpr (std::is_same_v<Result, boost::json::value>) {
@@ -71,7 +71,7 @@ boost::json::value text_entry(const Result& result) {
 }
 
 /// Shadow mode without the type of the CUA's result: runs both legs, writes the
-/// record, gives the CUA's error, marked, or null.
+/// record, returns the CUA's error, marked, or null.
 boost::asio::awaitable<std::exception_ptr> shadow_run(BrowserPage& page, boost::asio::awaitable<void> cua,
                                                       std::function<boost::json::value()> cua_text,
                                                       ObserverOptions options);
@@ -80,10 +80,10 @@ boost::asio::awaitable<std::exception_ptr> shadow_run(BrowserPage& page, boost::
 
 /// Runs the computer-use agent `cua_fn` and, beside it, one vision observation of
 /// the same situation, which never touches the page; appends one record with both
-/// outcomes to the shadow log; gives what `cua_fn` gave, or throws the very
+/// outcomes to the shadow log; returns what `cua_fn` yields, or throws the very
 /// exception object that it threw, marked by CuaOriginMark where its type allows.
 ///
-/// `cua_fn` is called once, without arguments, and gives an awaitable of any type,
+/// `cua_fn` is called once, without arguments, and returns an awaitable of any type,
 /// void and move-only types included. Name a lambda with captures before the call
 /// and move it in: g++ 12 destroys one that is written inside a co_await
 /// expression twice. The observation starts first; neither leg interrupts the
@@ -97,15 +97,15 @@ boost::asio::awaitable<std::exception_ptr> shadow_run(BrowserPage& page, boost::
 /// Throws what default_client() throws when no client is given; `cua_fn` is not
 /// called then. Cancellation ends both legs; no record is written then. `page`
 /// must outlive the operation.
-template <class CuaFn>
-boost::asio::awaitable<runtime::awaited_t<CuaFn>> shadow_observe_then_cua(BrowserPage& page, CuaFn cua_fn,
-                                                                          ObserverOptions options) {
-  runtime::Slot<runtime::awaited_t<CuaFn>> result;
-  auto cua = runtime::await_into(cua_fn, result);
+template <detail::AsyncCallable CuaFn>
+boost::asio::awaitable<detail::awaited_t<CuaFn>> shadow_observe_then_cua(BrowserPage& page, CuaFn cua_fn,
+                                                                         ObserverOptions options) {
+  std::optional<detail::stored_t<detail::awaited_t<CuaFn>>> result;
+  auto cua = detail::await_into(result, cua_fn);
   std::function<boost::json::value()> cua_text = [&result] { return detail::text_entry(*result); };
   const auto error = co_await detail::shadow_run(page, std::move(cua), std::move(cua_text), std::move(options));
   if (error) std::rethrow_exception(error);
-  if constexpr (!std::is_void_v<runtime::awaited_t<CuaFn>>) co_return std::move(*result);
+  if constexpr (!std::is_void_v<detail::awaited_t<CuaFn>>) co_return std::move(*result);
 }
 
 }  // namespace vision

@@ -5,11 +5,13 @@
 #include <boost/asio/this_coro.hpp>
 
 #include "vision/client/http/internal/run_exchange.hpp"
+#include "vision/settings/internal/log.hpp"
 
 namespace vision {
 namespace asio = boost::asio;
 namespace {
 
+// A function, and not a member, so that the client may be destroyed meanwhile.
 asio::awaitable<boost::json::value> send(std::shared_ptr<const detail::http::Endpoint> endpoint,
                                          MessagesRequest request) {
   const auto driver = detail::http::driver_of(co_await asio::this_coro::executor);
@@ -23,6 +25,11 @@ asio::awaitable<boost::json::value> send(std::shared_ptr<const detail::http::End
 HttpMessagesClient::HttpMessagesClient(std::string api_key, HttpOptions options) {
   endpoint_ = std::make_shared<detail::http::Endpoint>(api_key, options);
   ::explicit_bzero(api_key.data(), api_key.size());
+  if (!endpoint_->key.is_removable()) {
+    log::line(spdlog::level::info,
+              "vision: the API key has fewer than %d characters and is not removed from answers and errors",
+              detail::http::SecretKey::shortest_removable);
+  }
 }
 
 asio::awaitable<boost::json::value> HttpMessagesClient::create(const MessagesRequest& request) {

@@ -12,7 +12,8 @@ namespace detail::http {
 struct Endpoint;
 }
 
-/// The Messages API over HTTP/1.1, one request per `create`.
+/// The Messages API over HTTP/1.1, one request per `create`. It does not retry: the
+/// ask call does.
 ///
 /// Connections are kept alive and pooled per execution context: they belong to
 /// the context whose coroutine calls `create` and are closed when it is
@@ -24,28 +25,41 @@ struct Endpoint;
 /// oldest version; redirects are not followed.
 class HttpMessagesClient : public MessagesClient {
  public:
-  /// Throws std::invalid_argument for an API key that is empty or holds anything
-  /// but visible ASCII characters (white space around it is dropped), for a
-  /// malformed base URL or one that would send the key unencrypted to another
-  /// machine, and for a time-out or size limit that is not positive.
+  /// White space around the key is dropped. Throws std::invalid_argument for a key
+  /// that is blank or has anything but visible ASCII characters, for a malformed base
+  /// URL or one that would send the key unencrypted to another machine, and for a
+  /// time-out or size limit that is not positive. The message names the part and
+  /// never shows the key. Logs an info line when the key has fewer than 16
+  /// characters, and so is not removed from what the endpoint sends (see `create`).
   explicit HttpMessagesClient(std::string api_key, HttpOptions options = HttpOptions());
 
-  /// Streams the request and gives the response's JSON object, which owns its
-  /// memory as one block. The client may be destroyed meanwhile.
+  /// Streams the request and returns the response's JSON object, which owns its
+  /// memory as one block. Reals are read exactly. The client may be destroyed
+  /// meanwhile.
   ///
-  /// Throws APITimeoutError when connecting takes too long; APIConnectionError
-  /// for any other way of getting no whole response, its `reason()` telling
-  /// them apart; APIResponseValidationError
-  /// for a response that is no JSON object, larger than max_response_bytes,
-  /// nested deeper than 64 levels or compressed; a status error
-  /// (api_error.hpp) for any status but 2xx.
+  /// The request is sent once. A kept connection that its server has closed is
+  /// replaced before any of the body goes out; one that ends later, before a response,
+  /// is an APIConnectionError, because the server may have read the request.
   ///
-  /// Neither a message nor the value given holds the API key, should the endpoint
-  /// repeat it: plain, in base64, URL-encoded, in hexadecimal digits or escaped as
-  /// in JSON it is replaced by "[API key]" (keys of at least eight characters).
+  /// Throws APITimeoutError when connecting takes too long; APIConnectionError when
+  /// no whole response arrives for any other reason, which `reason()` tells;
+  /// APIResponseValidationError for a response that is not a JSON object, larger than
+  /// max_response_bytes, nested deeper than 64 levels, compressed, or with an object of
+  /// more than 256 members; a status error (api_error.hpp) for any status but 2xx.
+  /// Waiting for the response has no limit: the ask call has one.
   ///
-  /// Cancellation of any kind that reaches it ends it at once with
-  /// operation_aborted and closes the request's connection.
+  /// When the endpoint repeats the API key, "[API key]" takes its place: the whole
+  /// key, plain or JSON-escaped, in every string of the value returned and in error
+  /// messages; in error messages also the beginning of a key (eight characters or
+  /// more) at the end of an excerpt. Keys of fewer than 16 characters are left: they
+  /// may be ordinary words.
+  ///
+  /// An answer that the model refused, or that was cut at max_tokens, is a value like
+  /// any other: the ask call finds no tool call in it, or an incomplete one. Its
+  /// `stop_reason`, unless "tool_use", is logged at debug level.
+  ///
+  /// Any kind of cancellation that reaches it ends it at once with operation_aborted
+  /// and closes the request's connection.
   boost::asio::awaitable<boost::json::value> create(const MessagesRequest& request) override;
 
  private:

@@ -81,15 +81,23 @@ std::string _pick_model(const FlowContext& flow_context, bool high_stakes, const
 
 std::string _build_user_message(const FlowContext& flow_context, const std::optional<std::string>& prompt,
                                 const ImgMeta& img_meta) {
-  std::string out = "# Workflow context\n";
+  constexpr std::size_t usual_size = 1500;
+  std::string out;
+  out.reserve(usual_size + (prompt ? prompt->size() : 0));
+  out += "# Workflow context\n";
   for (const auto key : rendered_keys) {
     const auto* value = flow_context.if_contains(key);
     if (!value || text::is_blank(*value)) continue;
     out.append(key).append(": ").append(text::plain_text(*value)).append("\n");
   }
-  out += "\n# Viewport\n" + std::to_string(img_meta.width_css) + "×" + std::to_string(img_meta.height_css) +
-         " CSS pixels (DPR " + text::fixed(img_meta.dpr, 1) + ")\n\n# Task\n";
-  out += prompt && !prompt->empty() ? *prompt : default_task(flow_context);
+  out.append("\n# Viewport\n").append(std::to_string(img_meta.width_css)).append("×");
+  out.append(std::to_string(img_meta.height_css)).append(" CSS pixels (DPR ").append(text::fixed(img_meta.dpr, 1));
+  out += ")\n\n# Task\n";
+  if (prompt && !prompt->empty()) {
+    out += *prompt;
+  } else {
+    out += default_task(flow_context);
+  }
   return out;
 }
 

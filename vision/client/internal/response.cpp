@@ -33,19 +33,19 @@ const json::value* find_tool_call(const json::value& response) {
   if (!content) throw InvalidResponse("the response has no content");
   if (text::is_blank(*content)) return nullptr;
   const auto* blocks = content->if_array();
-  if (!blocks) throw InvalidResponse("the response's content is no list");
+  if (!blocks) throw InvalidResponse("the response's content is not a list");
   for (const auto& block : *blocks) {
     if (is_text(member(&block, "type"), "tool_use") && is_text(member(&block, "name"), "propose_action")) return &block;
   }
   return nullptr;
 }
 
-// The call's arguments; a blank input stands for none.
+// The call's arguments; a blank input means none.
 const json::value* tool_input(const json::value& call) {
   const auto* input = member(&call, "input");
   if (!input) throw InvalidResponse("the propose_action call has no input");
   if (!input->is_object() && !text::is_blank(*input))
-    throw InvalidResponse("the propose_action call's input is no map");
+    throw InvalidResponse("the propose_action call's input is not a map");
   return input;
 }
 
@@ -53,7 +53,7 @@ double confidence_of(const json::value* input) {
   const auto* value = member(input, "confidence");
   if (!value) return 0.0;
   if (const auto confidence = _opt_float(value)) return *confidence;
-  throw ConversionError("the model's confidence is no number: " + detail::excerpt(*value));
+  throw ConversionError("the model's confidence is not a number: " + detail::excerpt(*value));
 }
 
 std::string text_of(const json::value* input, std::string_view name, std::string_view fallback = "") {
@@ -63,13 +63,14 @@ std::string text_of(const json::value* input, std::string_view name, std::string
 
 }  // namespace
 
-ActionResult _failure_result(std::string reason, const std::string& model, double latency_ms, std::int64_t in_tok,
-                             std::int64_t out_tok) {
-  ActionResult result(std::string(ActionVerb::declare_failure), std::move(reason), 0.0, "");
+ActionResult _failure_result(Cause cause, std::string reason, const std::string& model, double latency_ms,
+                             std::int64_t in_tok, std::int64_t out_tok) {
+  ActionResult result(ActionVerb::declare_failure, std::move(reason), 0.0, "");
   result.model_used = model;
   result.latency_ms = latency_ms;
   result.input_tokens = in_tok;
   result.output_tokens = out_tok;
+  result.cause = cause;
   return result;
 }
 
@@ -80,7 +81,8 @@ ActionResult _parse_response(const json::value& response, const std::string& mod
   const std::int64_t out_tok = token_count(usage, "output_tokens");
   const auto* call = find_tool_call(response);
   if (!call) {
-    return _failure_result("model did not return propose_action tool call", model, latency_ms, in_tok, out_tok);
+    return _failure_result(Cause::no_tool_call, "model did not return propose_action tool call", model, latency_ms,
+                           in_tok, out_tok);
   }
   const auto* input = tool_input(*call);
 

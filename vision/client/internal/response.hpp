@@ -24,14 +24,15 @@ class InvalidResponse : public std::runtime_error, public NamedError {
 /// `latency_ms` are copied into it; with `img_meta` raw pixel coordinates are
 /// recognised.
 ///
-/// Throws InvalidResponse when `content`, or the call's `input`, is missing or
-/// no list or map, and ConversionError when the confidence is no number.
+/// Throws InvalidResponse when `content` is missing or not a list, or the call's
+/// `input` missing or not a map, and ConversionError when the confidence is not a
+/// number.
 ActionResult _parse_response(const boost::json::value& response, const std::string& model, double latency_ms,
                              const std::optional<ImgMeta>& img_meta = std::nullopt);
 
 /// The uniform result of a call that failed: declare_failure with confidence 0
 /// and low_confidence false.
-ActionResult _failure_result(std::string reason, const std::string& model, double latency_ms, std::int64_t in_tok = 0,
-                             std::int64_t out_tok = 0);
+ActionResult _failure_result(Cause cause, std::string reason, const std::string& model, double latency_ms,
+                             std::int64_t in_tok = 0, std::int64_t out_tok = 0);
 
 }  // namespace vision

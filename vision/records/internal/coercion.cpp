@@ -25,7 +25,7 @@ std::optional<double> _opt_float(const boost::json::value* v) {
 }
 
 std::optional<double> _norm_ratio(const boost::json::value* v, std::optional<std::int64_t> dim) {
-  constexpr double largest_ratio = 1.5;  // a model's overshoot, still no pixel value
+  constexpr double largest_ratio = 1.5;  // a model's overshoot, not yet a pixel value
   const auto f = _opt_float(v);
   if (!f || !std::isfinite(*f)) return {};
   const bool is_pixels = *f > largest_ratio && dim && *dim > 0;

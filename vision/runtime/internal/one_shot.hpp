@@ -1,10 +1,15 @@
 #pragma once
 
+#include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
-
-#include "vision/runtime/time.hpp"
+#include <boost/asio/steady_timer.hpp>
+#include <memory>
 
 namespace vision::runtime {
+
+/// A timer on the system's steady clock, for drivers of code that keeps real time
+/// itself (the HTTP library), or that has no coroutine to wait in.
+using IoTimer = boost::asio::steady_timer;
 
 /// An event that happens once and that one coroutine waits for: the way in which
 /// callbacks of other libraries reach a coroutine. Lives on one executor; not

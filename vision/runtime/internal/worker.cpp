@@ -5,9 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <boost/asio/execution_context.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/query.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <cstdint>
@@ -15,6 +13,7 @@
 #include <mutex>
 #include <stdexcept>
 
+#include "vision/runtime/internal/context_local.hpp"
 #include "vision/runtime/internal/one_shot.hpp"
 
 namespace vision::runtime {
@@ -78,19 +77,11 @@ class Waiters {
   std::uint64_t last_id_ = 0;
 };
 
-class WaiterService : public asio::execution_context::service {
- public:
-  using key_type = WaiterService;
-  static asio::execution_context::id id;
-
-  explicit WaiterService(asio::execution_context& context) : service(context) {}
-  std::shared_ptr<Waiters> waiters = std::make_shared<Waiters>();
-
- private:
-  void shutdown() override { waiters->close(); }
+// The table of one context.
+struct ContextWaiters {
+  std::shared_ptr<Waiters> table = std::make_shared<Waiters>();
+  void shutdown() { table->close(); }
 };
-
-asio::execution_context::id WaiterService::id;
 
 struct Registration {
   std::shared_ptr<Waiters> waiters;
@@ -153,7 +144,7 @@ Worker& worker() {
 
 asio::awaitable<void> run_on_worker(std::function<void()> job) {
   const auto executor = co_await asio::this_coro::executor;
-  auto waiters = asio::use_service<WaiterService>(asio::query(executor, asio::execution::context)).waiters;
+  const auto waiters = context_local<ContextWaiters>(executor).table;
   OneShot finished(executor);
   std::exception_ptr error;
   const Registration registration(waiters, Waiter{executor, &finished, &error});
@@ -172,7 +163,7 @@ asio::awaitable<void> run_on_worker(std::function<void()> job) {
 }
 
 std::size_t jobs_in_flight(asio::execution_context& context) {
-  return asio::use_service<WaiterService>(context).waiters->size();
+  return context_local<ContextWaiters>(context).table->size();
 }
 
 }  // namespace vision::runtime

@@ -1,31 +1,19 @@
 #include "vision/settings/internal/log.hpp"
 
-#include <dlfcn.h>
+#include <spdlog/sinks/stdout_color_sinks.h>
 
 #include <boost/stacktrace.hpp>
 
 namespace vision::log {
 
-namespace {
-
-// "function" or, where the module tells no name, "module+0xoffset", which
-// addr2line understands.
-std::string describe(const boost::stacktrace::frame& frame) {
-  if (std::string name = frame.name(); !name.empty()) return name;
-  Dl_info info{};
-  if (::dladdr(frame.address(), &info) == 0 || !info.dli_fname) return "?";
-  const auto offset = static_cast<const char*>(frame.address()) - static_cast<const char*>(info.dli_fbase);
-  return fmt::sprintf("%s+0x%x", info.dli_fname, offset);
-}
-
-}  // namespace
-
 std::shared_ptr<spdlog::logger> logger() {
   if (auto registered = spdlog::get("vision")) return registered;
   // Not registered, so that a host may still register its own; never destroyed,
   // so that static objects may still log.
-  static const auto& own = *new std::shared_ptr<spdlog::logger>(
-      spdlog::default_logger() ? spdlog::default_logger()->clone("vision") : nullptr);
+  static const auto& own =
+      *new auto(std::make_shared<spdlog::logger>("vision", std::make_shared<spdlog::sinks::stderr_color_sink_mt>()));
+  // spdlog::set_level() does not reach a logger that is not registered.
+  if (const auto* process_wide = spdlog::default_logger_raw()) own->set_level(process_wide->level());
   return own;
 }
 
@@ -40,12 +28,12 @@ void write(spdlog::logger& logger, spdlog::level::level_enum level, std::string_
 void error_with_stack(std::string_view message, const std::string& details) noexcept {
   try {
     const auto channel = logger();
-    if (!channel || !channel->should_log(spdlog::level::err)) return;
+    if (!channel->should_log(spdlog::level::err)) return;
     std::string lines(message);
     lines += "\n    " + text::one_line(details);
     constexpr std::size_t own_frames = 1, max_frames = 24;
     for (const auto& frame : boost::stacktrace::stacktrace(own_frames, max_frames)) {
-      lines += "\n    at " + text::one_line(describe(frame));
+      if (const std::string name = frame.name(); !name.empty()) lines += "\n    at " + text::one_line(name);
     }
     write(*channel, spdlog::level::err, lines);
   } catch (...) {

@@ -38,7 +38,7 @@ void append_escaped(std::string& out, char32_t c) {
 
 constexpr auto plain = [] {
   std::array<bool, 256> table{};
-  for (unsigned char c = ' '; c <= '~'; ++c) table[c] = c != '"' && c != '\\';
+  for (unsigned char c = ' '; c <= 0x7F; ++c) table[c] = c != '"' && c != '\\';
   return table;
 }();
 

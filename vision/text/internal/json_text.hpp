@@ -9,8 +9,9 @@
 namespace vision::text {
 
 /// Appends `value` as JSON text on one line: ", " between items and ": " between
-/// key and value, members in insertion order, every character outside printable
-/// ASCII escaped (\uXXXX in lower case, surrogate pairs beyond the basic plane),
+/// key and value, members in insertion order, every control character that JSON
+/// forbids and every character beyond ASCII escaped (\uXXXX in lower case, surrogate
+/// pairs beyond the basic plane),
 /// integers in decimal, reals in their `shortest` form. What JSON cannot say is
 /// made sayable: a NaN or an infinity becomes null, an ill-formed part of a text
 /// \ufffd. Recurses once per nesting level.

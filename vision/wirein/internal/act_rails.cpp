@@ -34,30 +34,32 @@ std::optional<std::string> _act_mission_text(const std::optional<std::string>& m
   return text.append(mission_frame).append(*mission_prompt).append(mission_end);
 }
 
-ActionResult _act_synth(std::string reason) {
-  ActionResult result(std::string(ActionVerb::escalate_to_cua), std::move(reason), 0.0, "");
+ActionResult _act_synth(Cause cause, std::string reason) {
+  ActionResult result(ActionVerb::escalate_to_cua, std::move(reason), 0.0, "");
   result.model_used = "act_loop";
+  result.cause = cause;
   return result;
 }
 
 namespace detail {
 
-Terminal hand_over(std::string reason) {
-  return Terminal(_act_synth(std::move(reason)), "escalate");
+Terminal hand_over(Cause cause, std::string reason) {
+  return Terminal(_act_synth(cause, std::move(reason)), "escalate");
 }
 
 std::optional<Terminal> rail_for(const ActionResult& proposal, bool read_only) {
   if (proposal.action == ActionVerb::declare_failure) return Terminal(proposal, "failure");
   if (proposal.action == ActionVerb::escalate_to_cua) return Terminal(proposal, "escalate");
   if (proposal.action == ActionVerb::declare_success) {
-    if (proposal.low_confidence) return hand_over(guess_reason("success claim", proposal, "not trusted"));
+    if (proposal.low_confidence)
+      return hand_over(Cause::uncertain_success, guess_reason("success claim", proposal, "not trusted"));
     return Terminal(proposal, "success");
   }
   if (proposal.low_confidence) {
-    return hand_over(guess_reason(proposal.action + " proposal", proposal, "not acted on"));
+    return hand_over(Cause::uncertain_action, guess_reason(proposal.action + " proposal", proposal, "not acted on"));
   }
   if (read_only) {
-    return hand_over("read-only hotspot — vision proposed " + proposal.action + "; deferring to CUA");
+    return hand_over(Cause::read_only, "read-only hotspot — vision proposed " + proposal.action + "; deferring to CUA");
   }
   return {};
 }

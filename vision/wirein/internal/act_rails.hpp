@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -20,19 +19,19 @@ std::optional<std::string> _act_mission_text(const std::optional<std::string>& m
 
 /// A terminal that the loop makes itself: escalate_to_cua with confidence 0 and
 /// "act_loop" as the model.
-ActionResult _act_synth(std::string reason);
+ActionResult _act_synth(Cause cause, std::string reason);
 
 namespace detail {
 
 /// How a mission ended, and the word for it in the final record.
 struct Terminal {
-  Terminal(ActionResult r, std::string_view o) : result(std::make_unique<ActionResult>(std::move(r))), outcome(o) {}
-  std::unique_ptr<ActionResult> result;  ///< not null
-  std::string_view outcome;              ///< "success", "failure" or "escalate"
+  Terminal(ActionResult r, std::string_view o) : result(std::move(r)), outcome(o) {}
+  ActionResult result;
+  std::string_view outcome;  ///< "success", "failure" or "escalate"
 };
 
 /// A terminal of the loop's own making.
-Terminal hand_over(std::string reason);
+Terminal hand_over(Cause cause, std::string reason);
 
 /// Whether a proposal ends the mission before anything is done: a verdict, a
 /// guess (low confidence), or any page action in read-only mode.

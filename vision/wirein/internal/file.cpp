@@ -54,7 +54,7 @@ bool look_at(int fd, struct statx& info) {
   return ::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE | STATX_SIZE, &info) == 0;
 }
 
-// Gives how much went out in one write, or -1 with errno. A write beyond the
+// Returns how much went out in one write, or -1 with errno. A write beyond the
 // file-size limit raises SIGXFSZ, whose default ends the process: held back in
 // this thread it leaves the error EFBIG, and is then taken from the queue.
 ssize_t write_once(int fd, std::string_view data) {
@@ -109,7 +109,7 @@ void append(int fd, const std::string& path, const std::string& line) {
   if (static_cast<std::size_t>(written) != line.size()) fail(ENOSPC, path + " took only part of a record");
 }
 
-// An existing directory is no error.
+// An existing directory is not an error.
 void create_directories(const std::string& path) {
   std::string done;
   for (const auto& part : std::filesystem::path(path)) {
@@ -134,7 +134,7 @@ void append_line(const std::string& path, std::string line) {
   struct statx info {};
   if (!look_at(fd, info)) fail(errno, path);
   const bool is_file = S_ISREG(info.stx_mode);
-  if (!is_file && !S_ISCHR(info.stx_mode)) fail(EINVAL, path + " is no regular file");
+  if (!is_file && !S_ISCHR(info.stx_mode)) fail(EINVAL, path + " is not a regular file");
   const auto size = static_cast<off_t>(info.stx_size);
   if (is_file && has_torn_tail(fd, size)) line.insert(line.begin(), '\n');
   append(fd, path, line);

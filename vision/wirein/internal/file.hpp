@@ -18,7 +18,7 @@ void append_line(const std::string& path, std::string line);
 
 /// Writes `content` as `directory`/`name` (mode 0600), creating the directory and
 /// its parents (0700) when missing. A file of that name is replaced in one step:
-/// nobody sees it half written.
+/// no reader sees it half written.
 void write_file(const std::string& directory, const std::string& name, std::string_view content);
 
 }  // namespace vision::detail

@@ -1,11 +1,12 @@
 #include "vision/wirein/internal/fixtures.hpp"
 
 #include <atomic>
+#include <boost/asio/this_coro.hpp>
 #include <cstdlib>
 #include <stdexcept>
 #include <string_view>
 
-#include "vision/runtime/internal/deadline.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/runtime/internal/worker.hpp"
 #include "vision/settings/internal/log.hpp"
 #include "vision/text/internal/error_text.hpp"
@@ -29,7 +30,7 @@ bool harvesting_is_on() {
 void require_plain_name(std::string_view what, std::string_view name) {
   using namespace std::string_view_literals;
   if (name.empty() || name == "." || name == ".." || name.find_first_of("/\0"sv) != std::string_view::npos) {
-    throw std::invalid_argument(std::string(what) + " is no plain name: \"" + std::string(name) + "\"");
+    throw std::invalid_argument(std::string(what) + " is not a plain file name: \"" + std::string(name) + "\"");
   }
 }
 
@@ -38,7 +39,9 @@ asio::awaitable<std::string> write_fixture(Bytes image, std::string hotspot_id, 
   const std::string run = run_id && !run_id->empty() ? *run_id : "run";
   require_plain_name("run_id", run);
   const std::string base = "tests/fixtures/vision/auto/" + hotspot_id;
-  const std::string name = run + "_" + std::to_string(text::truncate(co_await runtime::wall_seconds())) + ".png";
+  const auto executor = co_await asio::this_coro::executor;
+  const double now = runtime::to_seconds(runtime::time_source(executor).wall_now());
+  const std::string name = run + "_" + std::to_string(text::truncate(now)) + ".png";
   auto _write = [base, name, image = std::move(image)] { detail::write_file(base, name, image.view()); };
   std::function<void()> job = std::move(_write);
   co_await runtime::run_on_worker(std::move(job));
@@ -51,7 +54,7 @@ asio::awaitable<std::optional<std::string>> _harvest_fixture(Bytes image_bytes, 
                                                              std::optional<std::string> run_id) {
   if (!harvesting_is_on()) co_return std::nullopt;
   auto operation = write_fixture(std::move(image_bytes), std::move(hotspot_id), std::move(run_id));
-  auto written = co_await runtime::settle(std::move(operation));
+  auto written = co_await runtime::try_await(std::move(operation));
   if (written.has_value()) co_return std::move(written.value());
   losses.fetch_add(1, std::memory_order_relaxed);
   log::line(spdlog::level::debug, "fixture harvest failed: %s", text::describe(written.error()).message);

@@ -12,7 +12,7 @@ namespace vision {
 /// Stores a screenshot for the smoke-test harness when KX_VISION_FIXTURE_AUTO is
 /// "1", "true" or "yes" (blanks around it do not matter), as
 /// tests/fixtures/vision/auto/<hotspot_id>/<run_id or "run">_<Unix seconds>.png
-/// under the current directory (files 0600, directories 0700). Gives that path.
+/// under the current directory (files 0600, directories 0700). Returns that path.
 ///
 /// Absent when harvesting is off or the file could not be written; the latter is
 /// logged at debug level, "fixture harvest failed: %s", counted by fixture_losses,

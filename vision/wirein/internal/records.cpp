@@ -1,5 +1,6 @@
 #include "vision/wirein/internal/records.hpp"
 
+#include <boost/json/monotonic_resource.hpp>
 #include <boost/json/value.hpp>
 #include <ctime>
 
@@ -36,8 +37,8 @@ std::string lower_case(std::string text) {
 
 }  // namespace
 
-boost::json::object _observe_action_record(const ActionResult& result) {
-  boost::json::object record;
+boost::json::object _observe_action_record(const ActionResult& result, boost::json::storage_ptr storage) {
+  boost::json::object record(11, std::move(storage));
   record["action"] = result.action;
   record["reason"] = result.reason;
   record["confidence"] = result.confidence;
@@ -75,7 +76,8 @@ namespace detail {
 
 boost::json::object record_header(double wall_seconds, const std::optional<std::string>& run_id,
                                   const std::string& hotspot_id, const FlowContext& flow_context) {
-  boost::json::object record;
+  constexpr std::size_t usual_size = 2048, members = 12;
+  boost::json::object record(members, boost::json::make_shared_resource<boost::json::monotonic_resource>(usual_size));
   record["ts"] = utc_timestamp(wall_seconds);
   record["run_id"] = or_null(run_id);
   record["hotspot_id"] = hotspot_id;

@@ -18,7 +18,7 @@ std::string _shadow_log_path();
 /// file or a character device; symbolic links are followed. A line that another
 /// writer left cut short spoils no record but its own.
 ///
-/// Blocks for one small write and suspends never. Any error is logged at debug
+/// Blocks for one small write and never suspends. Any error is logged at debug
 /// level, "shadow log append failed: %s", counted by shadow_log_losses, and costs
 /// the record only. Safe from several threads and processes at once on a local
 /// file system.

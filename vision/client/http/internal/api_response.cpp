@@ -2,46 +2,31 @@
 
 #include <boost/beast/core/string.hpp>
 #include <boost/beast/http/status.hpp>
-#include <boost/json/monotonic_resource.hpp>
-#include <boost/json/parser.hpp>
 #include <string_view>
 
 #include "vision/client/api_error.hpp"
-#include "vision/text/internal/json_limits.hpp"
+#include "vision/settings/internal/log.hpp"
+#include "vision/text/internal/json_reader.hpp"
 #include "vision/text/internal/utf8.hpp"
 
 namespace vision::detail::http {
 namespace json = boost::json;
 namespace {
 
-constexpr std::size_t max_depth = 64, max_members = 256;
+constexpr text::JsonLimits json_limits = {64, 256};
 constexpr std::size_t excerpt_code_points = 200;
 constexpr std::size_t message_code_points = 1000;
 
-// Text from outside in the form in which errors quote it. The key goes first: cut it
-// would no longer be found. And last: escaping can bring its first digits back.
+// Text from outside in the form in which errors quote it. The key is removed first:
+// cut short by us, it would no longer be found.
 std::string quote(const SecretKey& key, std::string_view text, std::size_t code_points) {
-  const std::string clean = key.scrub(text::trim(text));
+  const std::string clean = key.scrub_excerpt(text::trim(text));
   const std::string_view start = text::first_code_points(clean, code_points);
-  return key.scrub(text::one_line(start)) + (start.size() < clean.size() ? "..." : "");
+  return text::one_line(start) + (start.size() < clean.size() ? "..." : "");
 }
 
 bool is_plain(const RawResponse& response) {
   return response.content_encoding.empty() || boost::beast::iequals(response.content_encoding, "identity");
-}
-
-// Parses into an arena that the value keeps alive, sized for the text at hand.
-json::value parse(std::string_view body, boost::system::error_code& error) {
-  if (text::has_crowded_object(body, max_members)) {
-    error = json::error::object_too_large;
-    return {};
-  }
-  json::parse_options options;
-  options.max_depth = max_depth;
-  json::parser parser({}, options);
-  parser.reset(json::make_shared_resource<json::monotonic_resource>(body.size() + 1024));
-  parser.write(body.data(), body.size(), error);
-  return error ? json::value() : parser.release();
 }
 
 std::string text_member(const json::value& value, std::string_view name) {
@@ -60,7 +45,7 @@ VendorError read_vendor_error(const RawResponse& response) {
   VendorError vendor;
   if (is_plain(response)) {
     boost::system::error_code error;
-    const json::value body = parse(response.body, error);
+    const json::value body = text::read_json(response.body, json_limits, error);
     const auto* object = body.if_object();
     if (const auto* inner = object ? object->if_contains("error") : nullptr) {
       vendor.message = text_member(*inner, "message");
@@ -109,6 +94,16 @@ std::string refusal_hint(int status, std::string_view message, const std::string
                                    (id.empty() ? "" : ", request " + id) + ")");
 }
 
+// The result of the call says only that the tool call is missing or unreadable; a
+// refusal and an answer cut at max_tokens look the same there.
+void log_stop_reason(const json::value& value, const RawResponse& response, const SecretKey& key) {
+  const std::string reason = text_member(value, "stop_reason");
+  if (reason.empty() || reason == "tool_use") return;
+  const std::string id = quote(key, response.request_id, excerpt_code_points);
+  log::line(spdlog::level::debug, "vision: the answer ended with stop_reason %s (request %s)",
+            quote(key, reason, excerpt_code_points), id.empty() ? "unknown" : id);
+}
+
 }  // namespace
 
 void throw_error_response(const RawResponse& response, const std::string& model, const SecretKey& key) {
@@ -134,12 +129,13 @@ json::value parse_response(const RawResponse& response, const SecretKey& key) {
   }
   if (text::trim(response.body).empty()) reject("the response is empty", response, key);
   boost::system::error_code error;
-  json::value value = parse(response.body, error);
+  json::value value = text::read_json(response.body, json_limits, error);
   if (error == json::error::object_too_large) {
-    reject("the response holds an object of more than " + std::to_string(max_members) + " members", response, key);
+    reject("the response holds an object of more than " + std::to_string(json_limits.members) + " members", response,
+           key);
   }
   if (error == json::error::too_deep) {
-    reject("the response nests deeper than " + std::to_string(max_depth) + " levels", response, key);
+    reject("the response nests deeper than " + std::to_string(json_limits.depth) + " levels", response, key);
   }
   if (error == json::error::incomplete) {
     reject("the response is incomplete JSON, ending after " + std::to_string(response.body.size()) + " bytes", response,
@@ -147,11 +143,12 @@ json::value parse_response(const RawResponse& response, const SecretKey& key) {
   }
   if (value.is_object()) {
     key.scrub(value);
+    log_stop_reason(value, response, key);
     return value;
   }
   const std::string start = ": " + quote(key, response.body, excerpt_code_points);
   if (error) reject("the response is not JSON (" + error.message() + ")" + start, response, key);
-  reject("the response is no JSON object" + start, response, key);
+  reject("the response is not a JSON object" + start, response, key);
 }
 
 }  // namespace vision::detail::http

@@ -22,12 +22,6 @@ std::size_t BodyReader::read(char* out, std::size_t room) noexcept {
   return written;
 }
 
-bool BodyReader::seek(std::uint64_t position) noexcept {
-  if (position > size()) return false;
-  position_ = static_cast<std::size_t>(position);
-  return true;
-}
-
 std::size_t BodyReader::read_piece(char* out, std::size_t room) const noexcept {
   std::size_t offset = position_;
   if (offset < request_.prefix().size()) return request_.prefix().copy(out, room, offset);
@@ -39,8 +33,8 @@ std::size_t BodyReader::read_piece(char* out, std::size_t room) const noexcept {
 
 std::size_t BodyReader::read_base64(std::size_t offset, char* out, std::size_t room) const noexcept {
   const std::string_view rest = request_.image().view().substr(offset / 4 * 3);
-  // The encoder writes a NUL after its output: whole groups go straight to `out`
-  // only as far as there is room for that, the others by way of a scratch area.
+  // The encoder writes a NUL after its output. Whole groups go straight to `out` as
+  // far as there is room for that too; a group that `out` cuts goes through `group`.
   const std::size_t groups = offset % 4 == 0 ? std::min((room - 1) / 4, (rest.size() + 2) / 3) : 0;
   if (groups > 0) return base64::encode(rest.substr(0, groups * 3), out);
   char group[5];

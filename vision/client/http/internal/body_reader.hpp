@@ -8,20 +8,19 @@
 
 namespace vision::detail::http {
 
-/// Gives the JSON text of a request piece by piece: prefix, base64 text of the
-/// image, suffix. The image is shared and its base64 text made on the fly.
+/// Reads the JSON text of a request piece by piece: prefix, base64 text of the
+/// image, suffix. The image is shared, and encoded on the fly. It is read once:
+/// there is no way back to the start.
 class BodyReader {
  public:
   explicit BodyReader(MessagesRequest request) : request_(std::move(request)) {}
 
   const MessagesRequest& request() const noexcept { return request_; }
-  /// Characters of the whole text.
+  /// The number of characters of the whole text.
   std::uint64_t size() const noexcept;
-  /// Writes at most `room` characters to `out` and gives their number: `room`,
+  /// Writes at most `room` characters to `out` and returns their number: `room`,
   /// or what is left; 0 at the end.
   std::size_t read(char* out, std::size_t room) noexcept;
-  /// Continues from a place in the text; false, and no change, beyond its end.
-  bool seek(std::uint64_t position) noexcept;
 
  private:
   std::size_t read_piece(char* out, std::size_t room) const noexcept;

@@ -1,8 +1,13 @@
 #include "vision/client/http/internal/curl_driver.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <array>
 #include <boost/asio/post.hpp>
+#include <cassert>
 #include <utility>
 
 namespace vision::detail::http {
@@ -11,8 +16,13 @@ using boost::system::error_code;
 
 namespace {
 
-constexpr std::size_t max_idle_handles = 8;
+// Handles kept for later requests. Each takes 5 kB, and remembers TLS sessions, which
+// shorten the next handshake. Eight serve a few missions at once; a burst beyond that
+// makes new ones, in 2 us each.
+constexpr std::size_t max_spare_handles = 8;
 
+// Connections kept while nothing is in flight. Each saves a handshake, but a burst must
+// not leave its descriptors open: many processes may have 1024 at most.
 constexpr std::size_t max_idle_connections = 32;
 
 }  // namespace
@@ -26,14 +36,13 @@ CurlDriver::~CurlDriver() {
 }
 
 void CurlDriver::start(std::shared_ptr<Exchange> exchange, Completion completion) noexcept {
+  assert(exchange && completion);
   {
     const std::lock_guard lock(mutex_);
     if (!is_closed_) {
+      break_stale_connections();
       CURL* const easy = take_easy();
-      CURLcode code = easy ? exchange->configure(easy) : CURLE_OUT_OF_MEMORY;
-      if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_PRIVATE, exchange.get());
-      if (code == CURLE_OK && !open_pool()) code = CURLE_OUT_OF_MEMORY;
-      if (code == CURLE_OK && ::curl_multi_add_handle(multi_, easy) != CURLM_OK) code = CURLE_FAILED_INIT;
+      const CURLcode code = begin(easy, *exchange);
       if (code == CURLE_OK) {
         const Exchange* const key = exchange.get();
         running_.emplace(key, Running{std::move(exchange), easy, std::move(completion)});
@@ -47,6 +56,18 @@ void CurlDriver::start(std::shared_ptr<Exchange> exchange, Completion completion
     }
   }
   completion({});
+}
+
+CURLcode CurlDriver::begin(CURL* easy, Exchange& exchange) noexcept {
+  CURLcode code = easy ? exchange.configure(easy) : CURLE_OUT_OF_MEMORY;
+  if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_PRIVATE, &exchange);
+  if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlDriver::open_socket);
+  if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
+  if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &CurlDriver::close_socket);
+  if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
+  if (code == CURLE_OK && !open_pool()) code = CURLE_OUT_OF_MEMORY;
+  if (code == CURLE_OK && ::curl_multi_add_handle(multi_, easy) != CURLM_OK) code = CURLE_FAILED_INIT;
+  return code;
 }
 
 void CurlDriver::cancel(const Exchange* exchange) noexcept {
@@ -71,14 +92,46 @@ void CurlDriver::close() noexcept {
       ::curl_multi_remove_handle(multi_, running.easy);
       ::curl_easy_cleanup(running.easy);
     }
-    for (CURL* const easy : idle_) ::curl_easy_cleanup(easy);
-    idle_.clear();
+    for (CURL* const easy : spare_handles_) ::curl_easy_cleanup(easy);
+    spare_handles_.clear();
     ::curl_multi_cleanup(std::exchange(multi_, nullptr));
     watches_.clear();
     timer_.reset();
     executor_ = asio::any_io_executor();
   }
-  // The completions die here, and with them the coroutines that wait.
+  // `abandoned` is destroyed here, without the mutex: with the completions go the
+  // waiting coroutines, whose destructors are host code.
+}
+
+curl_socket_t CurlDriver::open_socket(void* self, curlsocktype, curl_sockaddr* address) noexcept {
+  // Without the flag a browser that the host starts would inherit the connection.
+  const int fd = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (fd >= 0) static_cast<CurlDriver*>(self)->sockets_.insert(fd);
+  return fd;
+}
+
+int CurlDriver::close_socket(void* self, curl_socket_t fd) noexcept {
+  static_cast<CurlDriver*>(self)->sockets_.erase(fd);
+  return ::close(fd);
+}
+
+// libcurl 7.88 takes a kept TLS connection that its server has closed for alive, because
+// there is something to read: TLS's own goodbye. It finds out after it has sent the
+// headers, tries another connection, and gives up after five. So such connections are
+// read empty and shut down here, which libcurl notices before it uses one.
+void CurlDriver::break_stale_connections() noexcept {
+  if (sockets_.size() <= watches_.size()) return;  // none is idle, as in a burst of hundreds
+  std::vector<pollfd> idle;
+  for (const curl_socket_t fd : sockets_) {
+    if (!watches_.contains(fd)) idle.push_back({fd, POLLIN, 0});
+  }
+  if (::poll(idle.data(), idle.size(), 0) <= 0) return;
+  for (const pollfd& connection : idle) {
+    if (connection.revents == 0) continue;
+    std::array<char, 1024> goodbye;
+    (void)::recv(connection.fd, goodbye.data(), goodbye.size(), MSG_DONTWAIT);
+    ::shutdown(connection.fd, SHUT_RDWR);
+  }
 }
 
 int CurlDriver::on_socket(CURL*, curl_socket_t fd, int what, void* self, void*) noexcept {
@@ -93,9 +146,11 @@ int CurlDriver::on_socket(CURL*, curl_socket_t fd, int what, void* self, void*) 
 
 int CurlDriver::on_timer(CURLM*, long timeout_ms, void* self) noexcept {
   auto& driver = *static_cast<CurlDriver*>(self);
+  // Cancelling does not reach a wait whose completion is already queued: the
+  // generation tells that it is out of date.
   const std::uint64_t generation = ++driver.timer_generation_;
   driver.timer_->cancel();
-  if (timeout_ms == 0) {  // how libcurl asks to be called soon, at the start of every request
+  if (timeout_ms == 0) {  // "soon", at the start of every request; libcurl must not be called from its callback
     asio::post(driver.executor_, [&driver, generation] { driver.timer_expired(generation); });
   } else if (timeout_ms > 0) {
     driver.timer_->expires_after(std::chrono::milliseconds(timeout_ms));
@@ -110,9 +165,10 @@ void CurlDriver::watch(curl_socket_t fd, int what) {
   watch.wanted = what & CURL_POLL_INOUT;
   if (is_new) {
     watch.generation = ++last_watch_;
-    // A descriptor of our own: libcurl 7.88 closes a socket that has not connected yet
-    // before it says so, and by then the number may be another thread's.
-    error_code refused;  // waiting on it fails then, and libcurl is told of that
+    // Asio gets a duplicate, because its descriptor must stay open until it lets go:
+    // libcurl 7.88 closes a socket that has not connected yet before it says so, and by
+    // then another thread may have opened another file under the number.
+    error_code refused;  // waiting fails then, and socket_ready() tells libcurl
     watch.descriptor.assign(::fcntl(fd, F_DUPFD_CLOEXEC, 0), refused);
   }
   arm(fd, watch);
@@ -142,14 +198,12 @@ void CurlDriver::socket_ready(curl_socket_t fd, std::uint64_t generation, int ev
   Completions completions;
   {
     const std::lock_guard lock(mutex_);
-    // A wait that was already queued when libcurl let go of the descriptor, whose
-    // number may be another socket's by now.
     Watch* watch = find(fd, generation);
-    if (!watch) return;
+    if (!watch) return;  // queued before libcurl let go of the socket, whose number may be reused
     watch->armed &= ~event;
     if ((watch->wanted & event) == 0) return;
     static_assert(CURL_POLL_IN == CURL_CSELECT_IN && CURL_POLL_OUT == CURL_CSELECT_OUT);
-    completions = act(fd, failed ? CURL_CSELECT_ERR : event);
+    completions = perform(fd, failed ? CURL_CSELECT_ERR : event);
     if (Watch* kept = find(fd, generation)) arm(fd, *kept);
   }
   for (const auto& completion : completions) completion({});
@@ -160,12 +214,12 @@ void CurlDriver::timer_expired(std::uint64_t generation) {
   {
     const std::lock_guard lock(mutex_);
     if (generation != timer_generation_) return;
-    completions = act(CURL_SOCKET_TIMEOUT, 0);
+    completions = perform(CURL_SOCKET_TIMEOUT, 0);
   }
   for (const auto& completion : completions) completion({});
 }
 
-CurlDriver::Completions CurlDriver::act(curl_socket_t fd, int events) {
+CurlDriver::Completions CurlDriver::perform(curl_socket_t fd, int events) {
   int still_running = 0;
   const CURLMcode failure = ::curl_multi_socket_action(multi_, fd, events, &still_running);
   Completions completions;
@@ -179,21 +233,21 @@ CurlDriver::Completions CurlDriver::act(curl_socket_t fd, int events) {
   int left = 0;
   while (const CURLMsg* const message = ::curl_multi_info_read(multi_, &left)) {
     if (message->msg != CURLMSG_DONE) continue;
-    const CURLcode code = message->data.result;  // the message dies with the handle's removal
+    const CURLcode code = message->data.result;  // the message is freed with the handle's removal
     const char* key = nullptr;
     ::curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &key);
     finish(reinterpret_cast<const Exchange*>(key), code);
   }
-  if (failure != CURLM_OK) {  // the multi handle is of no more use to what runs on it
+  if (failure != CURLM_OK) {  // the multi handle no longer serves what runs on it
     while (!running_.empty()) finish(running_.begin()->first, CURLE_RECV_ERROR);
   }
   return completions;
 }
 
 CURL* CurlDriver::take_easy() noexcept {
-  if (idle_.empty()) return ::curl_easy_init();
-  CURL* const easy = idle_.back();
-  idle_.pop_back();
+  if (spare_handles_.empty()) return ::curl_easy_init();
+  CURL* const easy = spare_handles_.back();
+  spare_handles_.pop_back();
   return easy;
 }
 
@@ -209,8 +263,9 @@ bool CurlDriver::open_pool() noexcept {
   return true;
 }
 
-// libcurl keeps to a limit by closing one idle connection when a request ends well. To
-// one that falls with the requests in flight, as its own does, it does not keep.
+// libcurl enforces its limit only when a request succeeds, by closing one idle
+// connection, so it cannot follow a limit that falls with the requests in flight. Ours
+// only rises.
 void CurlDriver::limit_pool(std::size_t size) noexcept {
   pool_size_ = size;
   ::curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, static_cast<long>(size));
@@ -219,14 +274,14 @@ void CurlDriver::limit_pool(std::size_t size) noexcept {
 void CurlDriver::retire(CURL* easy) noexcept {
   ::curl_multi_remove_handle(multi_, easy);
   ::curl_easy_reset(easy);
-  // Else libcurl would ignore SIGPIPE, which is the host's, while it ends the handle.
+  // Else libcurl would change the host's handling of SIGPIPE while it ends the handle.
   ::curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  if (idle_.size() < max_idle_handles) {
-    idle_.push_back(easy);
+  if (spare_handles_.size() < max_spare_handles) {
+    spare_handles_.push_back(easy);
   } else {
     ::curl_easy_cleanup(easy);
   }
-  // No function closes idle connections but the one that ends them all.
+  // The only way to close idle connections is to end the multi handle.
   if (running_.empty() && pool_size_ > max_idle_connections) ::curl_multi_cleanup(std::exchange(multi_, nullptr));
 }
 

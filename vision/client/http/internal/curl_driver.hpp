@@ -11,25 +11,24 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "vision/client/http/internal/exchange.hpp"
-#include "vision/runtime/time.hpp"
+#include "vision/runtime/internal/one_shot.hpp"
 
 namespace vision::detail::http {
 
-/// Runs exchanges on one libcurl multi handle, woken by an execution context:
-/// its connections are the context's pool, which ends when nothing is in flight and it
-/// may hold more than 32.
+/// Runs exchanges on one libcurl multi handle, driven by an execution context. The
+/// multi handle's connections are the context's pool; it is closed when it may hold
+/// more than 32 connections and nothing is in flight.
 ///
-/// Thread-safe by one mutex, which every entry holds for the length of one
-/// non-blocking libcurl call; what waiting code is told, it is told through its
-/// own executor and after the mutex was released.
+/// Thread-safe: one mutex, which every entry point holds for the length of one
+/// non-blocking libcurl call. Completions are called after the mutex is released.
 class CurlDriver {
  public:
-  /// Told once how waiting ended: no error when the exchange is finished,
-  /// operation_aborted when it was cancelled. Must not run user code itself, but
-  /// post it.
+  /// Called once, with no error when the exchange is finished and with
+  /// operation_aborted when it was cancelled. Must post user code, not run it.
   using Completion = std::function<void(boost::system::error_code)>;
 
   /// Waits for sockets and timers on `executor`. Throws std::runtime_error when
@@ -39,14 +38,15 @@ class CurlDriver {
   CurlDriver(const CurlDriver&) = delete;
   CurlDriver& operator=(const CurlDriver&) = delete;
 
-  /// Begins the exchange; failures to do so also go to it and its completion.
+  /// Begins the exchange. A failure to begin goes to the exchange too, and its
+  /// completion is called before `start` returns.
   void start(std::shared_ptr<Exchange> exchange, Completion completion) noexcept;
 
-  /// Ends the exchange at once and closes its connection; nothing when it has
-  /// ended.
+  /// Ends the exchange at once and closes its connection; does nothing when it has
+  /// already ended.
   void cancel(const Exchange* exchange) noexcept;
 
-  /// Drops everything, with completions uncalled, and stays so. Called while the
+  /// Drops everything without calling completions, for good. To be called while the
   /// context shuts down, when none of its threads runs.
   void close() noexcept;
 
@@ -56,16 +56,19 @@ class CurlDriver {
     CURL* easy;
     Completion completion;
   };
+  // A socket that libcurl wants to hear of, which is one of a request in flight.
   struct Watch {
     explicit Watch(const boost::asio::any_io_executor& executor) : descriptor(executor) {}
-    boost::asio::posix::stream_descriptor descriptor;  // another one of the same socket
-    std::uint64_t generation = 0;
-    int wanted = 0;  // CURL_POLL_IN and CURL_POLL_OUT, as libcurl last said
-    int armed = 0;   // of these, the ones waited for
+    boost::asio::posix::stream_descriptor descriptor;  // a duplicate of libcurl's
+    std::uint64_t generation = 0;                      // tells it from others of the same number
+    int wanted = 0;                                    // CURL_POLL_IN and CURL_POLL_OUT, as libcurl last said
+    int armed = 0;                                     // those of them for which a wait is pending
   };
   using Completions = std::vector<Completion>;
 
-  // libcurl's callbacks, called within its functions and so under the mutex.
+  // libcurl's callbacks. It calls them within its functions, so the mutex is held.
+  static curl_socket_t open_socket(void* self, curlsocktype, curl_sockaddr* address) noexcept;
+  static int close_socket(void* self, curl_socket_t fd) noexcept;
   static int on_socket(CURL* easy, curl_socket_t fd, int what, void* self, void* watch) noexcept;
   static int on_timer(CURLM* multi, long timeout_ms, void* self) noexcept;
 
@@ -76,8 +79,10 @@ class CurlDriver {
 
   void socket_ready(curl_socket_t fd, std::uint64_t generation, int event, bool failed);
   void timer_expired(std::uint64_t generation);
-  Completions act(curl_socket_t fd, int events);
+  Completions perform(curl_socket_t fd, int events);
 
+  CURLcode begin(CURL* easy, Exchange& exchange) noexcept;
+  void break_stale_connections() noexcept;
   CURL* take_easy() noexcept;
   void retire(CURL* easy) noexcept;
   bool open_pool() noexcept;
@@ -86,14 +91,15 @@ class CurlDriver {
   std::mutex mutex_;
   boost::asio::any_io_executor executor_;
   bool is_closed_ = false;
-  CURLM* multi_ = nullptr;  // made when a request needs it
-  std::size_t pool_size_ = 0;
+  CURLM* multi_ = nullptr;     // made when a request needs it
+  std::size_t pool_size_ = 0;  // connections that the multi handle may keep
   std::optional<runtime::IoTimer> timer_;
-  std::uint64_t timer_generation_ = 0;
-  std::uint64_t last_watch_ = 0;
+  std::uint64_t timer_generation_ = 0;  // a wait of another generation is out of date
+  std::uint64_t last_watch_ = 0;        // the latest Watch::generation
+  std::set<curl_socket_t> sockets_;     // of all connections, in use and kept
   std::map<curl_socket_t, Watch> watches_;
   std::map<const Exchange*, Running> running_;
-  std::vector<CURL*> idle_;
+  std::vector<CURL*> spare_handles_;
 };
 
 }  // namespace vision::detail::http

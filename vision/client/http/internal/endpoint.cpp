@@ -19,12 +19,13 @@ struct FreeUrl {
 using Url = std::unique_ptr<CURLU, FreeUrl>;
 
 struct BaseUrl {
-  std::string source;  // what an error calls it
+  std::string source;  // how errors name it
   std::string value;
-  std::string shown;  // in an error
+  std::string shown;  // what errors quote
 };
 
-// Without credentials, a query, in which some gateways keep theirs, and the key.
+// The URL without what may be secret: credentials, the query (where some gateways have
+// theirs) and the key.
 std::string shown_form(const std::string& url, const SecretKey& key) {
   if (url.find('@') != std::string::npos) return "";
   const auto end = url.find_first_of("?#");
@@ -61,13 +62,13 @@ Url parse(const BaseUrl& base) {
   const auto is_control = [](unsigned char c) { return c < ' ' || c == 0x7f; };
   if (std::any_of(trimmed.begin(), trimmed.end(), is_control)) refuse(base, "contains a control character");
   const CURLUcode code = ::curl_url_set(url.get(), CURLUPART_URL, trimmed.c_str(), CURLU_NON_SUPPORT_SCHEME);
-  if (code != CURLUE_OK) refuse(base, std::string("is no URL: ") + ::curl_url_strerror(code));
+  if (code != CURLUE_OK) refuse(base, std::string("is not a URL: ") + ::curl_url_strerror(code));
   const std::string scheme = part(url, CURLUPART_SCHEME);
   if (scheme != "https" && scheme != "http") refuse(base, "must begin with https:// or http://");
-  // libcurl takes a third slash for a slip and the path for the host.
-  if (part(url, CURLUPART_HOST).empty() || trimmed.find(":///") != trimmed.npos) refuse(base, "names no host");
+  // libcurl takes a third slash for a typing error, and the path for the host.
+  if (part(url, CURLUPART_HOST).empty() || trimmed.find(":///") != trimmed.npos) refuse(base, "has no host");
   if (!part(url, CURLUPART_USER).empty() || !part(url, CURLUPART_PASSWORD).empty()) {
-    refuse(base, "must not hold a user name or a password");
+    refuse(base, "must not contain a user name or a password");
   }
   if (trimmed.find_first_of("?#") != std::string::npos) refuse(base, "must not have a query or a fragment");
   return url;
@@ -101,7 +102,7 @@ Endpoint::Endpoint(std::string_view api_key, const HttpOptions& options)
     direct = text::is_loopback(host);
     if (!direct && !options.allow_plain_http()) {
       refuse(base,
-             "would send the API key unencrypted to another machine; use https, or permit it with "
+             "would send the API key unencrypted to another machine; use https, or allow it with "
              "HttpOptions::allow_plain_http");
     }
   }
@@ -129,7 +130,8 @@ Endpoint::Endpoint(std::string_view api_key, const HttpOptions& options)
 
 void initialise_libcurl() {
   static const CURLcode code = ::curl_global_init(CURL_GLOBAL_DEFAULT);
-  if (code != CURLE_OK) throw std::runtime_error(std::string("libcurl does not start: ") + ::curl_easy_strerror(code));
+  if (code != CURLE_OK)
+    throw std::runtime_error(std::string("libcurl cannot be initialised: ") + ::curl_easy_strerror(code));
 }
 
 }  // namespace vision::detail::http

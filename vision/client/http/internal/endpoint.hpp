@@ -17,7 +17,7 @@ struct FreeHeaders {
   void operator()(curl_slist* list) const noexcept;
 };
 
-/// What every request of one client shares: where it goes and as whom.
+/// What all requests of one client share: the destination and the credentials.
 /// Immutable, so that exchanges on several threads can read it.
 struct Endpoint {
   /// Throws std::invalid_argument as HttpMessagesClient's constructor does.
@@ -25,7 +25,7 @@ struct Endpoint {
 
   SecretKey key;
   std::string url;        ///< of the messages resource
-  std::string authority;  ///< host, and port when one is given: the name in error texts
+  std::string authority;  ///< host, and port when one is given: how error texts name it
   bool is_tls = true;
   bool direct = false;  ///< no proxy
   std::string ca_file;  ///< empty: the system's
@@ -34,8 +34,7 @@ struct Endpoint {
   std::unique_ptr<curl_slist, FreeHeaders> headers;  ///< holds a copy of the key, wiped at the end
 };
 
-/// Prepares libcurl for the process, once. Throws std::runtime_error when it
-/// cannot be.
+/// Prepares libcurl for the process, once. Throws std::runtime_error when that fails.
 void initialise_libcurl();
 
 }  // namespace vision::detail::http

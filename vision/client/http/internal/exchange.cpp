@@ -14,12 +14,15 @@
 namespace vision::detail::http {
 namespace {
 
+// Of all header lines together.
 constexpr std::size_t max_header_bytes = 64 << 10;
-constexpr long upload_buffer_bytes = 64 << 10;  // larger ones measured slower
-// TLS is sent in records of 16 kB whatever the buffer, and keeps buffers of its own.
+// libcurl's default; larger buffers measured slower.
+constexpr long upload_buffer_bytes = 64 << 10;
+// TLS sends records of 16 kB whatever the buffer, and has buffers of its own, so that
+// a larger one only costs memory.
 constexpr long tls_upload_buffer_bytes = 32 << 10;
 
-// Sets options one after the other and keeps the first failure.
+// Sets options one after the other up to the first failure, which it keeps.
 class Setter {
  public:
   explicit Setter(CURL* easy) : easy_(easy) {}
@@ -38,7 +41,7 @@ class Setter {
 
 using Reason = APIConnectionError::Reason;
 
-// What was being done when it failed.
+// What the client was doing when it failed.
 const char* activity(Reason reason) {
   switch (reason) {
     case Reason::unreachable: return "cannot reach ";
@@ -49,8 +52,8 @@ const char* activity(Reason reason) {
   }
 }
 
-// libcurl itself compares the host's name, after OpenSSL found nothing wrong: only
-// its words tell that.
+// libcurl compares the host's name itself, after OpenSSL has found nothing wrong:
+// only its error text tells that case.
 Reason certificate_reason(long verify_result, std::string_view words) {
   if (words.find("target host name") != words.npos) return Reason::wrong_host;
   switch (verify_result) {
@@ -60,8 +63,8 @@ Reason certificate_reason(long verify_result, std::string_view words) {
   }
 }
 
-// Only OpenSSL's words tell: ours when the server offers too little, the server's
-// when it refuses what we offer.
+// Only OpenSSL's error text tells: "unsupported protocol" when the server offers too
+// little, "alert protocol version" when the server refuses what we offer.
 bool is_old_protocol(std::string_view words) {
   return words.find("alert protocol version") != words.npos || words.find("unsupported protocol") != words.npos;
 }
@@ -71,6 +74,11 @@ bool is_old_protocol(std::string_view words) {
 Exchange::Exchange(std::shared_ptr<const Endpoint> endpoint, MessagesRequest request)
     : endpoint_(std::move(endpoint)), body_(std::move(request)) {}
 
+// There is no seek function, on purpose. libcurl sends a request again, on another
+// connection, when a kept one ends before anything of the response came. That is
+// wanted while only headers went out: the server cannot have acted on those. Once a
+// piece of the body went out the server may have read it all, and the model may have
+// been paid for; libcurl then needs to rewind the body, and fails instead.
 CURLcode Exchange::configure(CURL* easy) noexcept {
   Setter options(easy);
   options.set(CURLOPT_URL, endpoint_->url.c_str())
@@ -84,15 +92,13 @@ CURLcode Exchange::configure(CURL* easy) noexcept {
       .set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(endpoint_->connect_timeout.count()))
       .set(CURLOPT_TCP_KEEPALIVE, 1L)
       .set(CURLOPT_NOSIGNAL, 1L)
-      .set(CURLOPT_QUICK_EXIT, 1L)  // else a cancel during name resolution blocks the loop
+      .set(CURLOPT_QUICK_EXIT, 1L)  // else a cancellation during name resolution blocks the loop
       .set(CURLOPT_UPLOAD_BUFFERSIZE, endpoint_->is_tls ? tls_upload_buffer_bytes : upload_buffer_bytes)
       .set(CURLOPT_HTTPHEADER, endpoint_->headers.get())
       .set(CURLOPT_POST, 1L)
       .set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body_.size()))
       .set(CURLOPT_READFUNCTION, &Exchange::on_read)
       .set(CURLOPT_READDATA, this)
-      .set(CURLOPT_SEEKFUNCTION, &Exchange::on_seek)  // for a kept connection that turns out to be dead
-      .set(CURLOPT_SEEKDATA, this)
       .set(CURLOPT_HEADERFUNCTION, &Exchange::on_header)
       .set(CURLOPT_HEADERDATA, this)
       .set(CURLOPT_WRITEFUNCTION, &Exchange::on_body)
@@ -102,7 +108,7 @@ CURLcode Exchange::configure(CURL* easy) noexcept {
       .set(CURLOPT_ERRORBUFFER, error_text_.data());
   if (endpoint_->direct) options.set(CURLOPT_NOPROXY, "*");
   if (!endpoint_->ca_file.empty()) {
-    // The built-in directory of authorities would be trusted besides the file.
+    // Without the second option the built-in directory would be trusted too.
     options.set(CURLOPT_CAINFO, endpoint_->ca_file.c_str()).set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
   }
   return options.code;
@@ -115,14 +121,15 @@ void Exchange::finish(CURL* easy, CURLcode code) noexcept {
   response_.status = static_cast<int>(status);
   if (easy && code == CURLE_COULDNT_CONNECT) ::curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &system_error_);
   if (easy) ::curl_easy_getinfo(easy, CURLINFO_SSL_VERIFYRESULT, &verify_result_);
-  // libcurl's own limit for one header line, above ours, is reported as a lack of memory.
+  // libcurl has a limit of its own for one header line, larger than ours, and reports
+  // it as a lack of memory.
   if (code == CURLE_OUT_OF_MEMORY && header_bytes_ > 0 && !header_complete_) header_too_large_ = true;
-  // It takes a header that ends without a blank line for a whole one.
+  // libcurl accepts a header that ends without a blank line.
   if (code == CURLE_OK && !header_complete_) code_ = CURLE_GOT_NOTHING;
 }
 
 boost::json::value Exchange::result() const {
-  // A status that reports a failure stands, whatever became of the body.
+  // A status that reports a failure is the result, whatever became of the body.
   const bool is_failure = response_.status >= 300;
   if (is_failure && !header_too_large_) throw_error_response(response_, body_.request().model(), endpoint_->key);
   if (header_too_large_ || code_ == CURLE_WRITE_ERROR || code_ == CURLE_FILESIZE_EXCEEDED) throw_too_large();
@@ -150,6 +157,7 @@ Reason Exchange::reason() const {
     case CURLE_SSL_CACERT_BADFILE: return Reason::no_tls;
     case CURLE_PARTIAL_FILE:
     case CURLE_GOT_NOTHING:
+    case CURLE_SEND_FAIL_REWIND:
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR: return Reason::broken_off;
     default: return Reason::other;
@@ -158,11 +166,13 @@ Reason Exchange::reason() const {
 
 void Exchange::throw_no_response() const {
   std::string detail = error_text_[0] ? error_text_.data() : ::curl_easy_strerror(code_);
+  if (code_ == CURLE_SEND_FAIL_REWIND) detail = "it ended before a response came, and the request is not sent twice";
   if (system_error_ != 0) detail += " (" + std::system_category().message(static_cast<int>(system_error_)) + ")";
   const Reason why = reason();
   if (why == Reason::old_protocol) detail += ", TLS 1.2 is the oldest version accepted";
   const char* const doing = code_ == CURLE_PARTIAL_FILE ? "the response was cut short by " : activity(why);
-  const std::string message = doing + endpoint_->authority + ": " + endpoint_->key.scrub(text::one_line(detail));
+  const std::string message =
+      doing + endpoint_->authority + ": " + endpoint_->key.scrub_excerpt(text::one_line(detail));
   if (why == Reason::timed_out) throw APITimeoutError(message, why);
   throw APIConnectionError(message, why);
 }
@@ -171,7 +181,7 @@ bool Exchange::take_header(std::string_view line) {
   header_bytes_ += line.size();
   header_too_large_ = header_bytes_ > max_header_bytes;
   if (header_too_large_) return false;
-  if (line.starts_with("HTTP/")) {  // what came before was an interim response
+  if (line.starts_with("HTTP/")) {  // what came before was an interim response (1xx)
     response_ = RawResponse();
     header_complete_ = false;
     return true;
@@ -194,17 +204,11 @@ bool Exchange::take_body(std::string_view piece) {
   return true;
 }
 
-// Memory is all that the callbacks below can run out of; that ends the process
-// here, as libcurl's frames cannot be unwound.
+// The callbacks below can fail only for lack of memory. That ends the process, as an
+// exception must not pass through libcurl's C frames.
 
 std::size_t Exchange::on_read(char* out, std::size_t size, std::size_t count, void* self) noexcept {
   return static_cast<Exchange*>(self)->body_.read(out, size * count);
-}
-
-int Exchange::on_seek(void* self, curl_off_t offset, int origin) noexcept {
-  const bool done =
-      origin == SEEK_SET && offset >= 0 && static_cast<Exchange*>(self)->body_.seek(static_cast<std::uint64_t>(offset));
-  return done ? CURL_SEEKFUNC_OK : CURL_SEEKFUNC_CANTSEEK;
 }
 
 std::size_t Exchange::on_header(char* data, std::size_t size, std::size_t count, void* self) noexcept {

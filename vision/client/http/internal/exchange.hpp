@@ -14,20 +14,20 @@
 
 namespace vision::detail::http {
 
-/// One request and what came of it. The driver configures a libcurl handle with
-/// it, reports the end, and afterwards touches it no more; `result` belongs to
-/// whoever waited.
+/// One request and its outcome. The driver configures a libcurl handle with it,
+/// reports the end, and does not touch it afterwards; `result` is for the waiting
+/// coroutine.
 class Exchange {
  public:
   Exchange(std::shared_ptr<const Endpoint> endpoint, MessagesRequest request);
   Exchange(const Exchange&) = delete;
   Exchange& operator=(const Exchange&) = delete;
 
-  /// Sets every option of a fresh handle. The exchange stays where it is until
-  /// the handle has been reset.
+  /// Sets every option of a fresh handle, which then points to this object until it
+  /// is reset.
   CURLcode configure(CURL* easy) noexcept;
 
-  /// Notes how the transfer ended. `easy` is null when it never began.
+  /// Records how the transfer ended. `easy` is null when it never began.
   void finish(CURL* easy, CURLcode code) noexcept;
 
   /// The response's JSON object. Throws what HttpMessagesClient::create throws.
@@ -35,7 +35,6 @@ class Exchange {
 
  private:
   static std::size_t on_read(char* out, std::size_t size, std::size_t count, void* self) noexcept;
-  static int on_seek(void* self, curl_off_t offset, int origin) noexcept;
   static std::size_t on_header(char* data, std::size_t size, std::size_t count, void* self) noexcept;
   static std::size_t on_body(char* data, std::size_t size, std::size_t count, void* self) noexcept;
 

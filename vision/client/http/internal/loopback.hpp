@@ -4,8 +4,8 @@
 
 namespace vision::text {
 
-/// Whether `host`, a name or an address as a URL has it (an IPv6 address with or
-/// without its brackets), is this machine whatever a resolver says: "localhost",
+/// Whether `host`, a name or address as written in a URL (an IPv6 address with or
+/// without brackets), is this machine whatever a resolver says: "localhost",
 /// 127.0.0.0/8 or ::1.
 bool is_loopback(const std::string& host);
 

@@ -4,14 +4,14 @@
 #include <boost/asio/associated_executor.hpp>
 #include <boost/asio/async_result.hpp>
 #include <boost/asio/cancellation_type.hpp>
-#include <boost/asio/execution_context.hpp>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/query.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <type_traits>
+
+#include "vision/runtime/internal/context_local.hpp"
 
 namespace vision::detail::http {
 namespace asio = boost::asio;
@@ -19,32 +19,25 @@ using boost::system::error_code;
 
 namespace {
 
-class DriverService : public asio::execution_context::service {
+// The driver of one context.
+class ContextDriver {
  public:
-  using key_type = DriverService;
-  static asio::execution_context::id id;
-
-  explicit DriverService(asio::execution_context& context) : service(context) {}
-
-  std::shared_ptr<CurlDriver> driver(const asio::any_io_executor& executor) {
+  std::shared_ptr<CurlDriver> get(const asio::any_io_executor& executor) {
     const std::lock_guard lock(mutex_);
     if (!driver_) driver_ = std::make_shared<CurlDriver>(executor);
     return driver_;
   }
-
- private:
-  void shutdown() override {
+  void shutdown() {
     if (driver_) driver_->close();
   }
 
+ private:
   std::mutex mutex_;
   std::shared_ptr<CurlDriver> driver_;
 };
 
-asio::execution_context::id DriverService::id;
-
-// The driver serves a whole context: it should not queue behind one caller's
-// strand.
+// The driver serves a whole context, and must not queue behind the strand of the
+// caller that happens to be the first.
 asio::any_io_executor without_strand(const asio::any_io_executor& executor) {
   if (const auto* strand = executor.target<asio::strand<asio::io_context::executor_type>>()) {
     return strand->get_inner_executor();
@@ -55,24 +48,25 @@ asio::any_io_executor without_strand(const asio::any_io_executor& executor) {
   return executor;
 }
 
-// The asynchronous operation behind `run`: hands the waiting coroutine to the
-// driver as a completion that resumes it on its own executor.
+// The asynchronous operation behind `run`: gives the driver a completion that resumes
+// the waiting coroutine on its own executor.
 struct StartExchange {
   template <class Handler>
   void operator()(Handler&& handler, std::shared_ptr<CurlDriver> driver, std::shared_ptr<Exchange> exchange) const {
     auto slot = asio::get_associated_cancellation_slot(handler);
     if (slot.is_connected()) {
+      // Weak, because a slot keeps its handler after the operation has ended.
       slot.assign([driver = std::weak_ptr(driver), exchange = std::weak_ptr(exchange)](asio::cancellation_type_t type) {
         const auto [d, e] = std::pair(driver.lock(), exchange.lock());
         if (d && e && type != asio::cancellation_type::none) d->cancel(e.get());
       });
     }
     auto work = asio::make_work_guard(handler);
-    // Shared, because std::function copies.
+    // Shared, because std::function copies what it holds, and a handler cannot be copied.
     auto shared = std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler));
-    CurlDriver& runner = *driver;  // the completion may run, and end `driver`'s owner, before `start` returns
-    const auto keep = driver;
-    runner.start(std::move(exchange), [shared = std::move(shared), work = std::move(work)](error_code error) {
+    // `driver` is a copy: another thread may resume the coroutine, and destroy all that
+    // owns the driver, before `start` returns.
+    driver->start(std::move(exchange), [shared = std::move(shared), work = std::move(work)](error_code error) {
       asio::post(work.get_executor(), [shared, error] {
         auto resume = std::move(*shared);
         std::move(resume)(error);
@@ -85,13 +79,12 @@ struct StartExchange {
 
 std::shared_ptr<CurlDriver> driver_of(const asio::any_io_executor& executor) {
   {
-    // A context shuts its services down in the reverse order of their creation:
-    // those that the driver uses have to exist first.
+    // A context shuts its services down in the reverse order of their creation, so
+    // those that the driver uses must exist before it.
     const runtime::IoTimer timer(executor);
     const asio::posix::stream_descriptor descriptor(executor);
   }
-  auto& context = asio::query(executor, asio::execution::context);
-  return asio::use_service<DriverService>(context).driver(without_strand(executor));
+  return runtime::context_local<ContextDriver>(executor).get(without_strand(executor));
 }
 
 asio::awaitable<void> run(std::shared_ptr<CurlDriver> driver, std::shared_ptr<Exchange> exchange) {
