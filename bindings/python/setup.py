@@ -1,0 +1,40 @@
+"""Builds the wheel: the Python code, and the shared library that the build made.
+
+    VELMORA_VISION_LIBRARY=.../libvision_c.so pip wheel --no-build-isolation --no-deps .
+"""
+
+import os
+import shutil
+
+from setuptools import setup
+from setuptools.command.build_py import build_py
+
+try:
+    from setuptools.command.bdist_wheel import bdist_wheel
+except ImportError:  # before setuptools 70.1
+    from wheel.bdist_wheel import bdist_wheel
+
+SONAME = "libvision_c.so.0.1"
+
+
+class BuildWithLibrary(build_py):
+    def run(self):
+        super().run()
+        library = os.environ.get("VELMORA_VISION_LIBRARY", "")
+        if not os.path.isfile(library):
+            raise SystemExit(f'VELMORA_VISION_LIBRARY must be the path of libvision_c.so, not "{library}"')
+        shutil.copyfile(library, os.path.join(self.build_lib, "velmora_vision", SONAME))
+
+
+class WheelOfThisPlatform(bdist_wheel):
+    """For this machine's kind, and for any Python 3."""
+
+    def finalize_options(self):
+        super().finalize_options()
+        self.root_is_pure = False
+
+    def get_tag(self):
+        return "py3", "none", super().get_tag()[2]
+
+
+setup(cmdclass={"build_py": BuildWithLibrary, "bdist_wheel": WheelOfThisPlatform})
