@@ -6,7 +6,7 @@
 import os
 import shutil
 
-from setuptools import setup
+from setuptools import Distribution, setup
 from setuptools.command.build_py import build_py
 
 try:
@@ -26,15 +26,14 @@ class BuildWithLibrary(build_py):
         shutil.copyfile(library, os.path.join(self.build_lib, "velmora_vision", SONAME))
 
 
-class WheelOfThisPlatform(bdist_wheel):
-    """For this machine's kind, and for any Python 3."""
-
-    def finalize_options(self):
-        super().finalize_options()
-        self.root_is_pure = False
-
+class ForAnyPython(bdist_wheel):
     def get_tag(self):
         return "py3", "none", super().get_tag()[2]
 
 
-setup(cmdclass={"build_py": BuildWithLibrary, "bdist_wheel": WheelOfThisPlatform})
+class ForThisPlatform(Distribution):
+    def has_ext_modules(self):
+        return True
+
+
+setup(cmdclass={"build_py": BuildWithLibrary, "bdist_wheel": ForAnyPython}, distclass=ForThisPlatform)
