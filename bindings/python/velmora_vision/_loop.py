@@ -64,7 +64,10 @@ class LoopOperation(Operation):
         finally:
             if not self._ended.done():  # the coroutine is closed in the middle
                 self.cancel()
-            self._cancel_tasks()  # a page's call that outlasted its time limit
+            if not self._loop.is_closed():
+                self._cancel_tasks()  # a page's call that outlasted its time limit
+        if self.interruption is None and isinstance(self.error, _errors.VisionError) and self.error.kind == "Cancelled":
+            raise asyncio.CancelledError  # the interpreter is ending
         return self.conclude()
 
     async def _wait_for_the_end(self) -> None:
