@@ -4,11 +4,12 @@ needs most. All is for asyncio; a launched browser ends with its last reference,
 
 from __future__ import annotations
 
-from typing import Any, Dict, List, Optional, Sequence
+from typing import Any, Dict, List, Optional, Sequence, Union
 
 from . import _loop, _requests
 from ._operation import Outcome
 from ._runtime import Handle
+from .page import AsyncPage
 
 
 class Mouse:
@@ -54,6 +55,9 @@ class ChromiumPage:
 
     async def _run(self, operation: str, **options: Any) -> Any:
         return await _loop.run(_requests.of_browser(operation, page=self, **options))
+
+
+AnyPage = Union[AsyncPage, ChromiumPage]
 
 
 class Browser:

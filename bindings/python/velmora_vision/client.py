@@ -8,7 +8,7 @@ from typing import Any, Awaitable, Callable, Mapping, Optional, Set, Tuple
 
 from . import _errors, _loop, _requests
 from ._client import ClientBase
-from .page import AsyncPage
+from .chromium import AnyPage
 from .records import ActionResult, ImgMeta
 
 OnAction = Callable[[ActionResult, Mapping[str, Any]], Awaitable[None]]
@@ -71,7 +71,7 @@ class VisionClient(ClientBase):
 
         return perform
 
-    async def screenshot(self, page: AsyncPage, *, full_page: bool = False) -> Tuple[bytes, ImgMeta]:
+    async def screenshot(self, page: AnyPage, *, full_page: bool = False) -> Tuple[bytes, ImgMeta]:
         """A screenshot as PNG, and what is known of it. Raises what the page raises."""
         result: Tuple[bytes, ImgMeta] = await _loop.run(_requests.screenshot(page, self, full_page))
         return result
@@ -105,7 +105,7 @@ class VisionClient(ClientBase):
 
     async def act(
         self,
-        page: AsyncPage,
+        page: AnyPage,
         flow_context: Mapping[str, Any],
         *,
         prompt: Optional[str] = None,

@@ -12,8 +12,8 @@ import logging
 from typing import Any, Awaitable, Callable, Dict, Mapping, Optional, Set, TypeVar, Union
 
 from . import _loop, _requests
+from .chromium import AnyPage
 from .client import VisionClient
-from .page import AsyncPage
 from .records import ActionResult, ImgMeta
 
 T = TypeVar("T")
@@ -21,7 +21,7 @@ U = TypeVar("U")
 
 
 async def act_loop(
-    page: AsyncPage,
+    page: AnyPage,
     *,
     flow_context: Mapping[str, Any],
     hotspot_id: str,
@@ -55,7 +55,7 @@ async def act_loop(
 
 
 async def with_vision_fallback(
-    page: AsyncPage,
+    page: AnyPage,
     primary_fn: Callable[[], Awaitable[T]],
     *,
     flow_context: Mapping[str, Any],
@@ -78,7 +78,7 @@ async def with_vision_fallback(
 
 
 async def shadow_observe_then_cua(
-    page: AsyncPage,
+    page: AnyPage,
     cua_fn: Callable[[], Awaitable[T]],
     *,
     flow_context: Mapping[str, Any],
@@ -106,7 +106,7 @@ async def shadow_observe_then_cua(
 
 
 async def observe_only(
-    page: AsyncPage,
+    page: AnyPage,
     *,
     flow_context: Mapping[str, Any],
     hotspot_id: str,
@@ -134,7 +134,7 @@ _in_background: Set[asyncio.Task[Dict[str, Any]]] = set()
 
 
 def observe_in_background(
-    page: AsyncPage,
+    page: AnyPage,
     *,
     flow_context: Mapping[str, Any],
     hotspot_id: str,
@@ -166,7 +166,7 @@ def _observed(task: asyncio.Task[Dict[str, Any]]) -> None:
         logging.getLogger("vision").warning("vision: observation failed: %s", task.exception())
 
 
-async def execute_action(page: AsyncPage, result: ActionResult, img_meta: ImgMeta) -> None:
+async def execute_action(page: AnyPage, result: ActionResult, img_meta: ImgMeta) -> None:
     """Carries out one action on the page; a verdict does nothing. Raises a ValueError when the
     result lacks what its action needs, and what the page raises."""
     await _loop.run(_requests.execute_action(page, result, img_meta))
