@@ -1,7 +1,10 @@
 """The end of the process in the middle of an operation, fork, an interrupt, a missing library: in
 processes of their own."""
 
+import ast
+import importlib.util
 import os
+import pathlib
 import re
 import subprocess
 import sys
@@ -43,6 +46,19 @@ async def fly():
 threading.Thread(target=lambda: asyncio.run(fly()), daemon=True).start()
 flying.wait()
 """, 0, ""),
+    ("nothing is left", """
+async def cancelled():
+    try:
+        await asyncio.wait_for(vision.act_loop(AsyncScriptedPage(screenshot=Hang()), vision=client(), **SITE), 0.01)
+    except asyncio.TimeoutError:
+        page = AsyncScriptedPage(screenshot=TargetClosedError("closed"), click=TargetClosedError("closed"))
+        await vision.observe_only(page, vision=client(), **SITE)
+client = lambda: vision.VisionClient(messages_client=Model())
+asyncio.run(cancelled())
+from velmora_vision import _errors, _operation, _runtime
+_runtime._end()
+print(_operation.hosts._objects, _errors._told._objects)
+""", 0, "{} {}"),
     ("exit", "asyncio.run(in_flight(lambda: sys.exit(3)))", 3, ""),
     ("exit at once", "asyncio.run(in_flight(lambda: os._exit(4)))", 4, ""),
     ("a closed loop", """
@@ -105,6 +121,11 @@ def run(script, **environment):
 
 
 class Processes(unittest.TestCase):
+    def test_the_oldest_python(self):
+        package = pathlib.Path(importlib.util.find_spec("velmora_vision").origin).parent
+        for file in package.glob("*.py"):
+            ast.parse(file.read_text(), str(file), feature_version=(3, 9))
+
     def test_scripts(self):
         for name, script, code, output in SCRIPTS:
             with self.subTest(name):

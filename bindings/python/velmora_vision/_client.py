@@ -8,7 +8,8 @@ import os
 from typing import Any, Callable, Dict, List, Mapping, Optional, Tuple
 
 from . import _native, _runtime
-from ._operation import callback, hosts, json_text, release_host, reply_nothing, reply_value
+from ._answers import json_text, reply_nothing, reply_value
+from ._operation import callback, hosts, release_host
 from .records import ActionResult
 
 _library = _native.library

@@ -14,8 +14,17 @@ from dataclasses import dataclass, field
 from typing import Any, Callable, Dict, Mapping, Optional
 
 from . import _errors, _native, _runtime
+from ._answers import (
+    image_of,
+    json_text,
+    reply_agent_value,
+    reply_image,
+    reply_nothing,
+    reply_size,
+    reply_truth,
+    reply_value,
+)
 from ._registry import Registry
-from .records import ActionResult
 
 _library = _native.library
 hosts: Registry[Any] = Registry()  # operations, pages and clients, by the library's `host`
@@ -31,9 +40,6 @@ class Outcome:
     browser: Optional[_runtime.Handle] = None
     returned: Any = None  # what the host's own function returned
 
-    def result(self) -> ActionResult:
-        return ActionResult(**self.value)
-
 
 @dataclass
 class Request:
@@ -47,57 +53,6 @@ class Request:
     browser: Optional[_runtime.Handle] = None
     image: Optional[bytes] = None
     functions: Mapping[str, Optional[Callable[..., Any]]] = field(default_factory=dict)
-
-
-# ------------------------------------------------------------------------------ answers
-
-
-def json_text(value: Any) -> bytes:
-    return json.dumps(value, allow_nan=False).encode("ascii")
-
-
-def reply_value(reply: int, value: Any) -> None:
-    text = json_text(value)
-    _library.vision_reply_value(reply, text, len(text))
-
-
-def reply_nothing(reply: int, _value: Any) -> None:
-    _library.vision_reply_value(reply, None, 0)
-
-
-# The library copies the picture at once, a fraction of a millisecond. It could keep the
-# bytes, but would then let go of them on a thread that may outlive the interpreter.
-def reply_image(reply: int, value: Any) -> None:
-    if not isinstance(value, (bytes, bytearray, memoryview)):
-        raise TypeError(f"screenshot() must return bytes, not {type(value).__name__}")
-    data = bytes(value)
-    _library.vision_reply_image(reply, ctypes.byref(image_of(data)))
-
-
-def image_of(data: bytes) -> _native.Image:
-    """For as long as the bytes live."""
-    return _native.Image(data=ctypes.cast(ctypes.c_char_p(data), ctypes.c_void_p), size=len(data))
-
-
-def reply_size(reply: int, size: Any) -> None:
-    reply_value(reply, dict(size) if size else None)
-
-
-def reply_truth(reply: int, value: Any) -> None:
-    reply_value(reply, bool(value))
-
-
-# The agent's value stays here; the library records the beginning of its text.
-def reply_agent_value(reply: int, value: Any) -> None:
-    told = None
-    if isinstance(value, Mapping):
-        text = value.get("text")
-        try:
-            json_text(text)
-        except (TypeError, ValueError):
-            text = str(text)
-        told = {"text": text}
-    reply_value(reply, told)
 
 
 # ---------------------------------------------------------------------------- callbacks

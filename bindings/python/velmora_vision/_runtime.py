@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import atexit
+import ctypes
 import json
 import logging
 import os
@@ -95,7 +96,7 @@ def _on_resolve(_host: Any, reply: int) -> None:
 def _apply_registry() -> None:
     assert _registry is not None
     light, heavy, resolve = _registry
-    resolver = _on_resolve if resolve else _native.HostFunction()
+    resolver = _on_resolve if resolve else ctypes.cast(None, _native.HostFunction)
     if not _library.vision_set_model_registry(_runtime, light.encode(), heavy.encode(), resolver, None):
         raise _errors.last()
 
@@ -149,7 +150,7 @@ def _end() -> None:
         runtime, _runtime = _runtime, None
     if runtime is not None:
         _library.vision_runtime_free(runtime)
-    _library.vision_set_log(_native.Log(), None, _native.LOG_INFO)
+    _library.vision_set_log(ctypes.cast(None, _native.Log), None, _native.LOG_INFO)
 
 
 _library.vision_set_log(_on_log, None, _native.LOG_DEBUG)

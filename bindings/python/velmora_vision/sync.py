@@ -14,8 +14,9 @@ import threading
 from typing import Any, Callable, Dict, Mapping, Optional, Tuple, TypeVar, Union
 
 from . import _errors, _requests
+from ._answers import reply_image, reply_value
 from ._client import ClientBase
-from ._operation import Operation, Request, reply_image, reply_value
+from ._operation import Operation, Request
 from .page import SyncPage
 from .records import ActionResult, ImgMeta
 
