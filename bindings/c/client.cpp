@@ -192,8 +192,7 @@ void vision_client_release(vision_client* client) {
 const char* vision_client_metrics(vision_client* client, size_t* size) {
   thread_local std::string of_this_thread;
   std::string& text = of_this_thread;  // also where the job runs
-  client->client->loop()->run(
-      [&] { text = vision::text::to_json(vision::c::to_json(client->client->get().metrics)); });
+  client->client->loop()->run([&] { text = vision::text::to_json(vision::c::to_json(client->client->get().metrics)); });
   if (size) *size = text.size();
   return text.c_str();
 }

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <set>
 #include <stdexcept>
@@ -77,14 +78,17 @@ void ExitGate::leave() {
   left_.notify_all();
 }
 
+// A turn takes milliseconds. One that is stuck, behind a callback of another loop's,
+// must not keep the process from ending.
 void ExitGate::close() {
+  constexpr std::chrono::seconds patience(2);
   if (process_ != ::getpid()) return;
   std::unique_lock lock(mutex_);
   closed_ = true;
   lock.unlock();
   wake_();
   lock.lock();
-  left_.wait(lock, [this] { return !inside_; });
+  left_.wait_for(lock, patience, [this] { return !inside_; });
 }
 
 HostCode::HostCode() : gate_(std::exchange(gate_of_this_thread, nullptr)) {

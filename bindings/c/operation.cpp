@@ -126,6 +126,7 @@ asio::awaitable<void> Operation::run(std::shared_ptr<Operation> self) {
 }
 
 void Operation::end() {
+  is_running_ = false;
   operations_in_flight().take(number_);
   if (error_) {
     report(error_);

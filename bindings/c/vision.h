@@ -23,10 +23,10 @@
 /// returns. A text for the library is copied before the call returns. The address may be
 /// null when the size is 0.
 ///
-/// **Values** are JSON texts. Those for the library may nest 256 levels deep; their
-/// members keep their order, their numbers stay as they are (integers within 64 bits,
-/// any other number as a double), and an escaped surrogate without its partner, like any
-/// ill-formed part of a text, becomes U+FFFD. Those from the library are ASCII.
+/// **Values** are JSON texts, which may nest 256 levels deep. Members keep their order,
+/// numbers stay as they are (integers within 64 bits, any other number as the nearest
+/// double), and an escaped surrogate without its partner becomes U+FFFD. Those from the
+/// library are ASCII.
 ///
 /// **Errors** of the host's own are told to the library with a token, and come back with
 /// it where they come back at all, so that the host can raise the very error that it had.
@@ -153,9 +153,9 @@ int vision_reply_error(vision_reply reply, const vision_error* error);
 /// A page of the host's: what the runtime calls to look at it and to act on it. `host` is
 /// what vision_page_new was given. Coordinates and deltas are CSS pixels.
 ///
-/// An operation that has its answer calls the next one only then; two operations that
-/// share a page may call at the same time. When an operation is cancelled or a time limit
-/// has passed it goes on without the answer, and the host may still be busy with it.
+/// An operation calls one function at a time and waits for the answer; two operations
+/// that share a page may call at the same time. When an operation is cancelled, or a time
+/// limit has passed, it goes on without the answer, while the host may still be busy.
 typedef struct vision_page_functions {
   /// The viewport as PNG, or the whole page when `full_page` is not 0. Answer: an image.
   void (*screenshot)(void* host, int full_page, vision_reply reply);
@@ -191,7 +191,8 @@ void vision_page_release(vision_page* page);
 /// given. Each may be null.
 typedef struct vision_client_functions {
   /// Sees each answer of the model, and the flow context of the call, before the call
-  /// goes on. It waits for an answer, any value. An error is logged as a warning.
+  /// goes on, which waits for this answer without a limit. Answer: any value; an error is
+  /// logged as a warning.
   void (*on_action)(void* host, const char* result, size_t result_size, const char* flow_context,
                     size_t flow_context_size, vision_reply reply);
   /// The way to the model, instead of HTTPS: gets the whole request of the Messages API as

@@ -68,14 +68,14 @@ check_blocks() { # PAGE
   while IFS=$'\t' read -r number line language mark; do
     place="$1:$line"
     case "$language|$mark" in
-      'cpp|shown: '* | 'sh|shown: '*) ;;
+      'c|shown: '* | 'cpp|shown: '* | 'sh|shown: '*) ;;
       'sh|run') run_commands "$place" "$scratch/blocks/$number" "$scratch/world" ;;
       *'|output') diff -u "$scratch/blocks/$number" "$scratch/output" || mistake "$place: the output is another" ;;
       *'|record') check_lines "$place" "$scratch/blocks/$number" "$scratch/world/logs/vision_shadow.jsonl" ;;
       *'|log') check_lines "$place" "$scratch/blocks/$number" "$scratch/world/vision.log" ;;
       'cpp|') mistake "$place: a cpp block without a comment that names its source" ;;
       'sh|'*) mistake "$place: an sh block that is neither run nor shown" ;;
-      'cpp|'*) check_program "$place" "$scratch/blocks/$number" "$mark" ;;
+      'c|'* | 'cpp|'*) check_program "$place" "$scratch/blocks/$number" "$mark" ;;
       *'|') ;;
       *) mistake "$place: \"$mark\" is no mark of a $language block" ;;
     esac
@@ -110,6 +110,6 @@ while IFS= read -r page; do
   check_blocks "$page"
   check_links "$page"
   pages=$((pages + 1))
-done < <(cd "$project" && { ls ./*.md; find ./docs -name '*.md'; } | sed 's,^\./,,' | sort)
+done < <(cd "$project" && { ls ./*.md; find ./docs ./bindings -name '*.md'; } | sed 's,^\./,,' | sort)
 echo "$pages pages checked, $mistakes mistakes"
 [ "$mistakes" -eq 0 ]
