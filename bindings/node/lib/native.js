@@ -1,7 +1,6 @@
 'use strict';
 // Loads the addon, and says what is missing when it cannot be loaded.
 
-const { constants } = require('node:os');
 const path = require('node:path');
 
 // Debian's packages of what the addon needs from the system.
@@ -31,15 +30,14 @@ function load() {
     throw new Error(`@velmora/vision has no binary for ${platform}, only for linux-x64`);
   }
   const file = path.join(__dirname, '..', 'prebuilds', platform, 'vision.node');
-  const addon = { exports: {} };
+  // A node with an OpenSSL inside exports it, all that libcurl needs, and libcurl uses that
+  // instead of the system's. RTLD_DEEPBIND would part them, and with them `environ` and
+  // an allocator that is preloaded.
   try {
-    // RTLD_DEEPBIND: a node with an OpenSSL inside exports its symbols, and libcurl must
-    // find those of the system's.
-    process.dlopen(addon, file, constants.dlopen.RTLD_NOW | constants.dlopen.RTLD_DEEPBIND);
+    return require(file);
   } catch (error) {
     throw new Error(`@velmora/vision: ${explanation(error.message)} (${error.message})`, { cause: error });
   }
-  return addon.exports;
 }
 
 module.exports = load();

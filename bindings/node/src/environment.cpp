@@ -25,9 +25,15 @@ Shared Environment::of(Napi::Env env) {
   return *env.GetInstanceData<Shared>();
 }
 
+// While an environment ends it still gets here, with an `env` that runs no JavaScript.
 void Environment::run(Napi::Env env, Napi::Function dispatch, std::nullptr_t*, Job* job) {
   const std::unique_ptr<Job> owned(job);
-  if (env != nullptr) (*job)(env, dispatch);
+  if (env == nullptr) return;
+  try {
+    (*job)(env, dispatch);
+  } catch (const Napi::Error& error) {
+    error.ThrowAsJavaScriptException();
+  }
 }
 
 void Environment::post(Job job) {

@@ -6,11 +6,11 @@
 
 namespace vision_node {
 
-/// setLog(level): sends the process's log lines to this environment's JavaScript, in place
-/// of any other's; level 0 puts standard output back.
+/// setLog(level): sends the process's log lines to this environment's JavaScript; level 0
+/// leaves them to the environment that has set it before this one, or to standard output.
 void set_log(const Napi::CallbackInfo& info);
 
-/// Puts standard output back when the lines go to this environment.
+/// The same as level 0, at the environment's end.
 void stop_logging_to(const Environment& environment);
 
 }  // namespace vision_node
