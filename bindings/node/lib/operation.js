@@ -16,11 +16,7 @@ const handlers = {
     const call = calls.get(number);
     calls.delete(number);
     call.signal?.removeEventListener('abort', call.onAbort);
-    if (failure) {
-      call.reject(toError(failure, call));
-    } else {
-      call.resolve({ value: JSON.parse(value), image, page, browser });
-    }
+    call.resolve({ failure, value, image, page, browser });
   },
   releaseError(number) {
     held.delete(number);
@@ -94,7 +90,7 @@ async function run(operation, options, parts = {}) {
   if (signal?.aborted) throw signal.reason;
   const number = ++last;
   const call = { page, vision, functions, signal, resource: new AsyncResource('velmora.vision') };
-  const ended = new Promise((resolve, reject) => Object.assign(call, { resolve, reject }));
+  const ended = new Promise((resolve) => { call.resolve = resolve; });
   const given = { ...functions };
   if (page) given.page = handleOf(page) ?? true;
   if (vision) given.client = handleOf(vision);
@@ -109,7 +105,9 @@ async function run(operation, options, parts = {}) {
     throw error;
   }
   signal?.addEventListener('abort', call.onAbort, { once: true });
-  return ended;
+  const { failure, value, ...rest } = await ended;
+  if (failure) throw toError(failure, call); // made here, so that its stack shows the caller
+  return { value: JSON.parse(value), ...rest };
 }
 
 native.begin((event, ...args) => handlers[event](...args));
