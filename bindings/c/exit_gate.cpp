@@ -67,9 +67,11 @@ void ExitGate::end() {
 
 void ExitGate::enter() {
   std::unique_lock lock(mutex_);
-  inside_ = !closed_;
-  lock.unlock();
-  while (!inside_) ::pause();  // until the process is gone
+  if (closed_) {
+    lock.unlock();
+    stand_still();
+  }
+  inside_ = true;
 }
 
 void ExitGate::leave() {
@@ -99,6 +101,10 @@ HostCode::~HostCode() {
   if (!gate_) return;
   gate_of_this_thread = gate_;
   gate_->enter();
+}
+
+void stand_still() noexcept {
+  for (;;) ::pause();
 }
 
 }  // namespace vision::c

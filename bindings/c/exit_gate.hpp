@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cxxabi.h>
+
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -54,12 +56,20 @@ class HostCode {
   ExitGate* const gate_;
 };
 
-/// Calls a function of the host's, if there is one.
+/// Never returns: the calling thread waits for the end of the process.
+[[noreturn]] void stand_still() noexcept;
+
+/// Calls a function of the host's, if there is one. An interpreter that is being shut
+/// down ends the threads that call into it; ours must not be unwound from there.
 template <class... Parameters, class... Arguments>
 void call_host(void (*function)(Parameters...), Arguments... arguments) {
   if (!function) return;
   const HostCode host_code;
-  function(arguments...);
+  try {
+    function(arguments...);
+  } catch (const abi::__forced_unwind&) {
+    stand_still();
+  }
 }
 
 }  // namespace vision::c

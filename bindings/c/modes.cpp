@@ -162,13 +162,14 @@ asio::awaitable<Output> fallback(const Input& in, Options options) {
   co_return Output(rescued(std::move(result)));
 }
 
-constexpr std::array<Kind, 8> kinds = {{{"ask", true, ask},
+constexpr std::array<Kind, 9> kinds = {{{"ask", true, ask},
                                         {"act", true, act},
                                         {"screenshot", true, screenshot},
                                         {"execute_action", false, execute},
                                         {"act_loop", true, mission},
                                         {"shadow_observe_then_cua", true, shadow},
                                         {"observe_only", true, observe},
+                                        {"observe_in_background", true, observe},
                                         {"with_vision_fallback", true, fallback}}};
 
 }  // namespace

@@ -36,9 +36,10 @@
 /// and stay harmless when what they stand for is over.
 ///
 /// **The end of the process.** It may exit at any moment, with operations in flight: no
-/// callback is called from then on. A child process made by fork has none of its parent's
-/// runtimes: it makes its own, and of its parent's it may call vision_runtime_free alone,
-/// which does nothing there.
+/// callback is called from then on. A host whose functions go away earlier, with an
+/// interpreter that is shut down, frees its runtimes before that. A child process made by
+/// fork has none of its parent's runtimes: it makes its own, and of its parent's it may
+/// call vision_runtime_free alone, which does nothing there.
 
 #include <stddef.h>
 #include <stdint.h>
@@ -312,8 +313,9 @@ typedef struct vision_call {
   void* host;                              ///< what `functions` and `done` are called with
 } vision_call;
 
-/// Starts an operation. `call` is copied. Returns its number, or 0 when the runtime is
-/// ending or has ended: `done` is not called then. Everything else that is wrong, the
+/// Starts an operation. `call` is copied, and the image taken over whatever happens.
+/// Returns its number, or 0 when the runtime is ending: `done` is not called then.
+/// Everything else that is wrong, the
 /// operation's name included, comes as the error in `done`, which may be called before
 /// this returns. An option with an unknown name or of a wrong type is an invalid_argument
 /// whose message names it; null means that it is not given.
@@ -331,8 +333,8 @@ typedef struct vision_call {
 ///   shadow_observe_then_cua  flow_context, hotspot_id, run_id, high_stakes; calls cua_fn,
 ///                            which is required. Value: that of cua_fn.
 ///   observe_only             flow_context, hotspot_id, run_id, high_stakes, dom_ground_truth.
-///                            Value: the record. With nobody waiting this is the observer
-///                            in the background: `done` may be null.
+///                            Value: the record.
+///   observe_in_background    the same for a caller that does not wait: `done` may be null.
 ///
 /// One question, or one action:
 ///

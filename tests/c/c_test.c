@@ -645,7 +645,8 @@ static void log_line(void* lines, int level, const char* line, size_t size) {
   if (level == VISION_LOG_INFO &&
       strstr(line, "vision: action=click confidence=0.90 workflow=share phase=2 model=light"))
     ++*(int*)lines;
-  if (level == VISION_LOG_WARNING && strstr(line, "vision: observe_only failed: invalid_argument: no page was given"))
+  if (level == VISION_LOG_WARNING &&
+      strstr(line, "vision: observe_in_background failed: invalid_argument: no page was given"))
     *(int*)lines += 10;
 }
 
@@ -669,7 +670,7 @@ static void test_metrics_and_log(void) {
             strstr(h.seen, "\"viewport\": {\"w\": 1280, \"h\": 800, \"dpr\": 2.0}"),
         "%s", h.seen);
   const vision_call unwatched = {MISSION, strlen(MISSION), NULL, client, NULL, NULL, NULL, NULL, NULL};
-  CHECK(vision_start(runtime, "observe_only", &unwatched), "an operation that nobody waits for");
+  CHECK(vision_start(runtime, "observe_in_background", &unwatched), "an operation that nobody waits for");
   size_t size = 0;
   const char* metrics = vision_client_metrics(client, &size);
   CHECK(size == strlen(metrics) &&

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks README.md, CONTRIBUTING.md and docs/ against the code. A comment directly
+# Checks README.md, CONTRIBUTING.md, docs/ and bindings/ against the code. A comment directly
 # before a fenced block says what it must be:
 #   <!-- path -->        cpp: the whole file;  <!-- path#name -->  the piece of it
 #                        between two "// [name]" lines, without their indentation
@@ -110,6 +110,6 @@ while IFS= read -r page; do
   check_blocks "$page"
   check_links "$page"
   pages=$((pages + 1))
-done < <(cd "$project" && { ls ./*.md; find ./docs ./bindings -name '*.md'; } | sed 's,^\./,,' | sort)
+done < <(cd "$project" && { ls ./*.md; find ./docs ./bindings -name node_modules -prune -o -name '*.md' -print; } | sed 's,^\./,,' | sort)
 echo "$pages pages checked, $mistakes mistakes"
 [ "$mistakes" -eq 0 ]
