@@ -50,12 +50,12 @@ class VisionClient {
     return clients.get(number)?.deref()?.#functions;
   }
 
-  async ask(image, { signal, imgMeta, ...options }) {
+  async ask(image, { signal, imgMeta, ...options } = {}) {
     const parts = { vision: this, image, signal };
     return fromRecord((await run('ask', { ...options, imgMeta: toRecord(imgMeta) }, parts)).value);
   }
 
-  async act(page, { signal, ...options }) {
+  async act(page, { signal, ...options } = {}) {
     return fromRecord((await run('act', options, { vision: this, page, signal })).value);
   }
 
@@ -91,7 +91,7 @@ handlers.resolveApiKey = (number, reply) => {
   }
 };
 
-function setModelRegistry({ lightModel, heavyModel, resolveApiKey }) {
+function setModelRegistry({ lightModel, heavyModel, resolveApiKey } = {}) {
   for (const [name, value] of Object.entries({ lightModel, heavyModel })) {
     if (typeof value !== 'string') throw new TypeError(`setModelRegistry: ${name} must be a string`);
   }

@@ -61,13 +61,15 @@ function forRecord(value) {
   }
 }
 
-async function observeOnly(page, options = {}) {
+async function observe(operation, owner, page, options) {
   const { vision, signal, ...rest } = options;
-  return fromRecord((await run('observe_only', rest, partsOf('observeOnly', page, options))).value);
+  return fromRecord((await run(operation, rest, partsOf(owner, page, options))).value);
 }
 
+const observeOnly = async (page, options = {}) => observe('observe_only', 'observeOnly', page, options);
+
 function observeInBackground(page, options = {}) {
-  observeOnly(page, options).catch((error) => {
+  observe('observe_in_background', 'observeInBackground', page, options).catch((error) => {
     if (!options.signal?.aborted) process.emitWarning(error);
   });
 }
