@@ -315,13 +315,15 @@ typedef struct vision_call {
 
 /// Starts an operation. `call` is copied, and the image taken over whatever happens.
 /// Returns its number, or 0 when the runtime is ending: `done` is not called then.
-/// Everything else that is wrong, the
-/// operation's name included, comes as the error in `done`, which may be called before
-/// this returns. An option with an unknown name or of a wrong type is an invalid_argument
-/// whose message names it; null means that it is not given.
+/// Everything else that is wrong, the operation's name included, comes as the error in
+/// `done`, which may be called before this returns.
 ///
-/// The modes, with a page. `flow_context` (an object) and `hotspot_id` (a text) are
-/// required where they are named.
+/// An option with an unknown name or of a wrong type is an invalid_argument whose message
+/// names it; null means that it is not given. Names and defaults are those of the rest of
+/// the documentation. Wherever flow_context (an object) and hotspot_id (a text) are named
+/// they are required.
+///
+/// The modes, with a page:
 ///
 ///   act_loop                 flow_context, hotspot_id, mission_prompt, run_id, high_stakes,
 ///                            max_steps, read_only; may call should_abort.
