@@ -61,7 +61,13 @@ as_packages() {
   local dpkg=(dpkg "--root=$root" --force-not-root --force-script-chrootless --no-triggers)
   "${dpkg[@]}" --install "$scratch"/packages/*.deb > "$scratch/log" 2>&1 || { cat "$scratch/log"; fail "dpkg --install failed"; }
   by_cmake "by CMake from Debian packages" "-DCMAKE_PREFIX_PATH=$root/usr"
-  "${dpkg[@]}" --purge libvision-dev libvision0.1 > "$scratch/log" 2>&1 || { cat "$scratch/log"; fail "dpkg --purge failed"; }
+  if [ -d "$root/usr/lib/nodejs" ]; then
+    NODE_PATH=$root/usr/lib/nodejs node -e 'require("@velmora/vision").isVisionEnabled()' || fail "the Node package does not load"
+  fi
+  local names
+  names=$(for package in "$scratch"/packages/*.deb; do dpkg-deb -f "$package" Package; done)
+  # shellcheck disable=SC2086  # one word each
+  "${dpkg[@]}" --purge $names > "$scratch/log" 2>&1 || { cat "$scratch/log"; fail "dpkg --purge failed"; }
   local left
   left=$(find "$root" -path "$root/var" -prune -o -type f -print -o -type l -print)
   [ -z "$left" ] || fail "the packages left behind: $left"
@@ -71,7 +77,7 @@ as_packages() {
 # installed headers declare.
 exports_are_the_promise() {
   local shown=$scratch/shown listed=$scratch/listed headers=$scratch/headers libraries twice line name form
-  libraries=$(find "$scratch/prefix" -name 'libvision*.so.0.1')
+  libraries=$(find "$scratch/prefix" -name 'libvision.so.0.1' -o -name 'libvision_chromium.so.0.1')
   xargs nm -DC --defined-only <<< "$libraries" | sed -n 's/^[0-9a-f]\+ . //p' > "$shown"
   sed -n 's/^ *\([^ #]*::[^ ]*\);$/\1/p' "$source/cmake/exports.map" > "$listed"
   find "$scratch/prefix/include" -name '*.hpp' -exec cat {} + > "$headers"
