@@ -36,17 +36,17 @@ class PageInfo {
 /// execution context, and is not thread-safe. Errors, time limits and cancellation are
 /// as described at ChromiumPage.
 ///
-/// Only operations in progress are work of the event loop: a browser that is merely
+/// Only operations in progress count as work: a browser that is merely
 /// held does not keep io_context::run() from returning, for example after the coroutine
 /// that would have closed it has thrown. Its dialogs are answered only while the loop
 /// runs. This holds on an io_context's own executor and on its strands; on any other
-/// executor a browser is work until close() or its destructor.
+/// executor a browser counts as work until close() or its destructor.
 class Browser {
  public:
-  /// Ends a browser of launch() at once, and blocks until its processes and its profile
-  /// directory are gone: for about a tenth of a second, or about ten seconds if one of
-  /// its processes cannot be killed. Await close() first to avoid that. Disconnects from
-  /// a browser of connect(). Its pages fail from then on.
+  /// Ends a browser started by launch() at once, and blocks until its processes and its
+  /// profile directory are gone: for about a tenth of a second, or about ten seconds if one
+  /// of its processes cannot be killed. Await close() first to avoid that. Disconnects from
+  /// a browser found by connect(). Its pages fail from then on.
   ~Browser();
   Browser(const Browser&) = delete;
   Browser& operator=(const Browser&) = delete;
@@ -64,8 +64,8 @@ class Browser {
   /// The same with the default viewport.
   boost::asio::awaitable<std::shared_ptr<ChromiumPage>> new_page();
 
-  /// Ends a browser of launch(), and completes when its processes and its profile
-  /// directory are gone. Disconnects from a browser of connect(), after closing the
+  /// Ends a browser started by launch(), and completes when its processes and its profile
+  /// directory are gone. Disconnects from a browser found by connect(), after closing the
   /// pages that new_page() opened in it. Idempotent.
   boost::asio::awaitable<void> close();
 
@@ -85,9 +85,9 @@ class Browser {
 };
 
 /// Starts a browser with a temporary profile and without an open port, and completes
-/// when it responds. The browser and its profile go with the Browser object or with this
-/// process, even if that is killed. The browser inherits this process's environment
-/// without ANTHROPIC_API_KEY.
+/// when it responds. The browser and its profile are removed when the Browser is
+/// destroyed or this process ends, even if it is killed. The browser inherits this
+/// process's environment without ANTHROPIC_API_KEY.
 ///
 /// All its pages are treated as ours, including those that a page opens: their dialogs
 /// are answered as described at ChromiumPage, they close with the page that opened

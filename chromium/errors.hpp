@@ -70,7 +70,7 @@ class EvaluationError : public BrowserError {
   const char* kind_name() const noexcept override { return "EvaluationError"; }
 };
 
-/// A page could not be loaded. The message has the URL and the browser's error code.
+/// A page could not be loaded. The message contains the URL and the browser's error code.
 class NavigationError : public BrowserError {
  public:
   using BrowserError::BrowserError;

@@ -18,21 +18,20 @@ class LoadWaiter;
 /// A page of a Chromium browser, returned by Browser::new_page or Browser::attach.
 ///
 /// Every operation throws PageClosedError once the page or the browser has ended,
-/// PageCrashedError once the renderer has crashed, also while it is in progress;
+/// PageCrashedError once the renderer has crashed, including during the operation;
 /// CommandTimeout if the browser does not reply in time; ProtocolError if the browser
 /// refuses. Terminal cancellation ends an operation at once and leaves the page usable;
 /// what was already sent to the browser may still take effect.
 ///
-/// On a page of new_page(), JavaScript dialogs are dismissed as they open, and the
-/// question whether to leave the page is answered with yes. In a browser of launch()
-/// the same holds for every window that a page opens. A page of attach() keeps its
-/// settings, and its dialogs wait for its owner; a CommandTimeout says when one has
-/// opened. In a browser of connect(), a dialog in a window that our page opened also
-/// stops our page.
+/// On a page opened by new_page(), JavaScript dialogs are dismissed as they open, and
+/// beforeunload prompts are accepted. In a browser started by launch() the same holds for
+/// every window that a page opens. An attached page keeps its settings, and its dialogs
+/// wait for its owner; a CommandTimeout says when one has opened. In a browser found by
+/// connect(), a dialog in a window that our page opened also stops our page.
 ///
 /// Not thread-safe: use it only on the event loop of its Browser. It must outlive its
-/// operations. Destroying it closes a page of new_page() and detaches from a page of
-/// attach(), in both cases without waiting.
+/// operations. Destroying it closes a page opened by new_page() and detaches from an
+/// attached page, in both cases without waiting.
 class ChromiumPage : public BrowserPage {
  public:
   ~ChromiumPage() override;
@@ -56,7 +55,7 @@ class ChromiumPage : public BrowserPage {
   boost::asio::awaitable<boost::json::value> evaluate(std::string expression) override;
 
   /// The viewport given to new_page(). For an attached page, its inner size at the
-  /// time of attach() or of the last screenshot; absent if the page did not respond.
+  /// time of attach() or of the last screenshot; std::nullopt if the page did not respond.
   std::optional<boost::json::object> viewport_size() override;
 
   /// A click completes when the page has handled press and release. Throws
@@ -71,7 +70,8 @@ class ChromiumPage : public BrowserPage {
   /// cannot be loaded. A response with an error status counts as loaded.
   boost::asio::awaitable<void> navigate(std::string url);
 
-  /// Closes the page, whoever opened it, without its consent. Idempotent.
+  /// Closes the page, whoever opened it, without asking the page (no beforeunload
+  /// prompt). Idempotent.
   boost::asio::awaitable<void> close();
 
   /// The id that Browser::attach takes. Never changes.

@@ -61,13 +61,16 @@ as_packages() {
   local dpkg=(dpkg "--root=$root" --force-not-root --force-script-chrootless --no-triggers)
   "${dpkg[@]}" --install "$scratch"/packages/*.deb > "$scratch/log" 2>&1 || { cat "$scratch/log"; fail "dpkg --install failed"; }
   by_cmake "by CMake from Debian packages" "-DCMAKE_PREFIX_PATH=$root/usr"
+  if [ -d "$root/usr/lib/python3" ]; then
+    LD_LIBRARY_PATH=$(dirname "$(find "$root/usr/lib" -maxdepth 2 -name libvision_c.so.0.1)") PYTHONPATH=$root/usr/lib/python3/dist-packages \
+      PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -c 'import velmora_vision' || fail "the Python package does not load"
+  fi
   if [ -d "$root/usr/lib/nodejs" ]; then
     NODE_PATH=$root/usr/lib/nodejs node -e 'require("@velmora/vision").isVisionEnabled()' || fail "the Node package does not load"
   fi
-  local names
-  names=$(for package in "$scratch"/packages/*.deb; do dpkg-deb -f "$package" Package; done)
-  # shellcheck disable=SC2086  # one word each
-  "${dpkg[@]}" --purge $names > "$scratch/log" 2>&1 || { cat "$scratch/log"; fail "dpkg --purge failed"; }
+  local package names=()
+  for package in "$scratch"/packages/*.deb; do names+=("$(dpkg-deb --field "$package" Package)"); done
+  "${dpkg[@]}" --purge "${names[@]}" > "$scratch/log" 2>&1 || { cat "$scratch/log"; fail "dpkg --purge failed"; }
   local left
   left=$(find "$root" -path "$root/var" -prune -o -type f -print -o -type l -print)
   [ -z "$left" ] || fail "the packages left behind: $left"

@@ -2,11 +2,11 @@
 
 /// @mainpage vision
 ///
-/// When a scripted step on a web page fails, vision looks at the page instead: it
-/// takes a screenshot, asks a hosted multimodal model what to do next, and turns
-/// the answer into one typed action or one verdict. This header is the library's
-/// boundary. It includes everything named here, except where another header is named;
-/// the complete documentation is at each declaration.
+/// When a scripted step on a web page fails, vision looks at the page instead: it takes
+/// a screenshot, asks a hosted multimodal model what to do next, and turns the answer
+/// into one typed action or one verdict. This header is the library's boundary. It
+/// includes everything below; other headers are given in parentheses. The complete
+/// documentation is at each declaration.
 ///
 /// **Before the first use**, once per process:
 /// - vision::set_model_registry: the host's light and heavy model, and optionally
@@ -18,16 +18,16 @@
 ///
 /// **The modes.** All are awaited on the caller's event loop, end when the caller is
 /// cancelled, and use the process-wide client unless their options name another:
-/// - vision::shadow_observe_then_cua: runs the computer-use agent and observes
+/// - vision::shadow_observe_then_cua: runs the computer-use agent (CUA) and observes
 ///   beside it; returns the agent's result, and logs what vision would have done.
 ///   vision::is_cua_origin tells the agent's errors from others.
 /// - vision::observe_only: the same question after a scripted step that succeeded,
-///   logged beside what the step had acted on. vision::observe_in_background starts
-///   it detached.
-/// - vision::with_vision_fallback: runs a scripted step; when it fails, one action of
-///   vision's and a second run, or vision's verdict that all is done, or the
-///   computer-use agent, or the step's own error. Some errors bypass the agent: they
-///   are listed at its declaration.
+///   logged beside what the step had acted on. vision::observe_in_background starts it
+///   without waiting for it.
+/// - vision::with_vision_fallback: runs a scripted step; if it fails, either performs
+///   one action and reruns it, or returns vision's verdict, or runs the agent, or
+///   rethrows the step's error. Some errors bypass the agent: they are listed at its
+///   declaration.
 /// - vision::act_loop: drives the page toward a goal, step by step, and ends in a
 ///   verdict; on anything but "declare_success" the caller runs the computer-use agent.
 ///
@@ -41,13 +41,15 @@
 /// **Between two runs of the pipeline:**
 /// - vision::default_client: the process-wide client; its `metrics` are the run
 ///   report (calls, tokens, latencies, estimated cost).
-/// - vision::reset_default_metrics: empties them, and with them the call budget.
+/// - vision::reset_default_metrics: resets them, which restores the full call budget.
 ///
 /// **What a host may implement:**
 /// - vision::BrowserPage: the page; vision::chromium::launch and
 ///   vision::chromium::connect ("chromium/browser.hpp") return one on Chromium.
-/// - vision::MessagesClient: the connection to the model; vision::HttpMessagesClient
+/// - vision::MessagesClient: the connection to the model, which fails with the errors of
+///   "vision/client/api_error.hpp"; vision::HttpMessagesClient
 ///   ("vision/client/http/http_messages_client.hpp") speaks HTTPS.
+/// - vision::runtime::TimeSource ("vision/runtime/time.hpp"): virtual time in tests.
 /// - vision::ModelRegistry: see above.
 ///
 /// **Telemetry.** The modes append one JSON object a line to the file named by

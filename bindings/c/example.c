@@ -59,7 +59,7 @@ int main(int argc, char** argv) {
   snprintf(there, sizeof there, "{\"url\": \"%s\"}", argc > 1 ? argv[1] : "https://example.org");
 
   vision_runtime* runtime = vision_runtime_new();
-  if (!runtime || !vision_set_model_registry(runtime, "claude-haiku-4-5", "claude-opus-4-6", NULL, NULL)) {
+  if (!runtime || !vision_set_model_registry(runtime, "claude-haiku-5-5", "claude-opus-5", NULL, NULL)) {
     fprintf(stderr, "%s\n", vision_last_error()->message);
     return 1;
   }

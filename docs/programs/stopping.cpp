@@ -50,7 +50,6 @@ class StoppableMission {
   bool stopped = false;
 
  private:
-  // co_spawn does not accept an operation whose value type has no default constructor.
   static asio::awaitable<void> run(vision::BrowserPage& page, vision::ActLoopOptions options) {
     const vision::ActionResult verdict = co_await vision::act_loop(page, std::move(options));
     std::cout << verdict.action << ": " << verdict.reason << "\n";

@@ -10,7 +10,7 @@ import { setLog, setModelRegistry } from '@velmora/vision';
 
 async function startModel() {
   const program = process.env.VISION_LOCAL_MODEL;
-  if (!program) return { lightModel: 'claude-haiku-4-5', heavyModel: 'claude-opus-4-6', stop() {} };
+  if (!program) return { lightModel: 'claude-haiku-5-5', heavyModel: 'claude-opus-5', stop() {} };
   const model = spawn(program, { stdio: ['ignore', 'pipe', 'inherit'] });
   const lines = createInterface(model.stdout);
   const [url] = await Promise.race([once(lines, 'line'), once(model, 'exit').then(([code]) => {

@@ -26,7 +26,7 @@ BOARD = "data:text/html," + quote(
 
 @contextlib.contextmanager
 def model():
-    vision.set_model_registry("claude-haiku-4-5", "claude-opus-4-6")
+    vision.set_model_registry("claude-haiku-5-5", "claude-opus-5")
     if "ANTHROPIC_API_KEY" in os.environ:
         yield
         return

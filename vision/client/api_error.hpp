@@ -9,12 +9,13 @@
 /// @file
 /// The errors of a Messages API call. HttpMessagesClient throws them, and so should
 /// every MessagesClient: the ask call retries APIConnectionError, RateLimitError and
-/// InternalServerError (and classes derived from them) once, and no other error. Its
-/// result's reason is "transport error: " or "unexpected error: ", the name of the
-/// class (`kind_name()`), ": " and the message, so a message must not hold secrets.
+/// InternalServerError (and classes derived from them) once, and no other error. The
+/// resulting declare_failure's reason is "transport error: " or "unexpected error: ",
+/// the name of the class (`kind_name()`), ": " and the message, so a message must not
+/// hold secrets.
 namespace vision {
 
-/// The base class; thrown itself for an error of no kind below.
+/// The base class; thrown directly for errors that fit no subclass.
 class APIError : public std::runtime_error, public NamedError {
  public:
   using std::runtime_error::runtime_error;

@@ -11,14 +11,14 @@
 namespace vision {
 
 /// A number of seconds that remembers whether it was given as an integer or as a
-/// real, because messages show it as it was given (8 or 20.0).
+/// floating-point number, because messages show it as it was given (8 or 20.0).
 class Seconds {
  public:
   /// Seconds given as an integer, shown without a point: 8. Implicit, so that a
   /// plain number can be passed; a bool does not compile.
   template <std::integral T>
   requires(!std::same_as<T, bool>) Seconds(T value) : value_(static_cast<double>(value)), is_integer_(true) {}
-  /// Seconds given as a real, shown with a point: 20.0.
+  /// Seconds given as a floating-point number, shown with a point: 20.0.
   template <std::floating_point T>
   Seconds(T value) : value_(static_cast<double>(value)), is_integer_(false) {}
 
@@ -38,7 +38,7 @@ class AskOptions {
  public:
   AskOptions() {}
 
-  /// Task text instead of the default task line. Absent and empty mean the default.
+  /// Task text instead of the default task line. Not set or empty: the default.
   AskOptions& prompt(std::optional<std::string> value) & {
     prompt_ = std::move(value);
     return *this;
@@ -52,7 +52,7 @@ class AskOptions {
   /// replaces a NaN or an infinity. At zero or below the attempt times out as
   /// soon as it waits.
   AskOptions& timeout_s(Seconds value) &;
-  /// Whether a transport error is tried once more. Default true; `act` always
+  /// Whether to retry once after a transport error. Default true; `act` always
   /// retries.
   AskOptions& transport_retry(bool value) & {
     transport_retry_ = value;

@@ -26,7 +26,7 @@ class MessagesClient {
   ///
   /// - `content` is required: an array of blocks, or null for none. The first block
   ///   whose `type` is "tool_use" and whose `name` is "propose_action" is the answer;
-  ///   blocks of other types or names are skipped. Without one the call is a
+  ///   blocks of other types or names are skipped. Without one the call results in a
   ///   declare_failure, "model did not return propose_action tool call".
   /// - `input` is required in that block: an object, with the members that
   ///   ActionResult has: `action`, `reason`, `confidence`, `next_expected_state`,
@@ -42,11 +42,11 @@ class MessagesClient {
   /// came, throw_status_error() for an HTTP status, APIResponseValidationError for a
   /// response that cannot be read. The ask call tries once more after an
   /// APIConnectionError, a RateLimitError or an InternalServerError, so an
-  /// implementation does not retry. Any other exception is allowed too, and final.
+  /// implementation does not retry. Any other exception is also allowed, and is not retried.
   ///
   /// When its time limit is over, the ask call cancels the operation: terminal
   /// cancellation must end it at once. A coroutine that waits only for Asio operations
-  /// does that by itself, if it lets their operation_aborted pass.
+  /// does that by itself, if it lets their operation_aborted propagate.
   virtual boost::asio::awaitable<boost::json::value> create(const MessagesRequest& request) = 0;
 };
 

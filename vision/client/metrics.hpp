@@ -45,8 +45,8 @@ class Counter {
 class VisionMetrics {
  public:
   std::int64_t call_count = 0;           ///< finished calls, those that failed included
-  std::int64_t total_input_tokens = 0;   ///< saturates at the ends of 64 bits
-  std::int64_t total_output_tokens = 0;  ///< saturates at the ends of 64 bits
+  std::int64_t total_input_tokens = 0;   ///< saturates at INT64_MIN and INT64_MAX
+  std::int64_t total_output_tokens = 0;  ///< saturates at INT64_MIN and INT64_MAX
   std::vector<double> latencies_ms;      ///< of every call, in recording order
   Counter failures_by_reason;            ///< declare_failure results, by the first 80 code points of their reason
   Counter by_model;                      ///< calls by the model that answered
@@ -54,17 +54,17 @@ class VisionMetrics {
   /// Counts one finished call.
   void record(const ActionResult& result);
 
-  /// The recorded latency one place below the truncated 95 % position of the
-  /// sorted latencies; 0.0 without calls.
+  /// sorted[max(0, floor(0.95 n) - 1)] of the n recorded latencies; 0.0 without calls.
   double p95() const;
 
   /// An estimate in US dollars: each model's calls at the run's average tokens per call
-  /// and the model's price per million tokens in and out. It knows two prices: 3 and 15
-  /// for the light model, 5 and 25 for any other, and for all while no model registry
-  /// has been supplied. Never throws.
+  /// and the model's price per million tokens in and out. The prices are fixed
+  /// reference prices, for comparing runs only: 3 and 15 for the light model, 5 and 25
+  /// for any other, and for all while no model registry has been supplied. Never
+  /// throws.
   double estimated_cost_usd() const noexcept;
 
-  /// Back to an empty ledger, the containers emptied in place.
+  /// Back to an empty ledger.
   void reset() noexcept;
 };
 

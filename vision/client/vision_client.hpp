@@ -25,11 +25,10 @@ namespace detail {
 class ClientCore;
 }
 
-/// A hook that sees the result of every response, that of one without a tool call
-/// included, and the flow_context that `ask` received; calls that got no response
-/// do not reach it. Both references are valid until its awaitable ends, which the
-/// call waits for without a limit. What it throws is logged as a warning and
-/// dropped.
+/// A hook that sees the result of every response, including responses without a tool
+/// call, and the flow_context that `ask` received; calls that got no response do not
+/// reach it. Both references are valid until its awaitable ends, which the call waits
+/// for indefinitely. What it throws is logged as a warning and dropped.
 using OnAction = std::function<boost::asio::awaitable<void>(const ActionResult&, const FlowContext&)>;
 
 /// The optional parameters of VisionClient's constructors.
@@ -37,13 +36,13 @@ class VisionClientOptions {
  public:
   VisionClientOptions() {}
 
-  /// The vendor API key. Absent and empty: the host registry's resolve_api_key,
+  /// The vendor API key. Empty: the host registry's resolve_api_key,
   /// then ANTHROPIC_API_KEY.
   VisionClientOptions& api_key(std::string value) & {
     api_key_ = std::move(value);
     return *this;
   }
-  /// The model of calls for which nothing selects the heavy one. Default MODEL_SONNET().
+  /// The model of calls not routed to the heavy model. Default MODEL_SONNET().
   VisionClientOptions& default_model(std::string value) & {
     default_model_ = std::move(value);
     return *this;
@@ -96,10 +95,10 @@ class VisionClientOptions {
 /// run's metrics and the model routing; the state of a workflow travels in the
 /// caller's flow_context.
 ///
-/// Not thread-safe: one client belongs to one event loop. Any number of its
-/// operations may run at once there. The client, and what is passed by reference,
-/// must outlive the operation. Cancellation of the caller, of any kind that its
-/// coroutine lets through, ends an operation at once with operation_aborted.
+/// Not thread-safe: one client belongs to one event loop. Any number of its operations
+/// may run at once there. The client, and what is passed by reference, must outlive the
+/// operation. If the caller is cancelled, with any cancellation type its coroutine
+/// accepts, the operation ends at once with operation_aborted.
 class VisionClient {
  public:
   /// Talks to the vendor through an HttpMessagesClient with the options' key and HTTP
@@ -126,7 +125,7 @@ class VisionClient {
   /// any other error of the call comes back as a declare_failure result with the
   /// cause in `reason` and `cause`.
   ///
-  /// Throws BudgetExceeded when `metrics` already counts the call budget, and
+  /// Throws BudgetExceeded when metrics.call_count has reached the budget, and
   /// ConversionError when "attempts" in `flow_context` is not an integer; nothing is
   /// sent or recorded then. A call that is cancelled before its response has been
   /// read is not recorded; one that is cancelled in the hook has been.
@@ -138,7 +137,7 @@ class VisionClient {
   /// the viewport. A device pixel ratio that cannot be read becomes 1.0, a missing
   /// viewport size 1280 x 800.
   ///
-  /// Passes the page's error when it cannot take the screenshot; throws
+  /// Propagates the page's error when it cannot take the screenshot; throws
   /// std::out_of_range for a viewport size without width or height, and
   /// ConversionError for one that is not a number.
   boost::asio::awaitable<std::pair<Bytes, ImgMeta>> screenshot(BrowserPage& page, bool full_page = false);
@@ -149,7 +148,7 @@ class VisionClient {
   boost::asio::awaitable<ActionResult> act(BrowserPage& page, const FlowContext& flow_context,
                                            AskOptions options = AskOptions());
 
-  /// The client's insides, for the modes. Not for hosts.
+  /// The client's internals, for the modes. Not for hosts.
   detail::ClientCore& _core() noexcept { return *core_; }
 
  private:

@@ -58,12 +58,12 @@ class ScreenshotOptions {
 };
 
 /// The browser page that vision looks at and acts on. The host implements it on
-/// its own driver, or takes vision::chromium.
+/// its own driver, or uses vision::chromium.
 ///
-/// Every operation may fail with an exception of the driver's own, derived from
-/// std::exception at best, and must end soon (with operation_aborted) when its
-/// coroutine receives terminal cancellation: time limits rely on that. vision
-/// calls the operations of one page one at a time from each of its modes.
+/// Every operation may fail with an exception of the driver's own, preferably derived
+/// from std::exception, and must end soon (with operation_aborted) when its coroutine
+/// receives terminal cancellation: time limits rely on that. Each mode makes one call
+/// at a time; two modes may overlap.
 class BrowserPage {
  public:
   virtual ~BrowserPage() = default;
@@ -72,12 +72,11 @@ class BrowserPage {
   /// The value of a JavaScript expression in the page's main frame. A promise is
   /// awaited; undefined and values without a JSON form become null.
   virtual boost::asio::awaitable<boost::json::value> evaluate(std::string expression) = 0;
-  /// A map with "width" and "height" in CSS pixels, or absent when the page has
+  /// A map with "width" and "height" in CSS pixels, or std::nullopt when the page has
   /// no fixed viewport. A remembered value, not a measurement.
   virtual std::optional<boost::json::object> viewport_size() = 0;
   ///@{
-  /// The page's input devices, valid as long as the page. The scripted side may use
-  /// them too.
+  /// The page's input devices, valid as long as the page. Scripted steps may use them too.
   virtual Mouse& mouse() = 0;
   virtual Keyboard& keyboard() = 0;
   ///@}

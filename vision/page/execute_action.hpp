@@ -13,15 +13,14 @@ namespace vision {
 ///
 ///   click   mouse().click at (x_ratio * width_css, y_ratio * height_css)
 ///   type    keyboard().type with 20 ms between strokes
-///   scroll  mouse().wheel by scroll_dy_ratio viewport heights; absent or zero: 0.5
+///   scroll  mouse().wheel by scroll_dy_ratio viewport heights; not set or zero: 0.5
 ///   key     keyboard().press
-///   wait    duration_ms milliseconds; absent or zero: 500; not capped
+///   wait    duration_ms milliseconds; not set or zero: 500; not capped
 ///
-/// Verdicts and unknown verbs do nothing. Throws std::invalid_argument when the
-/// field that the action needs is absent, before anything was done; the page's
-/// own errors pass. `page` must outlive the operation. Cancellation of the
-/// caller, of any kind that its coroutine lets through, ends it with
-/// operation_aborted.
+/// Verdicts and unknown verbs do nothing. Throws std::invalid_argument when the field
+/// that the action needs is not set, before acting; page errors propagate. `page` must
+/// outlive the operation. If the caller is cancelled, with any cancellation type its
+/// coroutine accepts, the operation ends with operation_aborted.
 boost::asio::awaitable<void> execute_action(BrowserPage& page, ActionResult result, ImgMeta img_meta);
 
 }  // namespace vision

@@ -38,14 +38,13 @@ enum class Cause {
   ///@}
 };
 
-/// What a vision call ends in: one action for the page, or one verdict for the
-/// caller. A value: operations take
-/// and return it whole.
+/// The outcome of a vision call: one action for the page, or one verdict for the
+/// caller. A value type.
 ///
-/// An optional field that is absent differs from zero and from the empty text.
+/// An optional field that is not set differs from zero and from the empty text.
 /// Only results parsed from a model's answer have their ratios clamped to 0..1.
 struct ActionResult {
-  /// An empty result, which no operation returns: Asio's completion tokens need one.
+  /// Default-constructible only because Asio requires it; no operation returns this state.
   ActionResult() = default;
   /// The four members that every result has; the others are set one by one.
   ActionResult(std::string_view verb, std::string justification, double certainty, std::string expected_state)

@@ -22,7 +22,7 @@ struct ActionVerb {
   static constexpr std::string_view declare_failure = "declare_failure";
   ///@}
 
-  /// All verbs, in the order in which the model is told them.
+  /// All verbs, in the order in which they are presented to the model.
   static constexpr std::array<std::string_view, 8> all = {
       click, type, scroll, key, wait, escalate_to_cua, declare_success, declare_failure};
 

@@ -16,7 +16,7 @@ class Bytes {
  public:
   /// An empty byte string.
   Bytes() = default;
-  /// Takes the buffer over.
+  /// Takes ownership of the buffer.
   explicit Bytes(std::string buffer) {
     const auto held = std::make_shared<const std::string>(std::move(buffer));
     view_ = *held;

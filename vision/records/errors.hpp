@@ -18,7 +18,7 @@ class BudgetExceeded : public std::runtime_error, public NamedError {
   const char* kind_name() const noexcept override { return "BudgetExceeded"; }
 };
 
-/// A loosely typed value that cannot become what its place needs: "attempts" in a
+/// A loosely typed value that cannot be converted to the required type: "attempts" in a
 /// flow context, a page's viewport size, a number in a model's answer.
 class ConversionError : public std::runtime_error, public NamedError {
  public:

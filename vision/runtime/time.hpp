@@ -33,9 +33,9 @@ class TimeSource {
   /// Time since the Unix epoch: for latencies and time stamps.
   virtual Duration wall_now() const = 0;
   /// Calls `callback` once on `executor` after `delay`, never before this function
-  /// returns; a delay that is not positive only lets other handlers run first. The
-  /// caller keeps the timer until then. When the context is destroyed first, the
-  /// callback is dropped without being called.
+  /// returns; a zero or negative delay posts the callback. Keep the returned Timer
+  /// alive until then. When the context is destroyed first, the callback is dropped
+  /// without being called.
   virtual std::unique_ptr<Timer> call_after(const boost::asio::any_io_executor& executor, Duration delay,
                                             std::function<void()> callback) = 0;
 };

@@ -7,10 +7,10 @@
 
 namespace vision {
 
-/// What the host application supplies: the choice of models, and optionally
-/// where the API key comes from. Called on whichever thread needs it first. What
-/// VISION_LIGHT_MODEL and VISION_HEAVY_MODEL throw reaches that caller; after an error
-/// of "resolve_api_key" the environment is read instead.
+/// What the host application supplies: the choice of models, and optionally where the
+/// API key comes from. Called on whichever thread needs it first. Exceptions from
+/// VISION_LIGHT_MODEL() and VISION_HEAVY_MODEL() propagate to the caller that triggered
+/// the lookup; if core_attr or the resolver throws, the environment is used instead.
 class ModelRegistry {
  public:
   virtual ~ModelRegistry() = default;

@@ -50,7 +50,7 @@ inline constexpr double ACT_STEP_MARGIN_S = 12;
 /// Seconds that an observation may take beyond DEFAULT_TIMEOUT_S.
 inline constexpr double OBSERVE_MARGIN_S = 8;
 
-/// The mode in which the pipeline is to use vision, from KX_VISION_TIER as it
+/// The mode in which the pipeline should use vision, from KX_VISION_TIER as it
 /// stands now: "off" (also when unset or unknown), "shadow", "tier2" or "tier3".
 /// Blanks and letter case do not matter; "act" means "tier2". No entry point reads
 /// it: the pipeline asks, and calls the mode that it wants. Never fails.

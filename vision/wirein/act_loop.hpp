@@ -21,7 +21,7 @@ class ActLoopOptions {
   ActLoopOptions(FlowContext flow_context, std::string hotspot_id)
       : flow_context_(std::move(flow_context)), hotspot_id_(std::move(hotspot_id)) {}
 
-  /// The mission brief, as written for a computer-use agent. Absent and empty: the
+  /// The mission brief, as written for a computer-use agent. Not set or empty: the
   /// model sees the default task line of the workflow context.
   ActLoopOptions& mission_prompt(std::optional<std::string> value) & {
     mission_prompt_ = std::move(value);
@@ -32,7 +32,7 @@ class ActLoopOptions {
     vision_ = &value;
     return *this;
   }
-  /// The pipeline run, for records and fixture names. Default: absent.
+  /// The pipeline run, for records and fixture names. Default: not set.
   ActLoopOptions& run_id(std::optional<std::string> value) & {
     run_id_ = std::move(value);
     return *this;
@@ -47,9 +47,10 @@ class ActLoopOptions {
     max_steps_ = value;
     return *this;
   }
-  /// Asked before every step, on the event loop's thread; true ends the mission
-  /// there. What it throws counts as false. Name a lambda with
-  /// captures first: g++ 12 destroys one inside a co_await expression twice.
+  /// Asked before every step, on the event loop's thread; returning true ends the
+  /// mission; an exception counts as false. Store a capturing lambda in a named
+  /// variable and move it in: g++ 12 destroys one that is written inside a co_await
+  /// expression twice.
   ActLoopOptions& should_abort(std::function<bool()> value) & {
     should_abort_ = std::move(value);
     return *this;
@@ -125,8 +126,9 @@ class ActLoopOptions {
 /// Appends one record per answered step and one final record to the shadow log.
 ///
 /// Throws only what default_client() throws, when no client is given. `page` must
-/// outlive the operation. Cancellation, of any kind that the caller's coroutine
-/// lets through, ends it with operation_aborted, without a final record.
+/// outlive the operation. If the caller is cancelled, with any cancellation type its
+/// coroutine accepts, the operation ends with operation_aborted, without a final
+/// record.
 boost::asio::awaitable<ActionResult> act_loop(BrowserPage& page, ActLoopOptions options);
 
 }  // namespace vision

@@ -50,34 +50,34 @@ class FallbackOptions {
   bool high_stakes_ = false;
 };
 
-/// Which way a call of with_vision_fallback took.
+/// Which path a call of with_vision_fallback took.
 enum class FallbackWay {
   step,     ///< the scripted step succeeded in its first run
-  rescued,  ///< it succeeded in its second run, after one action of vision's
+  rescued,  ///< it succeeded in its second run, after one action by vision (an unknown verb does nothing)
   verdict,  ///< vision declared success
   agent,    ///< the computer-use agent took over
 };
 
-/// The computer-use agent of a call that has none.
+/// Placeholder type for calls without an agent.
 struct NoFallback {};
 
-/// What with_vision_fallback returns: the way it took, and what that way yielded.
+/// What with_vision_fallback returns: the path it took, and what that path yielded.
 /// `Step` and `Agent` are what the two callables' awaitables yield.
 template <class Step, class Agent>
 class FallbackResult {
  public:
-  /// An empty result, which no operation returns: Asio's completion tokens need one.
+  /// Default-constructible only because Asio requires it; no operation returns this state.
   FallbackResult() = default;
 
-  /// The way that was taken; hosts count these.
+  /// The path that was taken; hosts count these.
   FallbackWay way() const noexcept { return way_; }
-  /// Whether one action of vision's made the scripted step succeed.
+  /// Whether one action by vision made the scripted step succeed.
   bool is_rescued() const noexcept { return way_ == FallbackWay::rescued; }
 
   ///@{
   /// What the scripted step yielded, first or second run; vision's declare_success;
-  /// what the agent yielded. Each throws std::bad_variant_access when another way was
-  /// taken. A callable that yields nothing has no accessor, and neither has an absent
+  /// what the agent yielded. Each throws std::bad_variant_access when another path was
+  /// taken. A callable that yields nothing has no accessor, and neither has a missing
   /// agent.
   auto& step() requires(!std::is_void_v<Step>) { return std::get<1>(value_); }
   const auto& step() const requires(!std::is_void_v<Step>) { return std::get<1>(value_); }
@@ -89,7 +89,7 @@ class FallbackResult {
   ///@}
 
   ///@{
-  /// A result of each way; `way` of a step is `step` or `rescued`. For the library and
+  /// A result of each path; `way` of a step is `step` or `rescued`. For the library and
   /// for hosts' tests.
   static FallbackResult of_step(detail::stored_t<Step> value, FallbackWay way) {
     assert(way == FallbackWay::step || way == FallbackWay::rescued);
@@ -117,7 +117,7 @@ namespace detail {
 using RunStep = std::function<boost::asio::awaitable<void>()>;
 using RunAgent = std::function<boost::asio::awaitable<void>(BrowserPage&, const FlowContext&, const std::string&)>;
 
-/// The way that a call took, and vision's verdict when that was it.
+/// The path that a call took, and vision's verdict if it was `verdict`.
 struct FallbackEnding {
   FallbackWay way = FallbackWay::step;
   ActionResult verdict;
@@ -153,27 +153,31 @@ bool is_absent(const CuaFn& cua_fallback) {
 
 }  // namespace detail
 
-/// Runs the scripted step `primary_fn`. Only when it fails: asks vision once, and
-/// carries out the proposed action and runs `primary_fn` exactly once more; or
-/// returns vision's declare_success, whatever its confidence; or, when vision
-/// escalates, declares failure or is not confident, returns what
-/// `cua_fallback(page, context, reason)` yields, and without one throws the step's
-/// first error again, unchanged. There is no pause between the action and the second
-/// run, no limit on the screenshots and the action, and a proposed wait runs in full.
+/// Runs the scripted step `primary_fn`. If it fails, asks vision once:
 ///
-/// Both callables return awaitables of any type, void and move-only types included;
-/// an empty std::function or a null pointer means that there is no agent. Name a
-/// lambda with captures before the call and move it in: g++ 12 destroys one that is
+/// - Vision proposes an action with confidence: executes it and runs `primary_fn`
+///   exactly once more.
+/// - Vision declares success: returns that verdict, whatever its confidence.
+/// - Vision escalates, declares failure or is not confident: returns what
+///   `cua_fallback(page, context, reason)` yields; without an agent, rethrows the step's
+///   first error unchanged.
+///
+/// There is no pause between the action and the second run, no limit on the screenshots
+/// and the action, and a proposed wait runs in full.
+///
+/// Both callables return awaitables of any type, void and move-only types included; an
+/// empty std::function or a null pointer means that there is no agent. Store a
+/// capturing lambda in a named variable and move it in: g++ 12 destroys one that is
 /// written inside a co_await expression twice. It must be safe to run `primary_fn`
 /// again after a partial first run. `context` is a copy of the flow context whose
 /// "context_hint" names the failure.
 ///
-/// Throws what default_client() throws when no client is given, before
-/// `primary_fn` runs; BudgetExceeded; ConversionError when "attempts" in the flow
-/// context is not an integer; an error of the screenshots, of the action, of the
-/// second run or of `cua_fallback`, unchanged. None of these leads to `cua_fallback`.
-/// Cancellation of the caller, of any kind that its coroutine lets through, ends it
-/// with operation_aborted. `page` must outlive the operation.
+/// Throws what default_client() throws when no client is given, before `primary_fn`
+/// runs; BudgetExceeded; ConversionError when "attempts" in the flow context is not an
+/// integer; an error of the screenshots, of the action, of the second run or of
+/// `cua_fallback`, unchanged. None of these leads to `cua_fallback`. If the caller is
+/// cancelled, with any cancellation type its coroutine accepts, the operation ends with
+/// operation_aborted. `page` must outlive the operation.
 template <detail::AsyncCallable PrimaryFn, detail::FallbackAgent CuaFn = NoFallback>
 boost::asio::awaitable<FallbackResult<detail::awaited_t<PrimaryFn>, typename detail::AgentValue<CuaFn>::type>>
 with_vision_fallback(BrowserPage& page, PrimaryFn primary_fn, FallbackOptions options, CuaFn cua_fallback = CuaFn()) {

@@ -3,7 +3,7 @@
 #include <cstdint>
 
 /// What the telemetry could not write. Losing it never changes an outcome: these
-/// counters and a line at debug level are its only trace.
+/// counters and a line at debug level are the only sign of it.
 namespace vision {
 
 /// How many shadow log records this process could not write since it began.

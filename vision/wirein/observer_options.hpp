@@ -23,7 +23,7 @@ class ObserverOptions {
     vision_ = &value;
     return *this;
   }
-  /// The pipeline run, for the record and the fixture name. Default: absent.
+  /// The pipeline run, for the record and the fixture name. Default: not set.
   ObserverOptions& run_id(std::optional<std::string> value) & {
     run_id_ = std::move(value);
     return *this;

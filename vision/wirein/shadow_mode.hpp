@@ -28,18 +28,18 @@ namespace vision {
 class CuaOriginMark {
  public:
   ///@{
-  /// Without the mark, copies too; assigning leaves the mark as it is.
+  /// New and copied objects are unmarked; assignment keeps the target's mark.
   CuaOriginMark() = default;
   CuaOriginMark(const CuaOriginMark&) noexcept {}
   CuaOriginMark& operator=(const CuaOriginMark&) noexcept { return *this; }
   ///@}
   virtual ~CuaOriginMark() = default;
-  /// True once shadow mode has re-raised this very object from its CUA leg.
+  /// True once shadow mode has re-raised this very object from its computer-use agent (CUA).
   bool _kx_cua_origin = false;
 };
 
 /// Whether the error that was caught carries the mark: "did this come from the
-/// CUA leg?". False for null, and for a type that cannot carry it.
+/// computer-use agent?". False for null, and for a type that cannot carry it.
 bool is_cua_origin(const std::exception_ptr& error) noexcept;
 
 /// The same for a caught std::exception.
@@ -70,7 +70,7 @@ boost::json::value text_entry(const Result& result) {
   }
 }
 
-/// Shadow mode without the type of the CUA's result: runs both legs, writes the
+/// Shadow mode without the type of the CUA's result: runs the agent and the observation, writes the
 /// record, returns the CUA's error, marked, or null.
 boost::asio::awaitable<std::exception_ptr> shadow_run(BrowserPage& page, boost::asio::awaitable<void> cua,
                                                       std::function<boost::json::value()> cua_text,
@@ -84,18 +84,17 @@ boost::asio::awaitable<std::exception_ptr> shadow_run(BrowserPage& page, boost::
 /// exception object that it threw, marked by CuaOriginMark where its type allows.
 ///
 /// `cua_fn` is called once, without arguments, and returns an awaitable of any type,
-/// void and move-only types included. Name a lambda with captures before the call
-/// and move it in: g++ 12 destroys one that is written inside a co_await
-/// expression twice. The observation starts first; neither leg interrupts the
-/// other, and the call ends when both have ended: `cua_fn`, which has no limit, and
-/// the observation, whose limit is DEFAULT_TIMEOUT_S + 8 seconds. Vision's failures
-/// end up in the record only.
+/// void and move-only types included. Store a capturing lambda in a named variable and
+/// move it in: g++ 12 destroys one that is written inside a co_await expression twice.
+/// The observation starts first; neither interrupts the other, and the call ends when
+/// both have ended: `cua_fn`, which has no limit, and the observation, whose limit is
+/// DEFAULT_TIMEOUT_S + 8 seconds. Vision's failures end up in the record only.
 ///
 /// When `cua_fn`'s result is a map with a "text" entry (boost::json::object or
 /// value, or a map from std::string), its first 200 code points are recorded.
 ///
 /// Throws what default_client() throws when no client is given; `cua_fn` is not
-/// called then. Cancellation ends both legs; no record is written then. `page`
+/// called then. Cancellation ends both; no record is written then. `page`
 /// must outlive the operation.
 template <detail::AsyncCallable CuaFn>
 boost::asio::awaitable<detail::awaited_t<CuaFn>> shadow_observe_then_cua(BrowserPage& page, CuaFn cua_fn,

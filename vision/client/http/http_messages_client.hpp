@@ -15,14 +15,14 @@ struct Endpoint;
 /// The Messages API over HTTP/1.1, one request per `create`. It does not retry: the
 /// ask call does.
 ///
-/// Connections are kept alive and pooled per execution context: they belong to
-/// the context whose coroutine calls `create` and are closed when it is
-/// destroyed, requests in flight included. As many are kept as requests were in
-/// flight at once; when none is in flight and more than 32 were, all are closed.
-/// A client may be used from several contexts, and from a context that several
-/// threads run. Proxies are taken from the environment (https_proxy, http_proxy,
-/// all_proxy, no_proxy). TLS certificates are always verified, and TLS 1.2 is the
-/// oldest version; redirects are not followed.
+/// Connections are kept alive and pooled per execution context: they belong to the
+/// context whose coroutine calls `create` and are closed when it is destroyed, requests
+/// in flight included. The pool grows to the peak number of concurrent requests; once
+/// idle, if that peak exceeded 32, all connections are closed. A client may be used
+/// from several contexts, and from a context that several threads run. Proxies are
+/// taken from the environment (https_proxy, http_proxy, all_proxy, no_proxy). TLS
+/// certificates are always verified, and TLS 1.2 is the oldest version; redirects are
+/// not followed.
 class HttpMessagesClient : public MessagesClient {
  public:
   /// White space around the key is dropped. Throws std::invalid_argument for a key
@@ -33,9 +33,9 @@ class HttpMessagesClient : public MessagesClient {
   /// characters, and so is not removed from what the endpoint sends (see `create`).
   explicit HttpMessagesClient(std::string api_key, HttpOptions options = HttpOptions());
 
-  /// Streams the request and returns the response's JSON object, which owns its
-  /// memory as one block. Reals are read exactly. The client may be destroyed
-  /// meanwhile.
+  /// Streams the request and returns the response's JSON object, allocated from one
+  /// monotonic resource it owns. Floating-point numbers are read exactly. The client
+  /// may be destroyed meanwhile.
   ///
   /// The request is sent once. A kept connection that its server has closed is
   /// replaced before any of the body goes out; one that ends later, before a response,
@@ -51,7 +51,7 @@ class HttpMessagesClient : public MessagesClient {
   /// When the endpoint repeats the API key, "[API key]" takes its place: the whole
   /// key, plain or JSON-escaped, in every string of the value returned and in error
   /// messages; in error messages also the beginning of a key (eight characters or
-  /// more) at the end of an excerpt. Keys of fewer than 16 characters are left: they
+  /// more) at the end of an excerpt. Keys of fewer than 16 characters are not removed: they
   /// may be ordinary words.
   ///
   /// An answer that the model refused, or that was cut at max_tokens, is a value like

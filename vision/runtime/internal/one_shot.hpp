@@ -13,7 +13,7 @@ using IoTimer = boost::asio::steady_timer;
 
 /// An event that happens once and that one coroutine waits for: the way in which
 /// callbacks of other libraries reach a coroutine. Lives on one executor; not
-/// thread-safe. Destroying it while somebody waits ends the wait with
+/// thread-safe. Destroying it while a coroutine waits ends the wait with
 /// operation_aborted.
 class OneShot {
  public:

@@ -62,7 +62,6 @@ CURLcode CurlDriver::begin(CURL* easy, Exchange& exchange) noexcept {
   CURLcode code = easy ? exchange.configure(easy) : CURLE_OUT_OF_MEMORY;
   if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_PRIVATE, &exchange);
   if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlDriver::open_socket);
-  if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
   if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &CurlDriver::close_socket);
   if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
   if (code == CURLE_OK && !open_pool()) code = CURLE_OUT_OF_MEMORY;
@@ -103,16 +102,21 @@ void CurlDriver::close() noexcept {
   // waiting coroutines, whose destructors are host code.
 }
 
-curl_socket_t CurlDriver::open_socket(void* self, curlsocktype, curl_sockaddr* address) noexcept {
+curl_socket_t CurlDriver::open_socket(void*, curlsocktype, curl_sockaddr* address) noexcept {
   // Without the flag a browser that the host starts would inherit the connection.
-  const int fd = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-  if (fd >= 0) static_cast<CurlDriver*>(self)->sockets_.insert(fd);
-  return fd;
+  return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
 int CurlDriver::close_socket(void* self, curl_socket_t fd) noexcept {
-  static_cast<CurlDriver*>(self)->sockets_.erase(fd);
+  static_cast<CurlDriver*>(self)->kept_.erase(fd);
   return ::close(fd);
+}
+
+// Only of a connection that has carried a request: libcurl 7.88 closes a socket that has
+// not connected yet without telling us, and the number may soon be another file's.
+void CurlDriver::note_kept_connection(CURL* easy) noexcept {
+  curl_socket_t fd = CURL_SOCKET_BAD;
+  if (::curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &fd) == CURLE_OK && fd != CURL_SOCKET_BAD) kept_.insert(fd);
 }
 
 // libcurl 7.88 takes a kept TLS connection that its server has closed for alive, because
@@ -120,12 +124,11 @@ int CurlDriver::close_socket(void* self, curl_socket_t fd) noexcept {
 // headers, tries another connection, and gives up after five. So such connections are
 // read empty and shut down here, which libcurl notices before it uses one.
 void CurlDriver::break_stale_connections() noexcept {
-  if (sockets_.size() <= watches_.size()) return;  // none is idle, as in a burst of hundreds
   std::vector<pollfd> idle;
-  for (const curl_socket_t fd : sockets_) {
+  for (const curl_socket_t fd : kept_) {
     if (!watches_.contains(fd)) idle.push_back({fd, POLLIN, 0});
   }
-  if (::poll(idle.data(), idle.size(), 0) <= 0) return;
+  if (idle.empty() || ::poll(idle.data(), idle.size(), 0) <= 0) return;
   for (const pollfd& connection : idle) {
     if (connection.revents == 0) continue;
     std::array<char, 1024> goodbye;
@@ -236,6 +239,7 @@ CurlDriver::Completions CurlDriver::perform(curl_socket_t fd, int events) {
     const CURLcode code = message->data.result;  // the message is freed with the handle's removal
     const char* key = nullptr;
     ::curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &key);
+    note_kept_connection(message->easy_handle);
     finish(reinterpret_cast<const Exchange*>(key), code);
   }
   if (failure != CURLM_OK) {  // the multi handle no longer serves what runs on it

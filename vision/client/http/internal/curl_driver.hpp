@@ -67,7 +67,7 @@ class CurlDriver {
   using Completions = std::vector<Completion>;
 
   // libcurl's callbacks. It calls them within its functions, so the mutex is held.
-  static curl_socket_t open_socket(void* self, curlsocktype, curl_sockaddr* address) noexcept;
+  static curl_socket_t open_socket(void*, curlsocktype, curl_sockaddr* address) noexcept;
   static int close_socket(void* self, curl_socket_t fd) noexcept;
   static int on_socket(CURL* easy, curl_socket_t fd, int what, void* self, void* watch) noexcept;
   static int on_timer(CURLM* multi, long timeout_ms, void* self) noexcept;
@@ -82,6 +82,7 @@ class CurlDriver {
   Completions perform(curl_socket_t fd, int events);
 
   CURLcode begin(CURL* easy, Exchange& exchange) noexcept;
+  void note_kept_connection(CURL* easy) noexcept;
   void break_stale_connections() noexcept;
   CURL* take_easy() noexcept;
   void retire(CURL* easy) noexcept;
@@ -96,7 +97,7 @@ class CurlDriver {
   std::optional<runtime::IoTimer> timer_;
   std::uint64_t timer_generation_ = 0;  // a wait of another generation is out of date
   std::uint64_t last_watch_ = 0;        // the latest Watch::generation
-  std::set<curl_socket_t> sockets_;     // of all connections, in use and kept
+  std::set<curl_socket_t> kept_;        // of connections that have carried a request and are not closed
   std::map<curl_socket_t, Watch> watches_;
   std::map<const Exchange*, Running> running_;
   std::vector<CURL*> spare_handles_;
