@@ -61,6 +61,13 @@ as_packages() {
   local dpkg=(dpkg "--root=$root" --force-not-root --force-script-chrootless --no-triggers)
   "${dpkg[@]}" --install "$scratch"/packages/*.deb > "$scratch/log" 2>&1 || { cat "$scratch/log"; fail "dpkg --install failed"; }
   by_cmake "by CMake from Debian packages" "-DCMAKE_PREFIX_PATH=$root/usr"
+  if [ -d "$root/usr/lib/python3" ]; then
+    LD_LIBRARY_PATH=$(dirname "$(find "$root/usr/lib" -maxdepth 2 -name libvision_c.so.0.1)") PYTHONPATH=$root/usr/lib/python3/dist-packages \
+      PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -c 'import velmora_vision' || fail "the Python package does not load"
+  fi
+  if [ -d "$root/usr/lib/nodejs" ]; then
+    NODE_PATH=$root/usr/lib/nodejs node -e 'require("@velmora/vision").isVisionEnabled()' || fail "the Node package does not load"
+  fi
   local package names=()
   for package in "$scratch"/packages/*.deb; do names+=("$(dpkg-deb --field "$package" Package)"); done
   "${dpkg[@]}" --purge "${names[@]}" > "$scratch/log" 2>&1 || { cat "$scratch/log"; fail "dpkg --purge failed"; }
@@ -73,7 +80,7 @@ as_packages() {
 # installed headers declare.
 exports_are_the_promise() {
   local shown=$scratch/shown listed=$scratch/listed headers=$scratch/headers libraries twice line name form
-  libraries=$(find "$scratch/prefix" -name 'libvision*.so.0.1')
+  libraries=$(find "$scratch/prefix" -name 'libvision.so.0.1' -o -name 'libvision_chromium.so.0.1')
   xargs nm -DC --defined-only <<< "$libraries" | sed -n 's/^[0-9a-f]\+ . //p' > "$shown"
   sed -n 's/^ *\([^ #]*::[^ ]*\);$/\1/p' "$source/cmake/exports.map" > "$listed"
   find "$scratch/prefix/include" -name '*.hpp' -exec cat {} + > "$headers"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Checks README.md, CONTRIBUTING.md and docs/ against the code. A comment directly
+# Checks README.md, CONTRIBUTING.md, docs/ and bindings/ against the code. A comment directly
 # before a fenced block says what the block must be:
 #   <!-- path -->        cpp: the whole file;  <!-- path#name -->  the piece of it
 #                        between two "// [name]" lines, without their indentation
@@ -69,7 +69,7 @@ check_blocks() { # PAGE
   while IFS=$'\t' read -r number line language mark; do
     place="$1:$line"
     case "$language|$mark" in
-      'cpp|shown: '* | 'sh|shown: '*) ;;
+      'c|shown: '* | 'cpp|shown: '* | 'sh|shown: '*) ;;
       'sh|run') run_commands "$place" "$scratch/blocks/$number" "$scratch/world" ;;
       *'|run by '*) [ -x "$project/${mark#run by }" ] || mistake "$place: no program ${mark#run by }" ;;
       *'|output') diff -u "$scratch/blocks/$number" "$scratch/output" || mistake "$place: the output differs" ;;
@@ -77,7 +77,7 @@ check_blocks() { # PAGE
       *'|log') check_lines "$place" "$scratch/blocks/$number" "$scratch/world/vision.log" ;;
       'cpp|') mistake "$place: a cpp block without a comment that names its source" ;;
       'sh|'*) mistake "$place: an sh block that is neither run nor shown" ;;
-      'cpp|'*) check_program "$place" "$scratch/blocks/$number" "$mark" ;;
+      'c|'* | 'cpp|'*) check_program "$place" "$scratch/blocks/$number" "$mark" ;;
       *'|') ;;
       *) mistake "$place: \"$mark\" is not a mark of a $language block" ;;
     esac
@@ -112,6 +112,6 @@ while IFS= read -r page; do
   check_blocks "$page"
   check_links "$page"
   pages=$((pages + 1))
-done < <(cd "$project" && { ls ./*.md; find ./docs -name '*.md'; } | sed 's,^\./,,' | sort)
+done < <(cd "$project" && { ls ./*.md; find ./docs ./bindings -name node_modules -prune -o -name '*.md' -print; } | sed 's,^\./,,' | sort)
 echo "$pages pages checked, $mistakes mistakes"
 [ "$mistakes" -eq 0 ]

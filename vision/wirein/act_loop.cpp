@@ -43,9 +43,9 @@ class Mission {
  private:
   asio::awaitable<void> take_step() {
     ++step_;
-    if (abort_requested())
-      co_return hand_over(Cause::aborted, "aborted by caller before step " + std::to_string(step_));
     const auto limit = runtime::to_duration(DEFAULT_TIMEOUT_S * 2 + ACT_STEP_MARGIN_S);
+    const bool aborted = co_await abort_requested(limit);
+    if (aborted) co_return hand_over(Cause::aborted, "aborted by caller before step " + std::to_string(step_));
     auto operation = detail::shot_and_ask(client_, detail::borrowed(page_), context_, site_, ask_options_);
     auto answer = co_await runtime::with_deadline(std::move(operation), limit);
     if (!answer.has_value()) co_return unanswered(answer.timed_out(), answer.error());
@@ -88,12 +88,24 @@ class Mission {
     _append_shadow_record(record);
   }
 
-  bool abort_requested() const {
-    if (!options_.should_abort()) return false;
+  // A broken probe does not stop a mission.
+  asio::awaitable<bool> abort_requested(runtime::Duration limit) const {
+    if (options_.should_abort()) co_return ask_now(options_.should_abort());
+    if (!options_.should_abort_later()) co_return false;
+    auto answer = co_await runtime::with_deadline(ask_later(options_.should_abort_later()), limit);
+    co_return answer.has_value() && answer.value();
+  }
+
+  // A coroutine, so that a probe that throws at once is one that fails.
+  static asio::awaitable<bool> ask_later(const std::function<asio::awaitable<bool>()>& probe) {
+    co_return co_await probe();
+  }
+
+  static bool ask_now(const std::function<bool()>& probe) {
     try {
-      return options_.should_abort()();
+      return probe();
     } catch (...) {
-      return false;  // a broken probe does not stop a mission
+      return false;
     }
   }
 

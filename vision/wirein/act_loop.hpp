@@ -55,6 +55,12 @@ class ActLoopOptions {
     should_abort_ = std::move(value);
     return *this;
   }
+  /// The same, answered later: what has not answered within the time limit of a step
+  /// counts as false. Asked when no other is given.
+  ActLoopOptions& should_abort(std::function<boost::asio::awaitable<bool>()> value) & {
+    should_abort_later_ = std::move(value);
+    return *this;
+  }
   /// Never touch the page: any proposed page action ends the mission. Default false.
   ActLoopOptions& read_only(bool value) & {
     read_only_ = value;
@@ -71,6 +77,9 @@ class ActLoopOptions {
   ActLoopOptions high_stakes(bool value) && { return std::move(high_stakes(value)); }
   ActLoopOptions max_steps(std::int64_t value) && { return std::move(max_steps(value)); }
   ActLoopOptions should_abort(std::function<bool()> value) && { return std::move(should_abort(std::move(value))); }
+  ActLoopOptions should_abort(std::function<boost::asio::awaitable<bool>()> value) && {
+    return std::move(should_abort(std::move(value)));
+  }
   ActLoopOptions read_only(bool value) && { return std::move(read_only(value)); }
   ///@}
 
@@ -85,6 +94,9 @@ class ActLoopOptions {
   bool high_stakes() const noexcept { return high_stakes_; }
   std::int64_t max_steps() const noexcept { return max_steps_; }
   const std::function<bool()>& should_abort() const noexcept { return should_abort_; }
+  const std::function<boost::asio::awaitable<bool>()>& should_abort_later() const noexcept {
+    return should_abort_later_;
+  }
   bool read_only() const noexcept { return read_only_; }
   ///@}
 
@@ -97,6 +109,7 @@ class ActLoopOptions {
   bool high_stakes_ = false;
   std::int64_t max_steps_ = ACT_MAX_STEPS_DEFAULT;
   std::function<bool()> should_abort_;
+  std::function<boost::asio::awaitable<bool>()> should_abort_later_;
   bool read_only_ = false;
 };
 

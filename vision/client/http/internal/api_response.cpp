@@ -5,14 +5,15 @@
 #include <string_view>
 
 #include "vision/client/api_error.hpp"
-#include "vision/client/http/internal/json_reader.hpp"
 #include "vision/settings/internal/log.hpp"
+#include "vision/text/internal/json_reader.hpp"
 #include "vision/text/internal/utf8.hpp"
 
 namespace vision::detail::http {
 namespace json = boost::json;
 namespace {
 
+constexpr text::JsonLimits json_limits = {64, 256};
 constexpr std::size_t excerpt_code_points = 200;
 constexpr std::size_t message_code_points = 1000;
 
@@ -44,7 +45,7 @@ VendorError read_vendor_error(const RawResponse& response) {
   VendorError vendor;
   if (is_plain(response)) {
     boost::system::error_code error;
-    const json::value body = read_json(response.body, error);
+    const json::value body = text::read_json(response.body, json_limits, error);
     const auto* object = body.if_object();
     if (const auto* inner = object ? object->if_contains("error") : nullptr) {
       vendor.message = text_member(*inner, "message");
@@ -128,12 +129,13 @@ json::value parse_response(const RawResponse& response, const SecretKey& key) {
   }
   if (text::trim(response.body).empty()) reject("the response is empty", response, key);
   boost::system::error_code error;
-  json::value value = read_json(response.body, error);
+  json::value value = text::read_json(response.body, json_limits, error);
   if (error == json::error::object_too_large) {
-    reject("the response holds an object of more than " + std::to_string(max_json_members) + " members", response, key);
+    reject("the response holds an object of more than " + std::to_string(json_limits.members) + " members", response,
+           key);
   }
   if (error == json::error::too_deep) {
-    reject("the response nests deeper than " + std::to_string(max_json_depth) + " levels", response, key);
+    reject("the response nests deeper than " + std::to_string(json_limits.depth) + " levels", response, key);
   }
   if (error == json::error::incomplete) {
     reject("the response is incomplete JSON, ending after " + std::to_string(response.body.size()) + " bytes", response,
