@@ -5,6 +5,7 @@
 #include "tools/report/accumulators.hpp"
 #include "tools/report/statistics.hpp"
 #include "tools/report/verdict.hpp"
+#include "tools/report/words.hpp"
 
 namespace report {
 namespace {
@@ -37,6 +38,15 @@ TEST(Bounds, AreThePublishedClopperPearsonOnes) {
   for (const auto& row : rows) {
     EXPECT_NEAR(lower_bound(row.share, 0.975), row.lower, 5e-8) << row.share.hits << " of " << row.share.trials;
     EXPECT_NEAR(upper_bound(row.share, 0.975), row.upper, 5e-8) << row.share.hits << " of " << row.share.trials;
+  }
+}
+
+TEST(Bounds, AreRoundedAwayFromWhatIsClaimed) {
+  const std::tuple<double, const char*, const char*> rows[] = {
+      {0, "0 %", "0 %"}, {0.29, "29 %", "29 %"}, {0.291, "29 %", "30 %"}, {1, "100 %", "100 %"}};
+  for (const auto& [share, least, most] : rows) {
+    EXPECT_EQ(percent(share), least);
+    EXPECT_EQ(percent_at_most(share), most);
   }
 }
 

@@ -62,11 +62,18 @@ std::string warnings_of(const Report& report) {
   return out;
 }
 
+std::string share_cell(const Share& share, const Criteria& criteria) {
+  if (!share.value()) return "–";
+  return "<strong>" + percent(*share.value()) + "</strong>, at least " +
+         percent(lower_bound(share, criteria.confidence));
+}
+
 std::string sites_table(const Report& report, bool split) {
   std::string out =
       "<div class=\"wide\" tabindex=\"0\" role=\"region\" aria-label=\"Sites\"><table "
       "class=\"sites\"><caption>Sites</caption><thead><tr><th scope=\"col\">site</th>"
-      "<th scope=\"col\">verdict</th><th scope=\"col\">model</th><th scope=\"col\">agreement</th>"
+      "<th scope=\"col\">verdict</th><th scope=\"col\">model</th><th scope=\"col\">right action</th>"
+      "<th scope=\"col\">right place</th>"
       "<th scope=\"col\">events</th><th scope=\"col\">over time</th><th scope=\"col\">missions</th>"
       "<th scope=\"col\">why</th></tr></thead>\n";
   for (std::size_t i = 0; i < report.sites.size(); ++i) {
@@ -76,18 +83,16 @@ std::string sites_table(const Report& report, bool split) {
     const std::size_t rows = std::max<std::size_t>(1, site.models.size());
     out += fmt::format("<tbody><tr><th scope=\"rowgroup\" rowspan=\"{}\">{}</th>", rows, link);
     if (site.models.empty()) {
-      out += "<td>" + pill(site.judgement.verdict) + "</td><td>–</td><td>–</td><td>0</td><td></td><td>–</td><td>" +
-             escaped(site.judgement.reason) + "</td></tr>";
+      out += "<td>" + pill(site.judgement.verdict) +
+             "</td><td>–</td><td>–</td><td>–</td><td>0</td><td></td><td>–</td><td>" + escaped(site.judgement.reason) +
+             "</td></tr>";
     }
     for (std::size_t row = 0; row < site.models.size(); ++row) {
       const ModelReport& model = site.models[row];
       const Evidence& e = model.tally->evidence;
-      const auto share = e.agreement.value();
       if (row > 0) out += "<tr>";
       out += "<td>" + pill(model.judgement.verdict) + "</td><td>" + escaped(model.name) + "</td><td>" +
-             (share ? "<strong>" + percent(*share) + "</strong>, at least " +
-                          percent(lower_bound(e.agreement, report.criteria.confidence))
-                    : "–") +
+             share_cell(e.agreement, report.criteria) + "</td><td>" + share_cell(e.places, report.criteria) +
              "</td><td>" + grouped(e.agreement.trials) + "</td><td>" + sparkline(model.tally->trend) + "</td><td>" +
              (e.missions.trials > 0 ? grouped(e.missions.hits) + " of " + grouped(e.missions.trials) : "–") +
              "</td><td>" + escaped(model.judgement.reason) + "</td></tr>";

@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 
@@ -18,7 +19,7 @@ std::string percent(double share) {
 }
 
 std::string percent_at_most(double share) {
-  return fmt::format("{:.0f} %", std::ceil(share * 100 - dust));
+  return fmt::format("{:.0f} %", std::ceil(std::max(0.0, share * 100 - dust)));
 }
 
 std::string counted(std::int64_t count, std::string_view one) {
