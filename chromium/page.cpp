@@ -51,9 +51,10 @@ asio::awaitable<void> ChromiumPage::enable_events() {
 asio::awaitable<void> ChromiumPage::set_up(PageOptions options) {
   co_await enable_events();
   viewport_ = make_object("width", options.width(), "height", options.height());
-  co_await session_->command("Emulation.setDeviceMetricsOverride",
-                             make_object("width", options.width(), "height", options.height(), "deviceScaleFactor",
-                                         options.device_pixel_ratio(), "mobile", false));
+  co_await session_->command(
+      "Emulation.setDeviceMetricsOverride",
+      make_object("width", options.width(), "height", options.height(), "screenWidth", options.width(), "screenHeight",
+                  options.height(), "deviceScaleFactor", options.device_pixel_ratio(), "mobile", false));
   co_await session_->command("Emulation.setFocusEmulationEnabled", make_object("enabled", true));
 }
 

@@ -141,6 +141,23 @@ TEST_F(Input, NothingStaysPressedAfterACancel) {
   EXPECT_EQ(value_of(*page_, "until(() => count('mouseup') && count('keyup') >= count('keydown'))"), "true");
 }
 
+// Layouts for desktops depend on these.
+TEST_F(PageTest, PagesSeeAMouseAndAScreenOfTheViewportsSize) {
+  const std::tuple<int, int, double> rows[] = {{1280, 800, 1}, {900, 700, 2}, {4096, 100, 0.75}};
+  for (const auto& [width, height, ratio] : rows) {
+    auto page = run(browser_->new_page(PageOptions().viewport(width, height).device_pixel_ratio(ratio)));
+    const std::string size = std::to_string(width) + ", " + std::to_string(height);
+    EXPECT_EQ(value_of(*page,
+                       "['(hover)', '(pointer: fine)', '(any-hover)', '(any-pointer: fine)', "
+                       "`(device-width: ${innerWidth}px)`].map(query => matchMedia(query).matches)"),
+              "[true, true, true, true, true]");
+    EXPECT_EQ(value_of(*page,
+                       "[innerWidth, innerHeight, outerWidth, outerHeight, screen.width, screen.height, "
+                       "screen.availWidth, screen.availHeight]"),
+              "[" + size + ", " + size + ", " + size + ", " + size + "]");
+  }
+}
+
 std::string png_size(const Bytes& png) {
   EXPECT_EQ(png.view().substr(0, 8), "\x89PNG\r\n\x1a\n");
   EXPECT_EQ(png.view().substr(png.size() - 8, 4), "IEND");
@@ -149,6 +166,10 @@ std::string png_size(const Bytes& png) {
 }
 
 TEST_F(PageTest, ScreenshotsHaveTheRightSize) {
+  for (const auto& [width, height] : {std::pair(1, 1), std::pair(6000, 2)}) {
+    auto page = run(browser_->new_page(PageOptions().viewport(width, height)));
+    EXPECT_EQ(png_size(run(page->screenshot({}))), std::to_string(width) + " x " + std::to_string(height));
+  }
   const std::tuple<double, const char*, const char*> rows[] = {{1, "640 x 400", "640 x 1500"},
                                                                {2, "1280 x 800", "1280 x 3000"}};
   for (const auto& [ratio, viewport, whole] : rows) {
