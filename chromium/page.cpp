@@ -62,12 +62,10 @@ asio::awaitable<void> ChromiumPage::set_up(PageOptions options) {
 // stays. Attaching and screenshots must work on such a page, so they do not wait long.
 asio::awaitable<void> ChromiumPage::update_viewport_size() {
   constexpr auto limit = std::chrono::seconds(2);
-  auto asked = session_->command(
-      "Runtime.evaluate",
-      make_object("expression", "({width: innerWidth, height: innerHeight})", "returnByValue", true), limit);
+  auto asked = session_->command("Runtime.evaluate", evaluation("({width: innerWidth, height: innerHeight})"), limit);
   auto outcome = co_await runtime::try_await(std::move(asked));
   if (!outcome.has_value() || outcome.value().contains("exceptionDetails")) co_return;
-  const json::value size = evaluated_value(std::move(outcome.value()));
+  const json::value size = evaluated_value(outcome.value());
   if (size.is_object() && size.get_object().contains("width")) viewport_ = size.get_object();
 }
 
@@ -105,14 +103,7 @@ asio::awaitable<Bytes> ChromiumPage::screenshot(ScreenshotOptions options) {
 }
 
 asio::awaitable<json::value> ChromiumPage::evaluate(std::string expression) {
-  try {
-    json::object result = co_await session_->command(
-        "Runtime.evaluate", make_object("expression", expression, "returnByValue", true, "awaitPromise", true));
-    co_return evaluated_value(std::move(result));
-  } catch (const ProtocolError& error) {
-    if (!has_no_json_form(error)) throw;
-  }
-  co_return json::value();
+  co_return evaluated_value(co_await session_->command("Runtime.evaluate", evaluation(expression)));
 }
 
 asio::awaitable<void> ChromiumPage::navigate(std::string url) {

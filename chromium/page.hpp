@@ -49,9 +49,12 @@ class ChromiumPage : public BrowserPage {
   /// docs/performance.md has measurements of both. Default false.
   void optimize_for_speed(bool value) noexcept { optimize_for_speed_ = value; }
 
-  /// Throws EvaluationError if the script throws or its promise is rejected.
-  /// undefined, functions, symbols, NaN, infinities, windows and cyclic objects
-  /// become null; a bigint becomes an integer if it fits into 64 bits, else null.
+  /// Runs a script as eval does in the page, so that `let`, `const` and `class` end with
+  /// it, and returns its value, or its promise's, as JSON.stringify converts it: a Date is
+  /// a text, a rectangle an object. What has no JSON form becomes null: undefined, a
+  /// function, a symbol, NaN, an infinity, a window, a cyclic object. A bigint becomes an
+  /// integer if it fits into 64 bits, else null. Throws EvaluationError if the script
+  /// throws or its promise is rejected.
   boost::asio::awaitable<boost::json::value> evaluate(std::string expression) override;
 
   /// The viewport given to new_page(). For an attached page, its inner size at the

@@ -223,20 +223,37 @@ TEST_F(PageTest, DialogsAreDismissed) {
 }
 
 TEST_F(PageTest, EvaluateGivesValuesAndErrors) {
+  open("<meta http-equiv=Content-Security-Policy content=\"script-src 'none'; require-trusted-types-for 'script'\">");
   const std::string deep = std::string(100, '[') + "1" + std::string(100, ']');
   const std::pair<std::string, std::string> rows[] = {
       {"({a: [1, 2.5, 'x', null, true]})", R"({"a": [1, 2.5, "x", null, true]})"},
       {"Promise.resolve(7)", "7"},
-      {"[NaN, 1/0].map(x => x)", "[null, null]"},
+      {"[NaN, 1/0, () => 1, , 5n]", "[null, null, null, null, 5]"},
+      {"({kept: 1, symbol: Symbol(), big: 2n ** 63n, exact: 2n ** 63n - 1n, none: undefined})",
+       R"({"kept": 1, "big": null, "exact": 9223372036854775807})"},
+      {"[new Date(0), new URL('http://a/b'), new DOMPoint(1, 2), new Map([[1, 2]])]",
+       R"(["1970-01-01T00:00:00.000Z", "http://a/b", {"x": 1, "y": 2, "z": 0, "w": 1}, {}])"},
+      {"let a = 1; const b = 2; class C {}; a + b", "3"},
+      {"let a = 3; const b = 4; class C {}; a + b", "7"},
+      {"var kept = 5", "null"},
+      {"kept", "5"},
+      {"Array.prototype.toJSON = () => 'old'; [[1]]", "[[1]]"},
       {"12n", "12"},
       {"2n ** 70n", "null"},
       {"window", "null"},
+      {"Symbol()", "null"},
+      {"() => 1", "null"},
       {"'\\ud800x\\\\ud800\u00fc\U0001F600'", R"("\ufffdx\\ud800\u00fc\ud83d\ude00")"},
       {"'\\xe4'.repeat(3e6).length", "3000000"},
       {deep, deep},
       {"noSuchName", "EvaluationError: ReferenceError: noSuchName is not defined"},
       {"(() => { throw 'plain' })()", "EvaluationError: plain"},
       {"Promise.reject(5)", "EvaluationError: 5"},
+      {"Promise.reject(null)", "EvaluationError: null"},
+      {"Promise.reject(true)", "EvaluationError: true"},
+      {"Promise.reject()", "EvaluationError: undefined"},
+      {"Promise.reject(Symbol('x'))", "EvaluationError: Symbol(x)"},
+      {"Promise.reject(window)", "EvaluationError: Window"},
       {"'x'.repeat(9e6)", "BrowserError: the browser sent a message larger than 8 MiB"},
       {"1 +", "EvaluationError: SyntaxError: Unexpected end of input"},
       {"JSON.parse('['.repeat(270) + ']'.repeat(270))", "BrowserError: unreadable message from the browser: too deep"},
