@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "chromium/events/fonts.hpp"
 #include "chromium/events/navigation.hpp"
 #include "chromium/events/popups.hpp"
 #include "chromium/input/keyboard.hpp"
@@ -22,6 +23,7 @@ ChromiumPage::ChromiumPage(std::shared_ptr<Session> browser, std::shared_ptr<Ses
       session_(std::move(session)),
       target_id_(std::move(target_id)),
       owner_(owner),
+      fonts_(std::make_unique<FontWait>()),
       mouse_(std::make_unique<PageMouse>(session_)),
       keyboard_(std::make_unique<PageKeyboard>(session_)) {
   session_->set_event_handler(
@@ -60,13 +62,14 @@ asio::awaitable<void> ChromiumPage::set_up(PageOptions options) {
 
 // A page that is navigating, or has a dialog open, does not reply; then the last size
 // stays. Attaching and screenshots must work on such a page, so they do not wait long.
-asio::awaitable<void> ChromiumPage::update_viewport_size() {
-  constexpr auto limit = std::chrono::seconds(2);
-  auto asked = session_->command("Runtime.evaluate", evaluation("({width: innerWidth, height: innerHeight})"), limit);
+asio::awaitable<void> ChromiumPage::measure(runtime::Duration limit) {
+  const std::string script = fonts_->before("{width: innerWidth, height: innerHeight}");
+  auto asked = session_->command("Runtime.evaluate", evaluation(script), limit);
   auto outcome = co_await runtime::try_await(std::move(asked));
   if (!outcome.has_value() || outcome.value().contains("exceptionDetails")) co_return;
-  const json::value size = evaluated_value(outcome.value());
-  if (size.is_object() && size.get_object().contains("width")) viewport_ = size.get_object();
+  const json::value size = fonts_->value_in(evaluated_value(outcome.value()));
+  const bool is_size = size.is_object() && size.get_object().contains("width");
+  if (is_size && owner_ == Owner::someone_else) viewport_ = size.get_object();
 }
 
 void ChromiumPage::handle_event(std::string_view method, const json::object& params) {
@@ -93,13 +96,17 @@ asio::awaitable<json::object> ChromiumPage::full_page_clip() {
 
 asio::awaitable<Bytes> ChromiumPage::screenshot(ScreenshotOptions options) {
   co_await session_->command("Page.bringToFront");
-  if (owner_ == Owner::someone_else) co_await update_viewport_size();
+  co_await measure(std::chrono::seconds(5));
   json::object params = make_object("format", "png", "optimizeForSpeed", optimize_for_speed_);
   if (options.full_page()) {
     params["clip"] = co_await full_page_clip();
     params["captureBeyondViewport"] = true;
   }
-  co_return co_await session_->command_for_picture("Page.captureScreenshot", std::move(params));
+  Bytes picture = co_await session_->command_for_picture("Page.captureScreenshot", params);
+  constexpr std::size_t max_size = 5'000'000 / 4 * 3;  // some endpoints take no more than 5 MB of base64
+  if (!optimize_for_speed_ || picture.size() <= max_size) co_return picture;
+  params["optimizeForSpeed"] = false;
+  co_return co_await session_->command_for_picture("Page.captureScreenshot", params);
 }
 
 asio::awaitable<json::value> ChromiumPage::evaluate(std::string expression) {

@@ -2,6 +2,8 @@
 
 #include "chromium/input/key_layout.hpp"
 #include "tests/chromium/browser_fixture.hpp"
+#include "tests/http/scripted_server.hpp"
+#include "vision/runtime/internal/one_shot.hpp"
 
 namespace vision::chromium::test {
 namespace {
@@ -175,9 +177,9 @@ TEST_F(PageTest, ScreenshotsHaveTheRightSize) {
   for (const auto& [ratio, viewport, whole] : rows) {
     auto page = run(browser_->new_page(PageOptions().viewport(640, 400).device_pixel_ratio(ratio)));
     run(page->navigate(page_url("<body style='margin:0;height:1500px;background:linear-gradient(red,blue)'>")));
-    const Bytes small = run(page->screenshot({}));
-    page->optimize_for_speed(true);
     const Bytes fast = run(page->screenshot({}));
+    page->optimize_for_speed(false);
+    const Bytes small = run(page->screenshot({}));
     EXPECT_EQ(png_size(small), viewport);
     EXPECT_EQ(png_size(fast), viewport);
     EXPECT_GT(fast.size(), small.size());
@@ -188,6 +190,18 @@ TEST_F(PageTest, ScreenshotsHaveTheRightSize) {
             "invalid_argument: viewport 0 x 5: a side is from 1 to 10000000 pixels");
   EXPECT_EQ(error_of(browser_->new_page(PageOptions().device_pixel_ratio(0))),
             "invalid_argument: device pixel ratio 0.000000: must be finite and above 0");
+}
+
+TEST_F(PageTest, AFastPictureTooLargeForSomeEndpointsIsTakenSmall) {
+  auto page = run(browser_->new_page(PageOptions().viewport(1600, 1000)));
+  run(
+      page->navigate(page_url("<body style='margin:0'><canvas id=noise width=1600 height=1000></canvas><script>"
+                              "const context = noise.getContext('2d'), image = context.createImageData(1600, 1000);"
+                              "image.data.forEach((_, i, all) => all[i] = i % 4 == 3 ? 255 : Math.random() * 256);"
+                              "context.putImageData(image, 0, 0)</script>")));
+  const Bytes taken = run(page->screenshot({}));
+  page->optimize_for_speed(false);
+  EXPECT_TRUE(taken.view() == run(page->screenshot({})).view());
 }
 
 TEST_F(PageTest, WindowsAreShownAndCloseWithThePageThatOpenedThem) {
@@ -263,6 +277,50 @@ TEST_F(PageTest, EvaluateGivesValuesAndErrors) {
     const std::string error = evaluation.error();
     EXPECT_EQ(error == "no error" ? text::to_json(evaluation.get()) : error, expected) << expression;
   }
+}
+
+TEST(Screenshot, WaitsForWebFontsButNotForEver) {
+  vision::test::ScriptedServer server(loop(), {{}});
+  const std::string page = vision::test::response(
+      "200 OK", "<!doctype html><link rel=icon href=data:,><iframe srcdoc='<p>text'></iframe><p>text");
+  std::vector<std::unique_ptr<runtime::OneShot>> fonts;
+  bool page_is_sent = false;
+  server.choose = [&]() -> asio::awaitable<vision::test::Reply> {
+    vision::test::Reply reply;
+    if (!std::exchange(page_is_sent, true)) {
+      reply.bytes = page;
+      co_return reply;
+    }
+    runtime::OneShot& end = *fonts.emplace_back(std::make_unique<runtime::OneShot>(loop().get_executor()));
+    co_await end.wait();
+    reply.bytes = vision::test::response("404 Not Found", "");
+    co_return reply;
+  };
+  auto browser = run(launch());
+  auto opened = run(browser->new_page());
+  run(opened->navigate(server.url()));
+  run(
+      opened->evaluate("shown = (page, font) => { page.document.head.innerHTML = `<style>"
+                       "@font-face { font-family: W; src: url(${font}) } p { font: 40px W }</style>` }"));
+  for (const std::string frame : {"window", "frames[0]"}) {
+    fonts.clear();
+    run(opened->evaluate("shown(" + frame + ", location.href + '" + frame + "')"));
+    Running<Bytes> picture(opened->screenshot({}));
+    while (fonts.empty()) take_turn();
+    // By then, a picture that does not wait is taken.
+    for (int i = 0; i < 20; ++i) value_of(*opened, "new Promise(requestAnimationFrame)");
+    fonts[0]->set();
+    EXPECT_TRUE(picture.get().view() == run(opened->screenshot({})).view()) << frame;
+  }
+  run(
+      opened->evaluate("limits = []; const wait = setTimeout;"
+                       "setTimeout = (done, limit, value) => { limits.push(limit); wait(done, 0, value) }"));
+  run(opened->evaluate("shown(window, '/never')"));
+  for (int i = 0; i < 3; ++i) run(opened->screenshot({}));
+  EXPECT_EQ(value_of(*opened, "limits"), "[3000, 0, 0]");
+  run(browser->close());
+  for (const auto& font : fonts) font->set();
+  while (server.open() > 0) take_turn();  // its connections refer to it
 }
 
 }  // namespace
