@@ -115,7 +115,7 @@ asio::awaitable<std::shared_ptr<ChromiumPage>> Browser::attach(std::string targe
   const std::shared_ptr<ChromiumPage> page(
       new ChromiumPage(session_, std::move(session), std::move(target_id), ChromiumPage::Owner::someone_else));
   co_await page->enable_events();
-  co_await page->measure(std::chrono::seconds(2));
+  co_await page->measure(std::chrono::seconds(2), false);
   co_return page;
 }
 

@@ -62,12 +62,14 @@ asio::awaitable<void> ChromiumPage::set_up(PageOptions options) {
 
 // A page that is navigating, or has a dialog open, does not reply; then the last size
 // stays. Attaching and screenshots must work on such a page, so they do not wait long.
-asio::awaitable<void> ChromiumPage::measure(runtime::Duration limit) {
-  const std::string script = fonts_->before("{width: innerWidth, height: innerHeight}");
+asio::awaitable<void> ChromiumPage::measure(runtime::Duration limit, bool wait_for_fonts) {
+  const std::string size_of_page = "{width: innerWidth, height: innerHeight}";
+  const std::string script = wait_for_fonts ? fonts_->before(size_of_page) : "(" + size_of_page + ")";
   auto asked = session_->command("Runtime.evaluate", evaluation(script), limit);
   auto outcome = co_await runtime::try_await(std::move(asked));
   if (!outcome.has_value() || outcome.value().contains("exceptionDetails")) co_return;
-  const json::value size = fonts_->value_in(evaluated_value(outcome.value()));
+  json::value size = evaluated_value(outcome.value());
+  if (wait_for_fonts) size = fonts_->value_in(std::move(size));
   const bool is_size = size.is_object() && size.get_object().contains("width");
   if (is_size && owner_ == Owner::someone_else) viewport_ = size.get_object();
 }
@@ -96,7 +98,7 @@ asio::awaitable<json::object> ChromiumPage::full_page_clip() {
 
 asio::awaitable<Bytes> ChromiumPage::screenshot(ScreenshotOptions options) {
   co_await session_->command("Page.bringToFront");
-  co_await measure(std::chrono::seconds(5));
+  co_await measure(std::chrono::seconds(5), true);
   json::object params = make_object("format", "png", "optimizeForSpeed", optimize_for_speed_);
   if (options.full_page()) {
     params["clip"] = co_await full_page_clip();

@@ -91,7 +91,7 @@ class ChromiumPage : public BrowserPage {
   ChromiumPage(std::shared_ptr<Session> browser, std::shared_ptr<Session> session, std::string target_id, Owner owner);
   boost::asio::awaitable<void> set_up(PageOptions options);
   boost::asio::awaitable<void> enable_events();
-  boost::asio::awaitable<void> measure(runtime::Duration limit);
+  boost::asio::awaitable<void> measure(runtime::Duration limit, bool wait_for_fonts);
   boost::asio::awaitable<boost::json::object> full_page_clip();
   void handle_event(std::string_view method, const boost::json::object& params);
 
