@@ -1,5 +1,6 @@
 #include "chromium/browser.hpp"
 
+#include <algorithm>
 #include <boost/asio/error.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/system/system_error.hpp>
@@ -38,6 +39,12 @@ void check(const PageOptions& options) {
   if (!std::isfinite(ratio) || ratio <= 0) {
     throw std::invalid_argument("device pixel ratio " + std::to_string(ratio) + ": must be finite and above 0");
   }
+}
+
+// The window is as large as the viewport, which pages compare. Chromium takes no picture
+// in a window of a few pixels or of tens of thousands, whatever its viewport.
+int window_side(int viewport_side) {
+  return std::clamp(viewport_side, 100, 4096);
 }
 
 asio::awaitable<std::unique_ptr<Transport>> open_transport(DevToolsUrl url) {
@@ -108,14 +115,15 @@ asio::awaitable<std::shared_ptr<ChromiumPage>> Browser::attach(std::string targe
   const std::shared_ptr<ChromiumPage> page(
       new ChromiumPage(session_, std::move(session), std::move(target_id), ChromiumPage::Owner::someone_else));
   co_await page->enable_events();
-  co_await page->update_viewport_size();
+  co_await page->measure(std::chrono::seconds(2), false);
   co_return page;
 }
 
 asio::awaitable<std::shared_ptr<ChromiumPage>> Browser::new_page(PageOptions options) {
   check(options);
-  const json::object reply =
-      co_await session_->command("Target.createTarget", make_object("url", "about:blank", "newWindow", true));
+  const json::object reply = co_await session_->command(
+      "Target.createTarget", make_object("url", "about:blank", "newWindow", true, "width", window_side(options.width()),
+                                         "height", window_side(options.height())));
   std::string target_id(text_of(reply, "targetId"));
   auto session = co_await open_session(target_id);
   const std::shared_ptr<ChromiumPage> page(

@@ -100,7 +100,8 @@ class ConnectOptions {
 class PageOptions {
  public:
   PageOptions() {}
-  /// The viewport in CSS pixels, each side from 1 to 10,000,000. Default 1280 by 800.
+  /// The viewport in CSS pixels, each side from 1 to 10,000,000; the page's screen and
+  /// window have the same size. Default 1280 by 800.
   PageOptions& viewport(int width, int height) & {
     width_ = width;
     height_ = height;

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "chromium/events/fonts.hpp"
 #include "chromium/events/navigation.hpp"
 #include "chromium/events/popups.hpp"
 #include "chromium/input/keyboard.hpp"
@@ -22,6 +23,7 @@ ChromiumPage::ChromiumPage(std::shared_ptr<Session> browser, std::shared_ptr<Ses
       session_(std::move(session)),
       target_id_(std::move(target_id)),
       owner_(owner),
+      fonts_(std::make_unique<FontWait>()),
       mouse_(std::make_unique<PageMouse>(session_)),
       keyboard_(std::make_unique<PageKeyboard>(session_)) {
   session_->set_event_handler(
@@ -51,23 +53,25 @@ asio::awaitable<void> ChromiumPage::enable_events() {
 asio::awaitable<void> ChromiumPage::set_up(PageOptions options) {
   co_await enable_events();
   viewport_ = make_object("width", options.width(), "height", options.height());
-  co_await session_->command("Emulation.setDeviceMetricsOverride",
-                             make_object("width", options.width(), "height", options.height(), "deviceScaleFactor",
-                                         options.device_pixel_ratio(), "mobile", false));
+  co_await session_->command(
+      "Emulation.setDeviceMetricsOverride",
+      make_object("width", options.width(), "height", options.height(), "screenWidth", options.width(), "screenHeight",
+                  options.height(), "deviceScaleFactor", options.device_pixel_ratio(), "mobile", false));
   co_await session_->command("Emulation.setFocusEmulationEnabled", make_object("enabled", true));
 }
 
 // A page that is navigating, or has a dialog open, does not reply; then the last size
 // stays. Attaching and screenshots must work on such a page, so they do not wait long.
-asio::awaitable<void> ChromiumPage::update_viewport_size() {
-  constexpr auto limit = std::chrono::seconds(2);
-  auto asked = session_->command(
-      "Runtime.evaluate",
-      make_object("expression", "({width: innerWidth, height: innerHeight})", "returnByValue", true), limit);
+asio::awaitable<void> ChromiumPage::measure(runtime::Duration limit, bool wait_for_fonts) {
+  const std::string size_of_page = "{width: innerWidth, height: innerHeight}";
+  const std::string script = wait_for_fonts ? fonts_->before(size_of_page) : "(" + size_of_page + ")";
+  auto asked = session_->command("Runtime.evaluate", evaluation(script), limit);
   auto outcome = co_await runtime::try_await(std::move(asked));
   if (!outcome.has_value() || outcome.value().contains("exceptionDetails")) co_return;
-  const json::value size = evaluated_value(std::move(outcome.value()));
-  if (size.is_object() && size.get_object().contains("width")) viewport_ = size.get_object();
+  json::value size = evaluated_value(outcome.value());
+  if (wait_for_fonts) size = fonts_->value_in(std::move(size));
+  const bool is_size = size.is_object() && size.get_object().contains("width");
+  if (is_size && owner_ == Owner::someone_else) viewport_ = size.get_object();
 }
 
 void ChromiumPage::handle_event(std::string_view method, const json::object& params) {
@@ -94,24 +98,21 @@ asio::awaitable<json::object> ChromiumPage::full_page_clip() {
 
 asio::awaitable<Bytes> ChromiumPage::screenshot(ScreenshotOptions options) {
   co_await session_->command("Page.bringToFront");
-  if (owner_ == Owner::someone_else) co_await update_viewport_size();
+  co_await measure(std::chrono::seconds(5), true);
   json::object params = make_object("format", "png", "optimizeForSpeed", optimize_for_speed_);
   if (options.full_page()) {
     params["clip"] = co_await full_page_clip();
     params["captureBeyondViewport"] = true;
   }
-  co_return co_await session_->command_for_picture("Page.captureScreenshot", std::move(params));
+  Bytes picture = co_await session_->command_for_picture("Page.captureScreenshot", params);
+  constexpr std::size_t max_size = 5'000'000 / 4 * 3;  // some endpoints take no more than 5 MB of base64
+  if (!optimize_for_speed_ || picture.size() <= max_size) co_return picture;
+  params["optimizeForSpeed"] = false;
+  co_return co_await session_->command_for_picture("Page.captureScreenshot", params);
 }
 
 asio::awaitable<json::value> ChromiumPage::evaluate(std::string expression) {
-  try {
-    json::object result = co_await session_->command(
-        "Runtime.evaluate", make_object("expression", expression, "returnByValue", true, "awaitPromise", true));
-    co_return evaluated_value(std::move(result));
-  } catch (const ProtocolError& error) {
-    if (!has_no_json_form(error)) throw;
-  }
-  co_return json::value();
+  co_return evaluated_value(co_await session_->command("Runtime.evaluate", evaluation(expression)));
 }
 
 asio::awaitable<void> ChromiumPage::navigate(std::string url) {

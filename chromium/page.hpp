@@ -9,11 +9,13 @@
 #include "chromium/errors.hpp"
 #include "chromium/launch_options.hpp"
 #include "vision/page/browser_page.hpp"
+#include "vision/runtime/time.hpp"
 
 namespace vision::chromium {
 
-class Session;
+class FontWait;
 class LoadWaiter;
+class Session;
 
 /// A page of a Chromium browser, returned by Browser::new_page or Browser::attach.
 ///
@@ -40,18 +42,24 @@ class ChromiumPage : public BrowserPage {
 
   /// Returns the viewport, or the whole document, in device pixels. First brings the
   /// page to the front of its window, because the browser does not draw a hidden page.
+  /// Then waits up to 3 s for web fonts that are loading, whose text is not drawn yet.
   /// If the owner of an attached page emulates a device pixel ratio, the browser
   /// returns CSS pixels.
   boost::asio::awaitable<Bytes> screenshot(ScreenshotOptions options) override;
 
   /// Whether the browser encodes later screenshots fast rather than small: the same
-  /// picture in less time but more bytes, all of which are sent to the model's service.
-  /// docs/performance.md has measurements of both. Default false.
+  /// picture in a third of the time, but up to two thirds more bytes, all of which are
+  /// sent to the model's service. A picture that would then have more than 5 MB of base64
+  /// text is taken again, small. docs/screenshots.md says when small is better. Default
+  /// true.
   void optimize_for_speed(bool value) noexcept { optimize_for_speed_ = value; }
 
-  /// Throws EvaluationError if the script throws or its promise is rejected.
-  /// undefined, functions, symbols, NaN, infinities, windows and cyclic objects
-  /// become null; a bigint becomes an integer if it fits into 64 bits, else null.
+  /// Runs a script as eval does in the page, so that `let`, `const` and `class` end with
+  /// it, and returns its value, or its promise's, as JSON.stringify converts it: a Date is
+  /// a text, a rectangle an object. What has no JSON form becomes null: undefined, a
+  /// function, a symbol, NaN, an infinity, a window, a cyclic object. A bigint becomes an
+  /// integer if it fits into 64 bits, else null. Throws EvaluationError if the script
+  /// throws or its promise is rejected.
   boost::asio::awaitable<boost::json::value> evaluate(std::string expression) override;
 
   /// The viewport given to new_page(). For an attached page, its inner size at the
@@ -83,7 +91,7 @@ class ChromiumPage : public BrowserPage {
   ChromiumPage(std::shared_ptr<Session> browser, std::shared_ptr<Session> session, std::string target_id, Owner owner);
   boost::asio::awaitable<void> set_up(PageOptions options);
   boost::asio::awaitable<void> enable_events();
-  boost::asio::awaitable<void> update_viewport_size();
+  boost::asio::awaitable<void> measure(runtime::Duration limit, bool wait_for_fonts);
   boost::asio::awaitable<boost::json::object> full_page_clip();
   void handle_event(std::string_view method, const boost::json::object& params);
 
@@ -91,11 +99,12 @@ class ChromiumPage : public BrowserPage {
   const std::shared_ptr<Session> session_;
   const std::string target_id_;
   const Owner owner_;
+  const std::unique_ptr<FontWait> fonts_;
   const std::unique_ptr<Mouse> mouse_;
   const std::unique_ptr<Keyboard> keyboard_;
   std::optional<boost::json::object> viewport_;
   LoadWaiter* load_waiter_ = nullptr;  // of the latest navigate() that is in progress
-  bool optimize_for_speed_ = false;
+  bool optimize_for_speed_ = true;
 };
 
 }  // namespace vision::chromium

@@ -36,7 +36,7 @@ asio::awaitable<void> evaluate(std::shared_ptr<Session> session) {
     if (const auto* picture = result.if_contains("data"); picture && picture->is_string()) {
       require(decode_base64(picture->get_string()).size() <= picture->get_string().size(), "a picture has a size");
     }
-    evaluated_value(std::move(result));
+    evaluated_value(result);
   } catch (const BrowserError&) {
   }
 }

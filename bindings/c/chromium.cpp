@@ -20,8 +20,8 @@ Output browser_output(std::shared_ptr<chromium::Browser> browser) {
   return out;
 }
 
-Output page_output(const Input& in, std::shared_ptr<chromium::ChromiumPage> page, bool optimize_for_speed) {
-  page->optimize_for_speed(optimize_for_speed);
+Output page_output(const Input& in, std::shared_ptr<chromium::ChromiumPage> page, std::optional<bool> fast) {
+  if (fast) page->optimize_for_speed(*fast);
   const json::object value = {{"target_id", page->target_id()}};
   Output out(value);
   out.page = std::make_shared<Page>(in.browser_handle, std::move(page));
@@ -57,7 +57,7 @@ asio::awaitable<Output> new_page(const Input& in, Options options) {
   const auto width = options.integer("width"), height = options.integer("height");
   page_options.viewport(whole(width.value_or(page_options.width())), whole(height.value_or(page_options.height())));
   if (const auto value = options.number("device_pixel_ratio")) page_options.device_pixel_ratio(*value);
-  const bool fast = options.flag("optimize_for_speed").value_or(false);
+  const auto fast = options.flag("optimize_for_speed");
   options.finish();
   const auto browser = in.browser();
   auto page = co_await browser->new_page(page_options);
@@ -66,7 +66,7 @@ asio::awaitable<Output> new_page(const Input& in, Options options) {
 
 asio::awaitable<Output> attach(const Input& in, Options options) {
   std::string target_id = options.required(&Options::text, "target_id");
-  const bool fast = options.flag("optimize_for_speed").value_or(false);
+  const auto fast = options.flag("optimize_for_speed");
   options.finish();
   const auto browser = in.browser();
   auto page = co_await browser->attach(std::move(target_id));

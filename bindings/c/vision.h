@@ -365,7 +365,8 @@ typedef struct vision_call {
 ///                     command_timeout_s
 ///   chromium_connect  url (required), command_timeout_s, allow_remote
 ///   browser_new_page  with a browser; width, height, device_pixel_ratio,
-///                     optimize_for_speed. Value: {"target_id": ...}; and the page.
+///                     optimize_for_speed (true by default: screenshots in less time and
+///                     more bytes). Value: {"target_id": ...}; and the page.
 ///   browser_attach    with a browser; target_id (required), optimize_for_speed. The same.
 ///   browser_pages     with a browser. Value: a list of {"target_id", "url", "title"}.
 ///   browser_close     with a browser

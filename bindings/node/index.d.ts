@@ -318,7 +318,7 @@ export class ChromiumPage {
 }
 
 export interface ChromiumPageOptions extends Cancellable {
-  /** Faster and larger screenshots. False by default. */
+  /** Faster and larger screenshots. True by default. */
   optimizeForSpeed?: boolean;
 }
 

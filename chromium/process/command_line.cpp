@@ -74,6 +74,8 @@ std::vector<std::string> browser_arguments(const LaunchOptions& options, const s
       "--force-color-profile=srgb",
       "--disable-gpu",
       "--disable-search-engine-choice-screen",
+      // Pages see the mouse that the library has, not the devices of this machine.
+      "--blink-settings=primaryHoverType=2,availableHoverTypes=2,primaryPointerType=4,availablePointerTypes=4",
       // Pages must not slow down when they are not visible.
       "--disable-background-timer-throttling",
       "--disable-backgrounding-occluded-windows",

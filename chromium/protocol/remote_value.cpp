@@ -2,34 +2,41 @@
 
 #include <openssl/evp.h>
 
-#include <charconv>
-#include <cstdint>
 #include <limits>
 #include <string>
 #include <utility>
 
 #include "chromium/protocol/json_object.hpp"
+#include "chromium/protocol/message.hpp"
 #include "vision/text/internal/json_text.hpp"
 
 namespace vision::chromium {
 namespace json = boost::json;
 namespace {
 
-// "-0", "NaN", "Infinity" and bigints such as "12n" travel as text.
-json::value unserializable(std::string_view text) {
-  std::int64_t number = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, number);
-  const bool whole = error == std::errc() && (stop == end || std::string_view(stop, end) == "n");
-  return whole ? json::value(number) : json::value();
-}
+// Runs the script as eval does: its declarations end with it, and cannot clash with those
+// of the page or of an earlier script. By itself the protocol would return a Date as {}
+// and refuse an object with a bigint in it. An old, common library breaks the JSON form
+// of arrays; "raw" is what the page did not convert.
+constexpr std::string_view before_script = "(async () => { const value = await (0, eval)(", after_script = R"js();
+  const convert = function (key, converted) {
+    const raw = this[key];
+    if (Array.isArray(raw)) return raw;
+    if (typeof raw !== "bigint") return converted;
+    return BigInt.asIntN(64, raw) === raw ? JSON.rawJSON(raw) : null;
+  };
+  try { return JSON.stringify(value, convert); } catch { return null; }
+})())js";
 
 std::string thrown_text(const json::object& details) {
   const json::object& thrown = object_of(details, "exception");
   if (const auto description = text_of(thrown, "description"); !description.empty()) {
     return std::string(description.substr(0, description.find("\n    at ")));
   }
-  if (const auto* value = thrown.if_contains("value")) return text::plain_text(*value);
+  if (const auto* value = thrown.if_contains("value")) {
+    return value->is_string() ? std::string(value->get_string()) : text::to_json(*value);
+  }
+  if (text_of(thrown, "type") == "undefined") return "undefined";
   return std::string(text_of(details, "text"));
 }
 
@@ -51,20 +58,17 @@ std::size_t decode(std::string_view text, char* out) {
 
 }  // namespace
 
-json::value evaluated_value(json::object result) {
-  if (result.contains("exceptionDetails")) throw EvaluationError(thrown_text(object_of(result, "exceptionDetails")));
-  auto* remote = result.if_contains("result");
-  if (!remote || !remote->is_object()) return {};
-  json::object& object = remote->get_object();
-  if (text_of(object, "type") == "function") return {};
-  if (auto* value = object.if_contains("value")) return std::move(*value);
-  return unserializable(text_of(object, "unserializableValue"));
+json::object evaluation(std::string_view script) {
+  std::string expression(before_script);
+  text::append_json_string(expression, script);
+  expression += after_script;
+  return make_object("expression", std::move(expression), "awaitPromise", true);
 }
 
-// The protocol gives both the same code as other refusals, so the text decides.
-bool has_no_json_form(const ProtocolError& error) {
-  return error.browser_message() == "Object reference chain is too long" ||
-         error.browser_message() == "Object couldn't be returned by value";
+json::value evaluated_value(const json::object& result) {
+  if (result.contains("exceptionDetails")) throw EvaluationError(thrown_text(object_of(result, "exceptionDetails")));
+  const std::string_view text = text_of(object_of(result, "result"), "value");
+  return text.empty() ? json::value() : parse_message(text);
 }
 
 Bytes decode_base64(std::string_view text) {

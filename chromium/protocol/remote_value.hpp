@@ -11,14 +11,14 @@
 
 namespace vision::chromium {
 
-/// Returns the value in the result of a Runtime.evaluate by value. Null if it has no
-/// JSON form: undefined, a function, NaN, an infinity, a bigint beyond 64 bits.
-/// Throws EvaluationError if the script threw.
-boost::json::value evaluated_value(boost::json::object result);
+/// The parameters of a Runtime.evaluate that runs `script`, waits for its promise, and
+/// has its value converted to JSON by the page.
+boost::json::object evaluation(std::string_view script);
 
-/// Whether the browser refused only because the value has no JSON form: a window, a
-/// symbol, a cyclic object.
-bool has_no_json_form(const ProtocolError& error);
+/// Returns the value of the script in the result of an evaluation(), null if it has no
+/// JSON form. Throws EvaluationError if the script threw, BrowserError as parse_message
+/// does.
+boost::json::value evaluated_value(const boost::json::object& result);
 
 /// Decodes base64 text (padded, without line breaks). Throws BrowserError if it is
 /// not valid base64.

@@ -694,7 +694,7 @@ static void test_chromium(void) {
     const char *operation, *options, *says;
   } steps[] = {
       {"chromium_launch", "{\"arguments\": [\"--mute-audio\"], \"launch_timeout_s\": 120}", "null"},
-      {"browser_new_page", "{\"width\": 640, \"height\": 400, \"optimize_for_speed\": true}", "{\"target_id\": \""},
+      {"browser_new_page", "{\"width\": 640, \"height\": 400, \"optimize_for_speed\": false}", "{\"target_id\": \""},
       {"page_navigate", "{\"url\": \"data:text/html,<title>form</title><input>\"}", "null"},
       {"page_evaluate", "{\"expression\": \"document.querySelector('input').focus()\"}", "null"},
       {"page_keyboard_type", "{\"text\": \"caf\\u00e9\", \"delay_ms\": 1}", "null"},

@@ -2,6 +2,8 @@
 
 #include "chromium/input/key_layout.hpp"
 #include "tests/chromium/browser_fixture.hpp"
+#include "tests/http/scripted_server.hpp"
+#include "vision/runtime/internal/one_shot.hpp"
 
 namespace vision::chromium::test {
 namespace {
@@ -141,6 +143,23 @@ TEST_F(Input, NothingStaysPressedAfterACancel) {
   EXPECT_EQ(value_of(*page_, "until(() => count('mouseup') && count('keyup') >= count('keydown'))"), "true");
 }
 
+// Layouts for desktops depend on these.
+TEST_F(PageTest, PagesSeeAMouseAndAScreenOfTheViewportsSize) {
+  const std::tuple<int, int, double> rows[] = {{1280, 800, 1}, {900, 700, 2}, {4096, 100, 0.75}};
+  for (const auto& [width, height, ratio] : rows) {
+    auto page = run(browser_->new_page(PageOptions().viewport(width, height).device_pixel_ratio(ratio)));
+    const std::string size = std::to_string(width) + ", " + std::to_string(height);
+    EXPECT_EQ(value_of(*page,
+                       "['(hover)', '(pointer: fine)', '(any-hover)', '(any-pointer: fine)', "
+                       "`(device-width: ${innerWidth}px)`].map(query => matchMedia(query).matches)"),
+              "[true, true, true, true, true]");
+    EXPECT_EQ(value_of(*page,
+                       "[innerWidth, innerHeight, outerWidth, outerHeight, screen.width, screen.height, "
+                       "screen.availWidth, screen.availHeight]"),
+              "[" + size + ", " + size + ", " + size + ", " + size + "]");
+  }
+}
+
 std::string png_size(const Bytes& png) {
   EXPECT_EQ(png.view().substr(0, 8), "\x89PNG\r\n\x1a\n");
   EXPECT_EQ(png.view().substr(png.size() - 8, 4), "IEND");
@@ -149,14 +168,18 @@ std::string png_size(const Bytes& png) {
 }
 
 TEST_F(PageTest, ScreenshotsHaveTheRightSize) {
+  for (const auto& [width, height] : {std::pair(1, 1), std::pair(6000, 2)}) {
+    auto page = run(browser_->new_page(PageOptions().viewport(width, height)));
+    EXPECT_EQ(png_size(run(page->screenshot({}))), std::to_string(width) + " x " + std::to_string(height));
+  }
   const std::tuple<double, const char*, const char*> rows[] = {{1, "640 x 400", "640 x 1500"},
                                                                {2, "1280 x 800", "1280 x 3000"}};
   for (const auto& [ratio, viewport, whole] : rows) {
     auto page = run(browser_->new_page(PageOptions().viewport(640, 400).device_pixel_ratio(ratio)));
     run(page->navigate(page_url("<body style='margin:0;height:1500px;background:linear-gradient(red,blue)'>")));
-    const Bytes small = run(page->screenshot({}));
-    page->optimize_for_speed(true);
     const Bytes fast = run(page->screenshot({}));
+    page->optimize_for_speed(false);
+    const Bytes small = run(page->screenshot({}));
     EXPECT_EQ(png_size(small), viewport);
     EXPECT_EQ(png_size(fast), viewport);
     EXPECT_GT(fast.size(), small.size());
@@ -167,6 +190,18 @@ TEST_F(PageTest, ScreenshotsHaveTheRightSize) {
             "invalid_argument: viewport 0 x 5: a side is from 1 to 10000000 pixels");
   EXPECT_EQ(error_of(browser_->new_page(PageOptions().device_pixel_ratio(0))),
             "invalid_argument: device pixel ratio 0.000000: must be finite and above 0");
+}
+
+TEST_F(PageTest, AFastPictureTooLargeForSomeEndpointsIsTakenSmall) {
+  auto page = run(browser_->new_page(PageOptions().viewport(1600, 1000)));
+  run(
+      page->navigate(page_url("<body style='margin:0'><canvas id=noise width=1600 height=1000></canvas><script>"
+                              "const context = noise.getContext('2d'), image = context.createImageData(1600, 1000);"
+                              "image.data.forEach((_, i, all) => all[i] = i % 4 == 3 ? 255 : Math.random() * 256);"
+                              "context.putImageData(image, 0, 0)</script>")));
+  const Bytes taken = run(page->screenshot({}));
+  page->optimize_for_speed(false);
+  EXPECT_TRUE(taken.view() == run(page->screenshot({})).view());
 }
 
 TEST_F(PageTest, WindowsAreShownAndCloseWithThePageThatOpenedThem) {
@@ -202,20 +237,37 @@ TEST_F(PageTest, DialogsAreDismissed) {
 }
 
 TEST_F(PageTest, EvaluateGivesValuesAndErrors) {
+  open("<meta http-equiv=Content-Security-Policy content=\"script-src 'none'; require-trusted-types-for 'script'\">");
   const std::string deep = std::string(100, '[') + "1" + std::string(100, ']');
   const std::pair<std::string, std::string> rows[] = {
       {"({a: [1, 2.5, 'x', null, true]})", R"({"a": [1, 2.5, "x", null, true]})"},
       {"Promise.resolve(7)", "7"},
-      {"[NaN, 1/0].map(x => x)", "[null, null]"},
+      {"[NaN, 1/0, () => 1, , 5n]", "[null, null, null, null, 5]"},
+      {"({kept: 1, symbol: Symbol(), big: 2n ** 63n, exact: 2n ** 63n - 1n, none: undefined})",
+       R"({"kept": 1, "big": null, "exact": 9223372036854775807})"},
+      {"[new Date(0), new URL('http://a/b'), new DOMPoint(1, 2), new Map([[1, 2]])]",
+       R"(["1970-01-01T00:00:00.000Z", "http://a/b", {"x": 1, "y": 2, "z": 0, "w": 1}, {}])"},
+      {"let a = 1; const b = 2; class C {}; a + b", "3"},
+      {"let a = 3; const b = 4; class C {}; a + b", "7"},
+      {"var kept = 5", "null"},
+      {"kept", "5"},
+      {"Array.prototype.toJSON = () => 'old'; [[1]]", "[[1]]"},
       {"12n", "12"},
       {"2n ** 70n", "null"},
       {"window", "null"},
+      {"Symbol()", "null"},
+      {"() => 1", "null"},
       {"'\\ud800x\\\\ud800\u00fc\U0001F600'", R"("\ufffdx\\ud800\u00fc\ud83d\ude00")"},
       {"'\\xe4'.repeat(3e6).length", "3000000"},
       {deep, deep},
       {"noSuchName", "EvaluationError: ReferenceError: noSuchName is not defined"},
       {"(() => { throw 'plain' })()", "EvaluationError: plain"},
       {"Promise.reject(5)", "EvaluationError: 5"},
+      {"Promise.reject(null)", "EvaluationError: null"},
+      {"Promise.reject(true)", "EvaluationError: true"},
+      {"Promise.reject()", "EvaluationError: undefined"},
+      {"Promise.reject(Symbol('x'))", "EvaluationError: Symbol(x)"},
+      {"Promise.reject(window)", "EvaluationError: Window"},
       {"'x'.repeat(9e6)", "BrowserError: the browser sent a message larger than 8 MiB"},
       {"1 +", "EvaluationError: SyntaxError: Unexpected end of input"},
       {"JSON.parse('['.repeat(270) + ']'.repeat(270))", "BrowserError: unreadable message from the browser: too deep"},
@@ -225,6 +277,50 @@ TEST_F(PageTest, EvaluateGivesValuesAndErrors) {
     const std::string error = evaluation.error();
     EXPECT_EQ(error == "no error" ? text::to_json(evaluation.get()) : error, expected) << expression;
   }
+}
+
+TEST(Screenshot, WaitsForWebFontsButNotForEver) {
+  vision::test::ScriptedServer server(loop(), {{}});
+  const std::string page = vision::test::response(
+      "200 OK", "<!doctype html><link rel=icon href=data:,><iframe srcdoc='<p>text'></iframe><p>text");
+  std::vector<std::unique_ptr<runtime::OneShot>> fonts;
+  bool page_is_sent = false;
+  server.choose = [&]() -> asio::awaitable<vision::test::Reply> {
+    vision::test::Reply reply;
+    if (!std::exchange(page_is_sent, true)) {
+      reply.bytes = page;
+      co_return reply;
+    }
+    runtime::OneShot& end = *fonts.emplace_back(std::make_unique<runtime::OneShot>(loop().get_executor()));
+    co_await end.wait();
+    reply.bytes = vision::test::response("404 Not Found", "");
+    co_return reply;
+  };
+  auto browser = run(launch());
+  auto opened = run(browser->new_page());
+  run(opened->navigate(server.url()));
+  run(
+      opened->evaluate("shown = (page, font) => { page.document.head.innerHTML = `<style>"
+                       "@font-face { font-family: W; src: url(${font}) } p { font: 40px W }</style>` }"));
+  for (const std::string frame : {"window", "frames[0]"}) {
+    fonts.clear();
+    run(opened->evaluate("shown(" + frame + ", location.href + '" + frame + "')"));
+    Running<Bytes> picture(opened->screenshot({}));
+    while (fonts.empty()) take_turn();
+    // By then, a picture that does not wait is taken.
+    for (int i = 0; i < 20; ++i) value_of(*opened, "new Promise(requestAnimationFrame)");
+    fonts[0]->set();
+    EXPECT_TRUE(picture.get().view() == run(opened->screenshot({})).view()) << frame;
+  }
+  run(
+      opened->evaluate("limits = []; const wait = setTimeout;"
+                       "setTimeout = (done, limit, value) => { limits.push(limit); wait(done, 0, value) }"));
+  run(opened->evaluate("shown(window, '/never')"));
+  for (int i = 0; i < 3; ++i) run(opened->screenshot({}));
+  EXPECT_EQ(value_of(*opened, "limits"), "[3000, 0, 0]");
+  run(browser->close());
+  for (const auto& font : fonts) font->set();
+  while (server.open() > 0) take_turn();  // its connections refer to it
 }
 
 }  // namespace
