@@ -107,7 +107,7 @@ function(vision_install target)
   # for static libraries of everything below it.
   set(PC_REQUIRES "")
   if(NOT VISION_SHARED)
-    set(PC_REQUIRES "Requires: libcurl libcrypto spdlog fmt")
+    set(PC_REQUIRES "Requires: libcurl libssl libcrypto spdlog fmt")
   endif()
   # Relative to the prefix also when the folders were given as absolute paths.
   file(RELATIVE_PATH PC_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})

@@ -1,4 +1,23 @@
+#include <dlfcn.h>
+#include <sys/socket.h>
+
 #include "tests/http/http_world.hpp"
+
+namespace {
+
+std::function<void()> before_send;  // of libcurl's
+
+}  // namespace
+
+// Takes the C library's place for the shared libraries of this program too.
+extern "C" __attribute__((visibility("default"))) ssize_t send(int fd, const void* data, size_t size, int flags) {
+  static const auto next = reinterpret_cast<decltype(&send)>(::dlsym(RTLD_NEXT, "send"));
+  if (const auto run = std::exchange(before_send, nullptr)) {
+    run();
+    before_send = run;
+  }
+  return next(fd, data, size, flags);
+}
 
 namespace vision {
 namespace {
@@ -58,6 +77,31 @@ TEST(HttpFailure, EveryStatusHasItsError) {
   }
   EXPECT_EQ(ask_scripted({response("413 X", "big", "connection: close\r\n"), Then::drain, Read::head}),
             "RequestTooLargeError: Payload Too Large: big (HTTP 413)");
+}
+
+// The server closes at once, and what is sent then fails. With TLS the answer is found even
+// when it comes between two writes of one call into libcurl.
+TEST(HttpFailure, AStatusThatComesDuringTheUploadIsTheOutcome) {
+  const ScratchDirectory scratch;
+  auto tls_context = tls_server("good", "localhost");
+  const std::tuple<std::string, asio::ssl::context*, bool> ways[] = {
+      {"plain", nullptr, false}, {"tls", &tls_context, false}, {"tls, between writes", &tls_context, true}};
+  for (const auto& [way, tls, between_writes] : ways) {
+    for (const char* status : {"413", "429", "529"}) {
+      SCOPED_TRACE(way + ", " + status);
+      asio::io_context io, server_io;
+      ScriptedServer server(
+          server_io,
+          {{response(std::string(status) + " X", "", "connection: close\r\n"), Then::close, Read::head}, {ok}}, tls);
+      HttpMessagesClient client(api_key, HttpOptions().base_url(server.url("localhost")).ca_file("good.pem"));
+      if (between_writes) before_send = [&] { server_io.poll(); };
+      Call call(io, client, make_request(2'000'000));
+      while (!call.ended) server_io.poll(), io.poll_one();
+      before_send = nullptr;
+      EXPECT_THAT(call.ending(), testing::EndsWith(std::string("(HTTP ") + status + ")"));
+      EXPECT_EQ(server.connections, 1);
+    }
+  }
 }
 
 TEST(HttpFailure, ARedirectIsNotFollowed) {

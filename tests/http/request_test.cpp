@@ -1,6 +1,9 @@
 #include <dlfcn.h>
 #include <netdb.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
 #include <semaphore>
 
@@ -64,22 +67,24 @@ TEST(HttpClient, SendsRequestsByteForByteOnConnectionsThatItKeeps) {
   while (server.open() > 0) io.run_one();  // more than 32 do not stay
 }
 
-// A kept connection that ends while it is idle is not used. One that ends with a request
-// on it makes the call fail: the server may have read the request, so it is not sent again.
-TEST(HttpClient, SendsARequestOnceHoweverKeptConnectionsEnd) {
+// A kept connection that ends while it is idle is not used. When one ends with a request
+// on it, the request is sent again at once if the server cannot have read all of it, and
+// the call fails otherwise.
+TEST(HttpClient, SendsARequestAgainOnlyWhileItCannotHaveBeenRead) {
   const ScratchDirectory scratch;
   auto tls_context = tls_server("good", "localhost");
   const std::string broken = "APIConnectionError: the connection broke off to localhost";
-  const std::tuple<Reply, Reply, std::string> rows[] = {
-      {{ok, Then::leave}, {ok}, answer},
-      {{response("200 OK", answer, "connection: close\r\n"), Then::close}, {ok}, answer},
-      {{ok}, {"", Then::close}, broken},
-      {{ok}, {"", Then::reset}, broken},
-      {{ok}, {"", Then::reset, Read::head}, broken},
+  const std::tuple<Reply, Reply, std::string, std::size_t> rows[] = {
+      {{ok, Then::leave}, {ok}, answer, 1},
+      {{response("200 OK", answer, "connection: close\r\n"), Then::close}, {ok}, answer, 1},
+      {{ok}, {"", Then::close}, broken, 1},
+      {{ok}, {"", Then::reset}, broken, 1},
+      {{ok}, {"", Then::reset, Read::head}, answer, 2},
+      {{ok}, {"", Then::close, Read::head}, answer, 2},
   };
-  const MessagesRequest request = make_request(300'000);
+  const MessagesRequest request = make_request(2'000'000);
   for (auto* const tls : {static_cast<asio::ssl::context*>(nullptr), &tls_context}) {
-    for (const auto& [first, second, expected] : rows) {
+    for (const auto& [first, second, expected, times] : rows) {
       asio::io_context io;
       std::deque<Reply> script(6, first);  // libcurl gives up after five dead connections
       script.insert(script.end(), {second, {ok}});
@@ -90,9 +95,59 @@ TEST(HttpClient, SendsARequestOnceHoweverKeptConnectionsEnd) {
       for (auto& call : calls) EXPECT_EQ(call.ending(), answer);
       while (first.then != Then::keep && server.open() > 0) io.run_one();
       EXPECT_THAT(ask(io, client, request), StartsWith(expected));
+      EXPECT_EQ(server.requests.size(), 6 + times);
       EXPECT_EQ(ask(io, client, request), answer);
-      EXPECT_EQ(server.requests.size(), 6u + 1 + 1);
       EXPECT_TRUE(server.requests.back().body() == request.body());
+    }
+  }
+}
+
+// What the child does with a call in flight, and with its copy of the event loop.
+int in_child(std::unique_ptr<asio::io_context> io, std::unique_ptr<Call> call, HttpMessagesClient& client) {
+  auto work = asio::make_work_guard(*io);
+  const bool told = call->ending().ends_with("the process has forked, and the answer goes to the parent");
+  const bool answered = ask(*io, client) == answer;
+  work.reset();
+  io.reset();
+  return told && answered ? 0 : 1;
+}
+
+TEST(HttpClient, AForkedChildLeavesTheConnectionsToItsParent) {
+  const ScratchDirectory scratch;
+  auto tls_context = tls_server("good", "localhost");
+  for (auto* const tls : {static_cast<asio::ssl::context*>(nullptr), &tls_context}) {
+    for (const bool announced : {true, false}) {
+      asio::io_context server_io;
+      ScriptedServer server(server_io, {{ok}}, tls);
+      auto io = std::make_unique<asio::io_context>();
+      HttpMessagesClient client(api_key, HttpOptions().base_url(server.url("localhost")).ca_file("good.pem"));
+      const auto run_both = [&] { server_io.poll(), io->poll(); };
+      const auto answered = [&](Call& call) {
+        while (!call.ended) run_both(), io->restart();
+        return call.ending();
+      };
+      Call first(*io, client);
+      EXPECT_EQ(answered(first), answer);
+      auto call = std::make_unique<Call>(*io, client);
+      for (int i = 0; i < 5; ++i) io->poll(), io->restart();  // its request is on the way
+      if (announced) io->notify_fork(asio::execution_context::fork_prepare);
+      const pid_t child = ::fork();
+      if (child == 0) {
+        if (announced) {
+          io->notify_fork(asio::execution_context::fork_child);
+          ::_exit(in_child(std::move(io), std::move(call), client));
+        }
+        io.reset();
+        ::_exit(0);
+      }
+      if (announced) io->notify_fork(asio::execution_context::fork_parent);
+      int status = -1;
+      while (::waitpid(child, &status, WNOHANG) == 0) server_io.poll();
+      EXPECT_EQ(status, 0);
+      EXPECT_EQ(answered(*call), answer);
+      Call last(*io, client);
+      EXPECT_EQ(answered(last), answer);
+      EXPECT_EQ(server.connections, announced ? 2 : 1);
     }
   }
 }

@@ -8,8 +8,9 @@ namespace vision::runtime {
 
 /// The one `T` of an execution context, made by its default constructor on first use
 /// and destroyed with the context. A `T` that has a `shutdown()` is told when the
-/// context begins to shut down, while its services still exist. Thread-safe; what is
-/// done with the T is the caller's to order.
+/// context begins to shut down, while its services still exist; one that has a `forked()`
+/// is told in the child after a fork of which the host has told the context. Thread-safe;
+/// what is done with the T is the caller's to order.
 template <class T>
 class ContextLocal : public boost::asio::execution_context::service {
  public:
@@ -23,6 +24,11 @@ class ContextLocal : public boost::asio::execution_context::service {
  private:
   void shutdown() override {
     if constexpr (requires { value.shutdown(); }) value.shutdown();
+  }
+  void notify_fork(boost::asio::execution_context::fork_event event) override {
+    if constexpr (requires { value.forked(); }) {
+      if (event == boost::asio::execution_context::fork_child) value.forked();
+    }
   }
 };
 

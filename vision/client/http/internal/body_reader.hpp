@@ -9,8 +9,7 @@
 namespace vision::detail::http {
 
 /// Reads the JSON text of a request piece by piece: prefix, base64 text of the
-/// image, suffix. The image is shared, and encoded on the fly. It is read once:
-/// there is no way back to the start.
+/// image, suffix. The image is shared, and encoded on the fly.
 class BodyReader {
  public:
   explicit BodyReader(MessagesRequest request) : request_(std::move(request)) {}
@@ -21,6 +20,8 @@ class BodyReader {
   /// Writes at most `room` characters to `out` and returns their number: `room`,
   /// or what is left; 0 at the end.
   std::size_t read(char* out, std::size_t room) noexcept;
+  /// Begins at the start again.
+  void rewind() noexcept { position_ = 0; }
 
  private:
   std::size_t read_piece(char* out, std::size_t room) const noexcept;

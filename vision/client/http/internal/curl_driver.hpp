@@ -1,6 +1,7 @@
 #pragma once
 
 #include <curl/curl.h>
+#include <sys/types.h>
 
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
@@ -21,7 +22,8 @@ namespace vision::detail::http {
 
 /// Runs exchanges on one libcurl multi handle, driven by an execution context. The
 /// multi handle's connections are the context's pool; it is closed when it may hold
-/// more than 32 connections and nothing is in flight.
+/// more than 32 connections and nothing is in flight. A forked child and a process that
+/// exits leave libcurl's objects as they are: see `forked` and `process_exits`.
 ///
 /// Thread-safe: one mutex, which every entry point holds for the length of one
 /// non-blocking libcurl call. Completions are called after the mutex is released.
@@ -50,6 +52,15 @@ class CurlDriver {
   /// context shuts down, when none of its threads runs.
   void close() noexcept;
 
+  /// To be called in a child that fork() has made, by its one thread. The exchanges in
+  /// flight end with an error, and their connections are the parent's alone. Later
+  /// exchanges get connections of their own.
+  void forked() noexcept;
+
+  /// From now on libcurl is not called: its TLS may be gone. Exchanges in flight end
+  /// only by `cancel` and `close`, new ones fail. Waits for a call that runs.
+  void process_exits() noexcept;
+
  private:
   struct Running {
     std::shared_ptr<Exchange> exchange;
@@ -60,7 +71,9 @@ class CurlDriver {
   struct Watch {
     explicit Watch(const boost::asio::any_io_executor& executor) : descriptor(executor) {}
     boost::asio::posix::stream_descriptor descriptor;  // a duplicate of libcurl's
+    const Exchange* exchange = nullptr;                // whose request it carries
     std::uint64_t generation = 0;                      // tells it from others of the same number
+    std::uint64_t received_before = 0;                 // bytes of earlier responses
     int wanted = 0;                                    // CURL_POLL_IN and CURL_POLL_OUT, as libcurl last said
     int armed = 0;                                     // those of them for which a wait is pending
   };
@@ -72,7 +85,8 @@ class CurlDriver {
   static int on_socket(CURL* easy, curl_socket_t fd, int what, void* self, void* watch) noexcept;
   static int on_timer(CURLM* multi, long timeout_ms, void* self) noexcept;
 
-  void watch(curl_socket_t fd, int what);
+  void watch(CURL* easy, curl_socket_t fd, int what);
+  void unwatch(curl_socket_t fd) noexcept;
   void arm(curl_socket_t fd, Watch& watch);
   void wait_for(curl_socket_t fd, Watch& watch, int event);
   Watch* find(curl_socket_t fd, std::uint64_t generation) noexcept;
@@ -80,18 +94,25 @@ class CurlDriver {
   void socket_ready(curl_socket_t fd, std::uint64_t generation, int event, bool failed);
   void timer_expired(std::uint64_t generation);
   Completions perform(curl_socket_t fd, int events);
+  void finish(const Exchange* key, CURLcode code, Completions& completions);
+  static const Exchange* exchange_of(CURL* easy) noexcept;
 
   CURLcode begin(CURL* easy, Exchange& exchange) noexcept;
+  bool send_again(Running& running, CURLcode code) noexcept;
   void note_kept_connection(CURL* easy) noexcept;
   void break_stale_connections() noexcept;
+  std::map<const Exchange*, Running> leave_behind() noexcept;
   CURL* take_easy() noexcept;
+  static void reset(CURL* easy) noexcept;
   void retire(CURL* easy) noexcept;
   bool open_pool() noexcept;
   void limit_pool(std::size_t size) noexcept;
 
   std::mutex mutex_;
   boost::asio::any_io_executor executor_;
+  pid_t process_;  // whose connections these are
   bool is_closed_ = false;
+  bool is_exiting_ = false;
   CURLM* multi_ = nullptr;     // made when a request needs it
   std::size_t pool_size_ = 0;  // connections that the multi handle may keep
   std::optional<runtime::IoTimer> timer_;

@@ -7,6 +7,7 @@
 #include <new>
 #include <stdexcept>
 
+#include "vision/client/http/internal/live_drivers.hpp"
 #include "vision/client/http/internal/loopback.hpp"
 #include "vision/text/internal/utf8.hpp"
 
@@ -129,7 +130,11 @@ Endpoint::Endpoint(std::string_view api_key, const HttpOptions& options)
 }
 
 void initialise_libcurl() {
-  static const CURLcode code = ::curl_global_init(CURL_GLOBAL_DEFAULT);
+  static const CURLcode code = [] {
+    const CURLcode outcome = ::curl_global_init(CURL_GLOBAL_DEFAULT);  // OpenSSL registers its exit handler in it
+    if (outcome == CURLE_OK) watch_for_exit();
+    return outcome;
+  }();
   if (code != CURLE_OK)
     throw std::runtime_error(std::string("libcurl cannot be initialised: ") + ::curl_easy_strerror(code));
 }

@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "vision/client/http/internal/tls.hpp"
 #include "vision/text/internal/utf8.hpp"
 
 namespace vision::detail::http {
@@ -16,6 +17,9 @@ namespace {
 
 // Of all header lines together.
 constexpr std::size_t max_header_bytes = 64 << 10;
+// Chunks of one byte take six bytes each, small TLS records as many; what takes more is
+// no response, but chunk extensions or empty blocks without end.
+constexpr std::size_t wire_bytes_per_byte = 8;
 // libcurl's default; larger buffers measured slower.
 constexpr long upload_buffer_bytes = 64 << 10;
 // TLS sends records of 16 kB whatever the buffer, and has buffers of its own, so that
@@ -74,11 +78,6 @@ bool is_old_protocol(std::string_view words) {
 Exchange::Exchange(std::shared_ptr<const Endpoint> endpoint, MessagesRequest request)
     : endpoint_(std::move(endpoint)), body_(std::move(request)) {}
 
-// There is no seek function, on purpose. libcurl sends a request again, on another
-// connection, when a kept one ends before anything of the response came. That is
-// wanted while only headers went out: the server cannot have acted on those. Once a
-// piece of the body went out the server may have read it all, and the model may have
-// been paid for; libcurl then needs to rewind the body, and fails instead.
 CURLcode Exchange::configure(CURL* easy) noexcept {
   Setter options(easy);
   options.set(CURLOPT_URL, endpoint_->url.c_str())
@@ -89,8 +88,10 @@ CURLcode Exchange::configure(CURL* easy) noexcept {
       .set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2))
       .set(CURLOPT_SSL_VERIFYPEER, 1L)
       .set(CURLOPT_SSL_VERIFYHOST, 2L)
+      .set(CURLOPT_SSL_CTX_FUNCTION, &read_on_after_failed_write)
       .set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(endpoint_->connect_timeout.count()))
       .set(CURLOPT_TCP_KEEPALIVE, 1L)
+      .set(CURLOPT_FRESH_CONNECT, needs_new_connection_ ? 1L : 0L)
       .set(CURLOPT_NOSIGNAL, 1L)
       .set(CURLOPT_QUICK_EXIT, 1L)  // else a cancellation during name resolution blocks the loop
       .set(CURLOPT_UPLOAD_BUFFERSIZE, endpoint_->is_tls ? tls_upload_buffer_bytes : upload_buffer_bytes)
@@ -99,6 +100,8 @@ CURLcode Exchange::configure(CURL* easy) noexcept {
       .set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body_.size()))
       .set(CURLOPT_READFUNCTION, &Exchange::on_read)
       .set(CURLOPT_READDATA, this)
+      .set(CURLOPT_SEEKFUNCTION, &Exchange::on_seek)
+      .set(CURLOPT_SEEKDATA, this)
       .set(CURLOPT_HEADERFUNCTION, &Exchange::on_header)
       .set(CURLOPT_HEADERDATA, this)
       .set(CURLOPT_WRITEFUNCTION, &Exchange::on_body)
@@ -128,6 +131,33 @@ void Exchange::finish(CURL* easy, CURLcode code) noexcept {
   if (code == CURLE_OK && !header_complete_) code_ = CURLE_GOT_NOTHING;
 }
 
+void Exchange::fail(const char* why) noexcept {
+  code_ = CURLE_ABORTED_BY_CALLBACK;
+  std::snprintf(error_text_.data(), error_text_.size(), "%s", why);
+}
+
+void Exchange::connection_left(CURL* easy, std::uint64_t unsent) noexcept {
+  curl_off_t taken_over = 0;
+  ::curl_easy_getinfo(easy, CURLINFO_SIZE_UPLOAD_T, &taken_over);
+  is_sent_ = unsent == 0 && static_cast<std::uint64_t>(taken_over) >= body_.size();
+}
+
+bool Exchange::may_be_sent_again(CURL* easy, CURLcode code) noexcept {
+  const bool has_ended = code == CURLE_SEND_ERROR || code == CURLE_RECV_ERROR || code == CURLE_GOT_NOTHING;
+  long new_connections = 1;
+  ::curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &new_connections);
+  if (!has_ended || new_connections > 0 || header_bytes_ > 0 || is_sent_) return false;
+  body_.rewind();
+  error_text_[0] = '\0';
+  needs_new_connection_ = true;
+  return true;
+}
+
+bool Exchange::is_flooded(std::uint64_t bytes) noexcept {
+  is_flooded_ = bytes / wire_bytes_per_byte > max_header_bytes + endpoint_->max_response_bytes;
+  return is_flooded_;
+}
+
 boost::json::value Exchange::result() const {
   // A status that reports a failure is the result, whatever became of the body.
   const bool is_failure = response_.status >= 300;
@@ -139,11 +169,13 @@ boost::json::value Exchange::result() const {
 }
 
 void Exchange::throw_too_large() const {
-  const bool header = header_too_large_;
-  throw APIResponseValidationError(std::string("the ") + (header ? "header" : "body") + " of the response from " +
-                                   endpoint_->authority + " is larger than the limit of " +
-                                   std::to_string(header ? max_header_bytes : endpoint_->max_response_bytes) +
-                                   " bytes");
+  const std::size_t limit = header_too_large_ ? max_header_bytes : endpoint_->max_response_bytes;
+  const char* const part = header_too_large_ ? "the header of the response from "
+                           : is_flooded_     ? "the encoding of the response from "
+                                             : "the body of the response from ";
+  throw APIResponseValidationError(
+      part + endpoint_->authority + " is larger than the limit of " +
+      std::to_string(is_flooded_ ? wire_bytes_per_byte * (max_header_bytes + limit) : limit) + " bytes");
 }
 
 Reason Exchange::reason() const {
@@ -181,9 +213,12 @@ bool Exchange::take_header(std::string_view line) {
   header_bytes_ += line.size();
   header_too_large_ = header_bytes_ > max_header_bytes;
   if (header_too_large_) return false;
-  if (line.starts_with("HTTP/")) {  // what came before was an interim response (1xx)
+  if (header_complete_ && !is_interim_) return true;  // a trailer, which may have any name
+  if (line.starts_with("HTTP/")) {
     response_ = RawResponse();
     header_complete_ = false;
+    const auto blank = line.find(' ');
+    is_interim_ = blank != line.npos && line.substr(blank + 1).starts_with('1');
     return true;
   }
   if (text::trim(line).empty()) header_complete_ = true;
@@ -209,6 +244,16 @@ bool Exchange::take_body(std::string_view piece) {
 
 std::size_t Exchange::on_read(char* out, std::size_t size, std::size_t count, void* self) noexcept {
   return static_cast<Exchange*>(self)->body_.read(out, size * count);
+}
+
+// libcurl sends a request again by itself when a kept connection ends before anything of
+// the response came. That is wanted as long as the server cannot have read it all: later
+// the model may have been paid for.
+int Exchange::on_seek(void* self, curl_off_t, int) noexcept {
+  auto& exchange = *static_cast<Exchange*>(self);
+  if (exchange.is_sent_) return CURL_SEEKFUNC_CANTSEEK;
+  exchange.body_.rewind();
+  return CURL_SEEKFUNC_OK;
 }
 
 std::size_t Exchange::on_header(char* data, std::size_t size, std::size_t count, void* self) noexcept {

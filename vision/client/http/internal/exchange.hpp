@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <array>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -30,11 +31,28 @@ class Exchange {
   /// Records how the transfer ended. `easy` is null when it never began.
   void finish(CURL* easy, CURLcode code) noexcept;
 
+  /// Records that the transfer was given up, with the reason.
+  void fail(const char* why) noexcept;
+
+  /// To be called when libcurl lets go of the connection: how many bytes of what it has
+  /// taken over the kernel has not sent yet.
+  void connection_left(CURL* easy, std::uint64_t unsent) noexcept;
+
+  /// Whether a transfer that ended with `code` is to be configured and run again, at once
+  /// and on a new connection: it was on a kept connection that ended before anything of a
+  /// response came and before all of the request had left this machine. The server cannot
+  /// have acted on it, and had most likely closed the connection already.
+  bool may_be_sent_again(CURL* easy, CURLcode code) noexcept;
+
+  /// Whether so many bytes on the wire are more than any response that is accepted takes.
+  bool is_flooded(std::uint64_t bytes) noexcept;
+
   /// The response's JSON object. Throws what HttpMessagesClient::create throws.
   boost::json::value result() const;
 
  private:
   static std::size_t on_read(char* out, std::size_t size, std::size_t count, void* self) noexcept;
+  static int on_seek(void* self, curl_off_t offset, int origin) noexcept;
   static std::size_t on_header(char* data, std::size_t size, std::size_t count, void* self) noexcept;
   static std::size_t on_body(char* data, std::size_t size, std::size_t count, void* self) noexcept;
 
@@ -48,8 +66,12 @@ class Exchange {
   BodyReader body_;
   RawResponse response_;
   std::size_t header_bytes_ = 0;
+  bool is_interim_ = false;  // the header that comes or came is of a 1xx response
   bool header_complete_ = false;
   bool header_too_large_ = false;
+  bool is_flooded_ = false;
+  bool is_sent_ = true;  // all of the request has left this machine, for all that is known
+  bool needs_new_connection_ = false;
   CURLcode code_ = CURLE_OK;
   long system_error_ = 0;   // errno of a failed connect
   long verify_result_ = 0;  // why the certificate was refused, in OpenSSL's terms

@@ -30,6 +30,9 @@ class ContextDriver {
   void shutdown() {
     if (driver_) driver_->close();
   }
+  void forked() {
+    if (driver_) driver_->forked();
+  }
 
  private:
   std::mutex mutex_;
