@@ -10,6 +10,7 @@
 
 #include "chromium/protocol/json_object.hpp"
 #include "vision/text/internal/json_text.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace vision::chromium {
 namespace json = boost::json;
@@ -52,7 +53,8 @@ std::size_t decode(std::string_view text, char* out) {
 }  // namespace
 
 json::value evaluated_value(json::object result) {
-  if (result.contains("exceptionDetails")) throw EvaluationError(thrown_text(object_of(result, "exceptionDetails")));
+  if (result.contains("exceptionDetails"))
+    throw EvaluationError(text::one_line(thrown_text(object_of(result, "exceptionDetails"))));
   auto* remote = result.if_contains("result");
   if (!remote || !remote->is_object()) return {};
   json::object& object = remote->get_object();
