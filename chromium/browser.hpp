@@ -36,6 +36,9 @@ class PageInfo {
 /// execution context, and is not thread-safe. Errors, time limits and cancellation are
 /// as described at ChromiumPage.
 ///
+/// In a forked child its browsers are closed: operations on them and their pages throw
+/// PageClosedError, destructors do nothing, and the parent's are unharmed.
+///
 /// Only operations in progress count as work: a browser that is merely
 /// held does not keep io_context::run() from returning, for example after the coroutine
 /// that would have closed it has thrown. Its dialogs are answered only while the loop

@@ -42,7 +42,7 @@ class ProtocolError : public BrowserError {
   const char* kind_name() const noexcept override { return "ProtocolError"; }
   /// The browser's error number.
   int code() const noexcept { return code_; }
-  /// The browser's own message.
+  /// The browser's own message, as one line: control characters are escaped.
   const std::string& browser_message() const noexcept { return message_; }
 
  private:
@@ -63,7 +63,7 @@ class CommandTimeout : public BrowserError {
 };
 
 /// A script threw. The message is the name and message of the thrown error, or the
-/// thrown value as text.
+/// thrown value as text; one line, in which control characters are escaped.
 class EvaluationError : public BrowserError {
  public:
   using BrowserError::BrowserError;

@@ -103,9 +103,9 @@ function(vision_install target)
     FILE_SET HEADERS DESTINATION ${ARG_INCLUDE_PREFIX} COMPONENT development)
   install(EXPORT ${export} NAMESPACE vision::
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vision COMPONENT development)
-  # What a static library links. Not Requires.private: with --static that would ask
-  # for static libraries of everything below it.
-  set(PC_REQUIRES "")
+  # spdlog for its flags, and what a static library links. Not Requires.private: with
+  # --static that would ask for static libraries of everything below it.
+  set(PC_REQUIRES "Requires: spdlog")
   if(NOT VISION_SHARED)
     set(PC_REQUIRES "Requires: libcurl libssl libcrypto spdlog fmt")
   endif()

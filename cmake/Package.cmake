@@ -25,8 +25,7 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS ca-certificates)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvision-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS
-  "libvision0.1 (= ${PROJECT_VERSION}), libboost1.81-dev, libboost-json1.81-dev")
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS libspdlog-dev)  # to route the log lines
+  "libvision0.1 (= ${PROJECT_VERSION}), libboost1.81-dev, libboost-json1.81-dev, libspdlog-dev")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME vision-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)

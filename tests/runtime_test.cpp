@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <latch>
+#include <thread>
 
 #include "tests/support/virtual_time.hpp"
 #include "vision/runtime/internal/worker.hpp"
@@ -58,6 +61,44 @@ TEST(Worker, TakesNoMoreJobsThanTheBound) {
   io.run();
   EXPECT_EQ(done, max_waiting_jobs);
   EXPECT_EQ(refused, 6u);
+}
+
+// A child that is forked in the middle of something that another thread does, with its
+// own event loop or going on with its parent's.
+TEST(Worker, WorksInAForkedChildOfABusyParent) {
+  std::atomic<bool> stop = false;
+  const auto work_on = [&]() -> asio::awaitable<void> {
+    while (!stop) co_await run_job([] {});
+  };
+  std::thread other([&] {
+    asio::io_context io;
+    for (int i = 0; i < 8; ++i) asio::co_spawn(io, work_on(), [](std::exception_ptr) {});
+    io.run();
+  });
+  asio::io_context io;
+  for (int i = 0; i < 2000; ++i) {
+    asio::co_spawn(io, run_job([] {}), [](std::exception_ptr) {});
+    io.restart();
+    io.poll();  // the job is under way
+    io.notify_fork(asio::execution_context::fork_prepare);
+    const pid_t child = ::fork();
+    io.notify_fork(child == 0 ? asio::execution_context::fork_child : asio::execution_context::fork_parent);
+    if (child == 0) {
+      asio::io_context own;
+      asio::io_context& loop = i % 2 == 0 ? io : own;
+      loop.restart();
+      bool done = false;
+      asio::co_spawn(loop, run_job([] {}), [&](std::exception_ptr) { done = true; });
+      while (!done) loop.run_one();
+      ::_exit(0);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);  // hangs with its child
+    EXPECT_EQ(status, 0);
+    io.run();
+  }
+  stop = true;
+  other.join();
 }
 
 TEST(Time, DurationsATimerCanTake) {

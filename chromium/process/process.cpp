@@ -31,10 +31,15 @@ namespace {
 // Its arguments are the profile directory and the browser's command line. Of its
 // descriptors, 1 is a pipe whose end tells the host that the script is gone, 3 and 4
 // are the DevTools pipe, and 5 is the lifeline, whose end means that the host is gone.
+// None of them is shared with children that the host forks (NoFork, Unshared).
 //
 // - Only the script keeps descriptor 1, or the host would see its end too late. It
 //   keeps neither the DevTools pipe nor standard error, whose ends tell the host about
 //   the browser.
+// - When the host is gone and one of the browser's processes is stopped, the kernel sends
+//   HUP to all of them, and the script must outlive that. The browser, which is started
+//   before, handles signals in its own way.
+// - The host's PATH need not lead to rm and sleep.
 // - The watcher, a subshell, blocks until the lifeline ends; nothing is ever written to
 //   it. It sends the script TERM instead of killing the browser: only a parent can be
 //   sure which process it kills, and only until it has waited for it. Afterwards the
@@ -46,6 +51,8 @@ namespace {
 constexpr const char* supervisor_script = R"(
 profile=$1; shift
 "$@" </dev/null >/dev/null 5<&- & browser=$!
+trap "" HUP INT QUIT
+PATH=${PATH:+$PATH:}/usr/local/bin:/usr/bin:/bin
 trap 'trap "" TERM; kill -KILL "$browser"' TERM
 exec 3<&- 4>&-
 (read -r line <&5; kill -TERM $$) </dev/null >/dev/null &
@@ -96,8 +103,8 @@ class BrowserProcess::StderrReader {
  public:
   explicit StderrReader(const asio::any_io_executor& executor) : stream_(untracked(executor)), end_(executor) {}
 
-  static void start(const std::shared_ptr<StderrReader>& self, int descriptor) {
-    self->stream_.assign(descriptor);
+  void assign(const NoFork& lock, int descriptor) { stream_.assign(lock, descriptor); }
+  static void start(const std::shared_ptr<StderrReader>& self) {
     asio::co_spawn(self->stream_.get_executor(), read(self), [self](std::exception_ptr) { self->end_.set(); });
   }
 
@@ -126,7 +133,7 @@ class BrowserProcess::StderrReader {
     }
   }
 
-  asio::posix::stream_descriptor stream_;
+  Unshared<asio::posix::stream_descriptor> stream_;
   runtime::OneShot end_;
   std::string tail_;
 };
@@ -137,8 +144,8 @@ class BrowserProcess::Descriptors {
   enum End {
     pipe_ours,
     pipe_theirs,
-    lifeline_theirs,
     lifeline_ours,
+    lifeline_theirs,
     exit_ours,
     exit_theirs,
     stderr_ours,
@@ -148,9 +155,11 @@ class BrowserProcess::Descriptors {
   Descriptors() {
     fds_.fill(-1);
     std::array<int, 2> pair;
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()) != 0) fail("socketpair", errno);
-    keep(pair, pipe_ours);
-    for (const End first : {lifeline_theirs, exit_ours, stderr_ours}) {
+    for (const End first : {pipe_ours, lifeline_ours}) {
+      if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()) != 0) fail("socketpair", errno);
+      keep(pair, first);
+    }
+    for (const End first : {exit_ours, stderr_ours}) {
       if (::pipe2(pair.data(), O_CLOEXEC) != 0) fail("pipe", errno);
       keep(pair, first);
     }
@@ -183,24 +192,30 @@ class BrowserProcess::Descriptors {
 };
 
 BrowserProcess::BrowserProcess(const asio::any_io_executor& executor, const LaunchOptions& options)
-    : pipe_(untracked(executor)),
+    : owner_(::getpid()),
+      pipe_(untracked(executor)),
       lifeline_(executor),
       supervisor_exit_(executor),
       stderr_(std::make_shared<StderrReader>(executor)) {
   const std::string executable = find_executable(options.executable());
-  Descriptors ends;
-  profile_ = make_profile_directory();
-  try {
-    spawn(options, executable, ends);
-  } catch (...) {
-    std::error_code ignored;
-    std::filesystem::remove_all(profile_, ignored);
-    throw;
+  {
+    // A child would keep the supervisor's ends open, too, and hide from us that it is gone.
+    const NoFork lock;
+    Descriptors ends;
+    profile_ = make_profile_directory();
+    try {
+      spawn(options, executable, ends);
+    } catch (...) {
+      std::error_code ignored;
+      std::filesystem::remove_all(profile_, ignored);
+      throw;
+    }
+    pipe_.assign(lock, asio::local::stream_protocol(), ends.take(Descriptors::pipe_ours));
+    lifeline_.assign(lock, asio::local::stream_protocol(), ends.take(Descriptors::lifeline_ours));
+    supervisor_exit_.assign(lock, ends.take(Descriptors::exit_ours));
+    stderr_->assign(lock, ends.take(Descriptors::stderr_ours));
   }
-  pipe_.assign(asio::local::stream_protocol(), ends.take(Descriptors::pipe_ours));
-  lifeline_.assign(ends.take(Descriptors::lifeline_ours));
-  supervisor_exit_.assign(ends.take(Descriptors::exit_ours));
-  StderrReader::start(stderr_, ends.take(Descriptors::stderr_ours));
+  StderrReader::start(stderr_);
 }
 
 void BrowserProcess::spawn(const LaunchOptions& options, const std::string& executable, Descriptors& ends) {
@@ -234,7 +249,11 @@ void BrowserProcess::spawn(const LaunchOptions& options, const std::string& exec
   if (error != 0) fail("/bin/sh", error);
 }
 
-asio::local::stream_protocol::socket BrowserProcess::take_pipe() {
+bool BrowserProcess::is_ours() const noexcept {
+  return owner_ == ::getpid();
+}
+
+BrowserProcess::Socket BrowserProcess::take_pipe() {
   assert(pipe_.is_open());
   return std::move(pipe_);
 }
@@ -248,14 +267,13 @@ const std::string& BrowserProcess::stderr_tail() const {
 // ended. Then what left the process group and holds standard error. The directory comes
 // last, when nothing can write to it any more.
 asio::awaitable<void> BrowserProcess::stop() {
-  if (supervisor_ < 0) co_return;
-  boost::system::error_code ignored;
-  pipe_.close(ignored);
+  if (supervisor_ < 0 || !is_ours()) co_return;
+  pipe_.end();
   for (int attempt = 0; attempt < 2; ++attempt) {
     auto exit = supervisor_exit_.async_wait(asio::posix::stream_descriptor::wait_read, asio::use_awaitable);
     const auto outcome = co_await runtime::with_deadline(std::move(exit), grace);
     if (!outcome.timed_out()) break;
-    lifeline_.close(ignored);
+    lifeline_.end();
   }
   end_supervisor();
   (void)co_await runtime::with_deadline(stderr_->wait_for_end(), grace);
@@ -265,9 +283,9 @@ asio::awaitable<void> BrowserProcess::stop() {
 // The same order, but the browser is killed at once: a destructor should not wait for
 // it to exit in its own way.
 BrowserProcess::~BrowserProcess() {
-  boost::system::error_code ignored;
-  pipe_.close(ignored);
-  lifeline_.close(ignored);
+  if (!is_ours()) return;
+  pipe_.end();
+  lifeline_.end();
   if (supervisor_ >= 0) {
     wait_readable(supervisor_exit_.native_handle(), grace);
     end_supervisor();

@@ -10,13 +10,15 @@
 #include <string>
 
 #include "chromium/launch_options.hpp"
+#include "chromium/protocol/unshared.hpp"
 
 namespace vision::chromium {
 
 /// A running browser with everything that belongs to it: its processes and its
 /// profile directory. The browser's parent is a small supervisor process, which ends
 /// the browser and removes the directory when this object or this whole process goes,
-/// however that happens.
+/// however that happens. A child that this process forks can do nothing to the browser:
+/// there, stop() and the destructor only let go of it.
 class BrowserProcess {
  public:
   /// Starts the browser in a process group of its own. Throws BrowserError or
@@ -29,7 +31,7 @@ class BrowserProcess {
   BrowserProcess& operator=(const BrowserProcess&) = delete;
 
   /// Our end of the DevTools pipe. Must be called only once.
-  boost::asio::local::stream_protocol::socket take_pipe();
+  Unshared<boost::asio::local::stream_protocol::socket> take_pipe();
 
   /// The end of what the browser has written to its standard error.
   const std::string& stderr_tail() const;
@@ -39,16 +41,19 @@ class BrowserProcess {
   boost::asio::awaitable<void> stop();
 
  private:
+  using Socket = Unshared<boost::asio::local::stream_protocol::socket>;
   class Descriptors;
   class StderrReader;
+  bool is_ours() const noexcept;
   void spawn(const LaunchOptions& options, const std::string& executable, Descriptors& ends);
   void end_supervisor() noexcept;
   void remove_profile() noexcept;
 
   std::string profile_;
-  boost::asio::local::stream_protocol::socket pipe_;
-  boost::asio::posix::stream_descriptor lifeline_;         // the supervisor kills the browser when this closes
-  boost::asio::posix::stream_descriptor supervisor_exit_;  // reaches its end when the supervisor exits
+  const pid_t owner_;
+  Socket pipe_;
+  Socket lifeline_;                                                  // the supervisor kills the browser when this ends
+  Unshared<boost::asio::posix::stream_descriptor> supervisor_exit_;  // reaches its end when the supervisor exits
   std::shared_ptr<StderrReader> stderr_;
   pid_t supervisor_ = -1;  // leads the process group; -1 once it has been waited for
 };

@@ -1,5 +1,7 @@
 #include "chromium/protocol/connection.hpp"
 
+#include <unistd.h>
+
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/error.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -46,7 +48,8 @@ std::string cause_of(const std::exception_ptr& error) {
 
 Connection::Connection(const asio::any_io_executor& executor, std::unique_ptr<Transport> transport,
                        runtime::Duration command_timeout)
-    : executor_(executor),
+    : owner_(::getpid()),
+      executor_(executor),
       transport_(std::move(transport)),
       command_timeout_(command_timeout),
       context_lives_(runtime::context_local<ContextLifetime>(executor).lives) {}
@@ -76,9 +79,12 @@ void Connection::close() noexcept {
 // Closing the transport also ends both loops, which call this again, to no effect.
 void Connection::end(const std::string& cause) {
   if (ended_) return;
-  ended_ = std::make_exception_ptr(PageClosedError(cause));
+  const bool forked = owner_ != ::getpid();  // the descriptors are dead then
+  ended_ = std::make_exception_ptr(
+      PageClosedError(forked ? "made before fork(): a child process launches or connects to its own browser" : cause));
   transport_->close();
   outbox_.clear();
+  unasked_backlog_ = 0;
   for (const auto& [id, entry] : sessions_) {
     if (const auto session = entry.lock()) session->end(ended_);
   }
@@ -99,17 +105,32 @@ asio::awaitable<void> Connection::read_loop(std::shared_ptr<Connection> self) {
 
 asio::awaitable<void> Connection::write_loop(std::shared_ptr<Connection> self) {
   while (!self->outbox_.empty()) {
-    std::string message = std::move(self->outbox_.front());
+    std::string message = std::move(self->outbox_.front().message);
+    self->unasked_backlog_ -= self->outbox_.front().unasked_bytes;
     self->outbox_.pop_front();
     co_await self->transport_->write(std::move(message));
   }
   self->writing_ = false;
 }
 
-// After a failed write writing_ stays set, which does no harm: the connection has ended.
 void Connection::send(std::string message) {
+  enqueue(std::move(message), 0);
+}
+
+// The peer decides how many of these there are, by its events, and how long they are, by
+// its session ids.
+void Connection::send_unasked(std::string message) {
+  constexpr std::size_t max_backlog = 4u << 20;
+  const std::size_t size = message.size();
+  if (unasked_backlog_ + size > max_backlog) return end("the browser does not read the answers to its events");
+  enqueue(std::move(message), size);
+}
+
+// After a failed write writing_ stays set, which does no harm: the connection has ended.
+void Connection::enqueue(std::string message, std::size_t unasked_bytes) {
   if (ended_ || !*context_lives_) return;
-  outbox_.push_back(std::move(message));
+  outbox_.push_back({std::move(message), unasked_bytes});
+  unasked_backlog_ += unasked_bytes;
   if (std::exchange(writing_, true)) return;
   asio::co_spawn(executor_, write_loop(shared_from_this()), [self = shared_from_this()](std::exception_ptr error) {
     if (error) self->end(cause_of(error));

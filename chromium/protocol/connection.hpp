@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <boost/asio/any_io_executor.hpp>
 #include <boost/asio/awaitable.hpp>
 #include <cstdint>
@@ -43,11 +45,14 @@ class Connection : public std::enable_shared_from_this<Connection> {
   static boost::asio::awaitable<void> read_loop(std::shared_ptr<Connection> self);
   static boost::asio::awaitable<void> write_loop(std::shared_ptr<Connection> self);
   void send(std::string message);
+  void send_unasked(std::string message);
+  void enqueue(std::string message, std::size_t unasked_bytes);
   void end(const std::string& cause);
   void dispatch(std::string text);
   void dispatch_event(std::string_view method, const std::string& session_id, const boost::json::object& params);
   ReplyWaiter* find_waiter(std::uint64_t id) const;
 
+  const pid_t owner_;
   const boost::asio::any_io_executor executor_;
   const std::unique_ptr<Transport> transport_;
   const runtime::Duration command_timeout_;
@@ -55,8 +60,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::map<std::string, std::weak_ptr<Session>> sessions_;  // each removes itself
   std::map<std::uint64_t, ReplyWaiter*> reply_waiters_;     // each removes itself
   std::uint64_t last_id_ = 0;
-  std::deque<std::string> outbox_;  // what write_loop has still to send
-  bool writing_ = false;            // while write_loop runs
+  struct Outgoing {
+    std::string message;
+    std::size_t unasked_bytes;
+  };
+  std::deque<Outgoing> outbox_;      // what write_loop has still to send
+  std::size_t unasked_backlog_ = 0;  // the sum of unasked_bytes in it
+  bool writing_ = false;             // while write_loop runs
   std::exception_ptr ended_;
 };
 

@@ -1,12 +1,16 @@
 #include "chromium/protocol/devtools_url.hpp"
 
+#include <sys/socket.h>
+
 #include <algorithm>
-#include <boost/asio/connect.hpp>
 #include <boost/asio/ip/address.hpp>
+#include <boost/asio/redirect_error.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/json/parse.hpp>
+#include <boost/system/system_error.hpp>
+#include <cerrno>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -36,6 +40,13 @@ bool is_port(const std::string& port) {
 // A character outside this range could end a line of the request or split it.
 bool can_be_sent(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c <= '~'; });
+}
+
+void open(Unshared<tcp::socket>& socket, const tcp& protocol) {
+  const NoFork lock;
+  const int descriptor = ::socket(protocol.family(), protocol.type() | SOCK_CLOEXEC, protocol.protocol());
+  if (descriptor < 0) throw boost::system::system_error(errno, boost::system::system_category());
+  socket.assign(lock, protocol, descriptor);
 }
 
 }  // namespace
@@ -73,7 +84,8 @@ DevToolsUrl parse_devtools_url(std::string_view url) {
   return out;
 }
 
-asio::awaitable<tcp::socket> open_socket(const DevToolsUrl& url) {
+// Asio's own connecting over several addresses makes sockets that are inherited.
+asio::awaitable<Unshared<tcp::socket>> open_socket(const DevToolsUrl& url) {
   const auto executor = co_await asio::this_coro::executor;
   std::vector<tcp::endpoint> candidates;
   const auto port = static_cast<unsigned short>(std::stoi(url.port));
@@ -89,15 +101,21 @@ asio::awaitable<tcp::socket> open_socket(const DevToolsUrl& url) {
     const auto found = co_await resolver.async_resolve(url.host, url.port, asio::use_awaitable);
     for (const auto& entry : found) candidates.push_back(entry.endpoint());
   }
-  tcp::socket socket(untracked(executor));
-  co_await asio::async_connect(socket, candidates, asio::use_awaitable);
-  socket.set_option(tcp::no_delay(true));  // commands are small, and each waits for its reply
-  co_return std::move(socket);
+  for (std::size_t i = 0; i < candidates.size(); ++i) {
+    Unshared<tcp::socket> socket(untracked(executor));
+    open(socket, candidates[i].protocol());
+    co_await socket.async_connect(candidates[i], asio::redirect_error(asio::use_awaitable, error));
+    if (error && i + 1 < candidates.size() && error != asio::error::operation_aborted) continue;
+    if (error) throw boost::system::system_error(error);
+    socket.set_option(tcp::no_delay(true));  // commands are small, and each waits for its reply
+    co_return std::move(socket);
+  }
+  throw boost::system::system_error(asio::error::host_not_found);
 }
 
 asio::awaitable<DevToolsUrl> discover_browser(DevToolsUrl url) {
   if (url.scheme == "ws") co_return url;
-  tcp::socket socket = co_await open_socket(url);
+  Unshared<tcp::socket> socket = co_await open_socket(url);
   http::request<http::empty_body> request(http::verb::get, "/json/version", 11);
   request.set(http::field::host, url.authority());
   request.set(http::field::connection, "close");

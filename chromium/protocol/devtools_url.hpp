@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "chromium/protocol/unshared.hpp"
 #include "vision/client/http/internal/loopback.hpp"
 
 namespace vision::chromium {
@@ -30,8 +31,8 @@ DevToolsUrl parse_devtools_url(std::string_view url);
 using text::is_loopback;
 
 /// Returns a TCP socket connected to the host and port of `url`, on an untracked
-/// executor.
-boost::asio::awaitable<boost::asio::ip::tcp::socket> open_socket(const DevToolsUrl& url);
+/// executor. Programs that this process starts do not inherit it.
+boost::asio::awaitable<Unshared<boost::asio::ip::tcp::socket>> open_socket(const DevToolsUrl& url);
 
 /// Returns the browser's WebSocket URL: `url` itself if it is one, else what
 /// GET /json/version reports, with the host and port of `url`.

@@ -17,7 +17,7 @@ constexpr std::size_t chunk_size = 256 * 1024;
 
 }  // namespace
 
-PipeTransport::PipeTransport(asio::local::stream_protocol::socket socket)
+PipeTransport::PipeTransport(Unshared<asio::local::stream_protocol::socket> socket)
     : socket_(std::move(socket)), chunk_(chunk_size) {}
 
 // Appends to message_ up to the next NUL, and tells whether there was one. Looks at
@@ -46,8 +46,7 @@ asio::awaitable<void> PipeTransport::write(std::string message) {
 }
 
 void PipeTransport::close() noexcept {
-  boost::system::error_code ignored;
-  socket_.close(ignored);
+  socket_.end();
 }
 
 }  // namespace vision::chromium

@@ -4,13 +4,14 @@
 #include <vector>
 
 #include "chromium/protocol/transport.hpp"
+#include "chromium/protocol/unshared.hpp"
 
 namespace vision::chromium {
 
 /// The DevTools pipe of a browser that we launched. A NUL ends each message.
 class PipeTransport : public Transport {
  public:
-  explicit PipeTransport(boost::asio::local::stream_protocol::socket socket);
+  explicit PipeTransport(Unshared<boost::asio::local::stream_protocol::socket> socket);
 
   boost::asio::awaitable<std::string> read() override;
   boost::asio::awaitable<void> write(std::string message) override;
@@ -19,7 +20,7 @@ class PipeTransport : public Transport {
  private:
   bool take_message();
 
-  boost::asio::local::stream_protocol::socket socket_;
+  Unshared<boost::asio::local::stream_protocol::socket> socket_;
   std::vector<char> chunk_;  // the last read; [begin_, end_) is still to be used
   std::size_t begin_ = 0;
   std::size_t end_ = 0;

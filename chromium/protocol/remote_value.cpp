@@ -9,6 +9,7 @@
 #include "chromium/protocol/json_object.hpp"
 #include "chromium/protocol/message.hpp"
 #include "vision/text/internal/json_text.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace vision::chromium {
 namespace json = boost::json;
@@ -66,7 +67,9 @@ json::object evaluation(std::string_view script) {
 }
 
 json::value evaluated_value(const json::object& result) {
-  if (result.contains("exceptionDetails")) throw EvaluationError(thrown_text(object_of(result, "exceptionDetails")));
+  if (result.contains("exceptionDetails")) {
+    throw EvaluationError(text::one_line(thrown_text(object_of(result, "exceptionDetails"))));
+  }
   const std::string_view text = text_of(object_of(result, "result"), "value");
   return text.empty() ? json::value() : parse_message(text);
 }

@@ -11,6 +11,7 @@
 #include "chromium/protocol/remote_value.hpp"
 #include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/json_text.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace vision::chromium {
 namespace asio = boost::asio;
@@ -37,7 +38,7 @@ std::string command_text(std::uint64_t id, std::string_view method, const std::s
   const int code = code_value && code_value->is_int64() ? static_cast<int>(code_value->get_int64()) : 0;
   constexpr int unknown_session = -32001;
   if (code == unknown_session) throw PageClosedError();
-  throw ProtocolError(method, code, std::string(text_of(error, "message")));
+  throw ProtocolError(method, code, text::one_line(text_of(error, "message")));
 }
 
 json::object result_of(const std::string& method, json::object& message) {
@@ -148,7 +149,7 @@ void Session::send(const ReplyWaiter& reply, const std::string& method, const js
 void Session::send_and_forget(std::string_view method, const json::object& params) noexcept {
   if (ended_) return;
   try {
-    connection_->send(command_text(++connection_->last_id_, method, id_, params));
+    connection_->send_unasked(command_text(++connection_->last_id_, method, id_, params));
   } catch (const std::bad_alloc&) {  // the command is lost
   }
 }

@@ -71,7 +71,8 @@ class Session : public std::enable_shared_from_this<Session> {
   boost::asio::awaitable<Bytes> command_for_picture(std::string method, boost::json::object params);
 
   /// Sends a command and ignores its reply. For event handlers and destructors, which
-  /// cannot wait.
+  /// cannot wait. Ends the connection when 4 MiB of such commands wait for a peer that
+  /// does not read them.
   void send_and_forget(std::string_view method, const boost::json::object& params) noexcept;
 
   /// Replaces the handler of this session's events; null ignores them. An exception

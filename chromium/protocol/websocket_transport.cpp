@@ -1,14 +1,25 @@
 #include "chromium/protocol/websocket_transport.hpp"
 
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <boost/beast/core/bind_handler.hpp>
 #include <boost/beast/websocket/rfc6455.hpp>
 #include <utility>
 
 namespace vision::chromium {
 namespace asio = boost::asio;
 
-WebSocketTransport::WebSocketTransport(asio::ip::tcp::socket socket) : stream_(std::move(socket)) {
+// How the stream ends the connection after a closing frame, the peer's or its own after an
+// error. Its way for ordinary sockets waits until the peer ends it, which a peer may never.
+template <class Handler>
+void async_teardown(boost::beast::role_type, Unshared<asio::ip::tcp::socket>& socket, Handler&& handler) {
+  socket.end();
+  asio::post(socket.get_executor(),
+             boost::beast::bind_handler(std::forward<Handler>(handler), boost::system::error_code()));
+}
+
+WebSocketTransport::WebSocketTransport(Unshared<asio::ip::tcp::socket> socket) : stream_(std::move(socket)) {
   stream_.text(true);  // the browser drops the connection for a binary frame
   stream_.read_message_max(max_message_size);
   stream_.auto_fragment(false);  // fewer, larger writes
@@ -34,8 +45,7 @@ asio::awaitable<void> WebSocketTransport::write(std::string message) {
 
 // Without a closing handshake, which an unresponsive browser would never finish.
 void WebSocketTransport::close() noexcept {
-  boost::system::error_code ignored;
-  stream_.next_layer().close(ignored);
+  stream_.next_layer().end();
 }
 
 }  // namespace vision::chromium

@@ -12,7 +12,7 @@ namespace vision::chromium {
 /// The WebSocket of a browser that we connected to.
 class WebSocketTransport : public Transport {
  public:
-  explicit WebSocketTransport(boost::asio::ip::tcp::socket socket);
+  explicit WebSocketTransport(Unshared<boost::asio::ip::tcp::socket> socket);
   /// Connects to `url` and performs the handshake, without an Origin header: the
   /// browser rejects every origin.
   static boost::asio::awaitable<std::unique_ptr<Transport>> connect(DevToolsUrl url);
@@ -22,7 +22,7 @@ class WebSocketTransport : public Transport {
   void close() noexcept override;
 
  private:
-  boost::beast::websocket::stream<boost::asio::ip::tcp::socket> stream_;
+  boost::beast::websocket::stream<Unshared<boost::asio::ip::tcp::socket>> stream_;
 };
 
 }  // namespace vision::chromium

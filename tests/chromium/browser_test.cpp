@@ -15,6 +15,25 @@
 namespace vision::chromium::test {
 namespace {
 
+// Children of whoever adds one, which live until this object ends.
+class LivingChildren {
+ public:
+  LivingChildren() { EXPECT_EQ(::pipe(ends_), 0); }
+  ~LivingChildren() {
+    for (const int end : ends_) ::close(end);
+  }
+  void add() {
+    if (::fork() != 0) return;
+    ::close(ends_[1]);
+    char nothing;
+    while (::read(ends_[0], &nothing, 1) > 0) continue;
+    ::_exit(0);
+  }
+
+ private:
+  int ends_[2];
+};
+
 TEST(Connection, TakesWhateverAPeerSends) {
   asio::local::stream_protocol::socket ours(loop()), peer(loop());
   asio::local::connect_pair(ours, peer);
@@ -31,7 +50,8 @@ TEST(Connection, TakesWhateverAPeerSends) {
   for (int i = 0; i < 1000; ++i) crowded += ",\"\":0";
   const std::pair<std::string, std::string> cases[] = {
       {R"({"id":2,"result":{"v":"\ud800"}})", R"({"v": "\ufffd"})"},
-      {R"({"id":3,"error":{"code":-32601,"message":"no such thing"}})", "ProtocolError: C.d: no such thing (-32601)"},
+      {R"({"id":3,"error":{"code":-32601,"message":"no such\n\u001b[1mthing"}})",
+       R"(ProtocolError: C.d: no such\n\u001b[1mthing (-32601))"},
       {R"({"id":4})", "BrowserError: C.d: the browser's reply has no result"},
       {R"({"id":5,"result":)", "BrowserError: unreadable message from the browser: incomplete JSON"},
       {crowded + "}}", "BrowserError: the browser sent an object with more than 1000 members"},
@@ -61,6 +81,26 @@ TEST(Connection, TakesWhateverAPeerSends) {
   Running<json::object> last(session->command("C.d"));
   peer.close();
   EXPECT_EQ(last.error(), closed + " (the browser has exited or ended the connection)");
+}
+
+TEST(Connection, EndsWhenAPeerDoesNotReadTheAnswersToItsEvents) {
+  asio::local::stream_protocol::socket ours(loop()), peer(loop());
+  asio::local::connect_pair(ours, peer);
+  auto connection = Connection::open(loop().get_executor(), std::make_unique<PipeTransport>(std::move(ours)),
+                                     std::chrono::minutes(5));
+  const auto session = connection->session("");
+  session->set_event_handler([&session](std::string_view, const json::object&) {
+    session->send_and_forget("Page.handleJavaScriptDialog", {{"accept", false}});
+  });
+  const auto send_events = [&]() -> asio::awaitable<void> {
+    std::string events;
+    for (int i = 0; i < 1000; ++i) events += R"({"method":"Page.javascriptDialogOpening"})" + std::string(1, '\0');
+    for (int i = 0; i < 200; ++i) co_await asio::async_write(peer, asio::buffer(events), asio::use_awaitable);
+    peer.close();
+  };
+  Running<void> sending(send_events());
+  EXPECT_EQ(error_of(session->command("A.b")), closed + " (the browser does not read the answers to its events)");
+  EXPECT_NE(sending.error(), "no error");
 }
 
 class Failures : public PageTest {};
@@ -143,18 +183,44 @@ TEST(Launch, OpensNoPortHandsOnNoKeyAndLeavesNothingBehind) {
 }
 
 TEST(Launch, LeavesNothingBehindWhenThisProgramIsKilled) {
-  const ProfilesHere profiles;
-  const pid_t child = ::fork();
-  if (child == 0) {
-    asio::io_context own;
-    asio::co_spawn(own, launch(), [](std::exception_ptr, std::shared_ptr<Browser>) { ::kill(::getpid(), SIGKILL); });
-    own.run();
-    ::_exit(0);
+  const vision::test::ScratchDirectory programs;
+  const std::string path = ::getenv("PATH"), starter = programs.path() / "chromium";
+  std::ofstream(starter) << "#!/bin/sh\nexport PATH=" << path << "; exec chromium \"$@\"\n";
+  ::chmod(starter.c_str(), 0700);
+  LivingChildren children;
+  for (const std::string how : {"at once", "with a stopped browser", "with a living child", "without rm on its PATH"}) {
+    SCOPED_TRACE(how);
+    const ProfilesHere profiles;
+    const vision::test::ScopedEnv found("PATH", how.starts_with("without") ? programs.path().string() : path);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      asio::io_context own;
+      asio::co_spawn(own, launch(), [&](std::exception_ptr error, std::shared_ptr<Browser>) {
+        if (error) return;
+        if (how == "with a stopped browser") ::kill(main_process(profiles.path()), SIGSTOP);
+        if (how == "with a living child") children.add();
+        ::kill(::getpid(), SIGKILL);
+      });
+      own.run();
+      ::_exit(0);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    while (!profiles.empty()) ::sched_yield();  // no process is left that could report it
   }
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  EXPECT_TRUE(WIFSIGNALED(status));
-  while (!profiles.empty()) ::sched_yield();  // no process is left that could report it
+}
+
+// Its time limits do not pass, so the browser has to hear that the pipe is closed.
+TEST(Launch, ClosesWhileAForkedChildLives) {
+  VirtualTimeLoop world;
+  world.pauses_pass = false;
+  LivingChildren children;
+  const ProfilesHere profiles;
+  auto browser = run(launch());
+  children.add();
+  run(browser->close());
+  EXPECT_TRUE(profiles.empty());
 }
 
 // Process numbers are reused. The host goes while the supervisor removes the profile of

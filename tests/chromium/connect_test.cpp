@@ -1,3 +1,6 @@
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <boost/asio/strand.hpp>
 
 #include "chromium/protocol/websocket_transport.hpp"
@@ -134,6 +137,69 @@ TEST_F(Connect, AHeldIdleBrowserLetsTheEventLoopReturn) {
     io.run();
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(profiles_.path()), {}), 1) << "only the owner's";
     io.restart();
+  }
+}
+
+// The child goes on with what it inherits, or only runs destructors, as exit() does after
+// an exec that failed.
+TEST_F(Connect, AForkedChildReachesNeitherBrowser) {
+  auto guest = run(connect("http://127.0.0.1:" + port_));
+  auto theirs = run(guest->attach(page_->target_id()));
+  const std::string inherited =
+      closed + " (made before fork(): a child process launches or connects to its own browser)";
+  for (const bool goes_on : {true, false}) {
+    if (goes_on) loop().notify_fork(asio::execution_context::fork_prepare);
+    const pid_t child = ::fork();
+    if (child == 0) {
+      bool right = true;
+      if (goes_on) {
+        loop().notify_fork(asio::execution_context::fork_child);
+        for (const auto& page : {page_, theirs}) right = error_of(page->evaluate("1")) == inherited && right;
+        for (const auto& browser : {owner_, guest}) run(browser->close());
+      }
+      for (const auto& page : {&page_, &theirs}) page->reset();
+      for (const auto& browser : {&owner_, &guest}) browser->reset();
+      ::_exit(right ? 0 : 1);
+    }
+    if (goes_on) loop().notify_fork(asio::execution_context::fork_parent);
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    for (const auto& page : {page_, theirs}) EXPECT_EQ(value_of(*page, "1 + 1"), "2");
+  }
+}
+
+// What a program that this one starts finds open.
+std::string inherited_descriptors() {
+  FILE* const programs = ::popen("exec ls /proc/self/fd", "r");
+  std::string out;
+  for (int c = 0; (c = ::fgetc(programs)) != EOF;) out += static_cast<char>(c);
+  EXPECT_EQ(::pclose(programs), 0);
+  return out;
+}
+const std::string inherited_at_first = inherited_descriptors();
+
+TEST_F(Connect, ProgramsInheritNoDescriptor) {
+  const auto guest = run(connect("http://localhost:" + port_));
+  EXPECT_EQ(inherited_descriptors(), inherited_at_first);
+}
+
+// The peer goes on holding the connection.
+TEST(WebSocket, NoticesThatAPeerEndsOrErrs) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"\x88\x02\x03\xe8", "the browser has exited or ended the connection"},
+      {"\x81\x01\xff", "The WebSocket frame payload was not valid utf8"},
+      {"\xf1\x01x", "The WebSocket frame contained illegal reserved bits"},
+  };
+  for (const auto& [bytes, cause] : rows) {
+    asio::ip::tcp::acceptor acceptor(loop(), {asio::ip::address_v4::loopback(), 0});
+    const std::string port = std::to_string(acceptor.local_endpoint().port());
+    Running<std::shared_ptr<Browser>> connecting(connect("ws://127.0.0.1:" + port + "/devtools/browser/x"));
+    boost::beast::websocket::stream<asio::ip::tcp::socket> peer(run(acceptor.async_accept(asio::use_awaitable)));
+    run(peer.async_accept(asio::use_awaitable));
+    const auto browser = connecting.get();
+    asio::write(peer.next_layer(), asio::buffer(std::string_view(bytes)));
+    EXPECT_EQ(error_of(browser->pages()), closed + " (" + cause + ")");
   }
 }
 

@@ -261,7 +261,7 @@ TEST_F(PageTest, EvaluateGivesValuesAndErrors) {
       {"'\\xe4'.repeat(3e6).length", "3000000"},
       {deep, deep},
       {"noSuchName", "EvaluationError: ReferenceError: noSuchName is not defined"},
-      {"(() => { throw 'plain' })()", "EvaluationError: plain"},
+      {"(() => { throw 'plain\\n\\x1b[1m' })()", R"(EvaluationError: plain\n\u001b[1m)"},
       {"Promise.reject(5)", "EvaluationError: 5"},
       {"Promise.reject(null)", "EvaluationError: null"},
       {"Promise.reject(true)", "EvaluationError: true"},

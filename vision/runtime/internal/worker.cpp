@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <boost/asio/post.hpp>
@@ -20,6 +19,12 @@ namespace vision::runtime {
 namespace asio = boost::asio;
 namespace {
 
+// Guards all that the event loops' threads share with the worker thread. Held while any
+// thread forks, so that the child finds it free, and the worker outside the host's event
+// loop, which notify_fork() requires of other threads and a host could not see to. Never
+// held while jobs or host code run.
+constinit std::mutex mutex;
+
 struct Waiter {
   asio::any_io_executor executor;
   OneShot* finished;
@@ -32,29 +37,29 @@ struct Waiter {
 class Waiters {
  public:
   std::uint64_t add(Waiter waiter) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex);
     table_.emplace(++last_id_, std::move(waiter));
     return last_id_;
   }
 
   void remove(std::uint64_t id) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex);
     table_.erase(id);
   }
 
   std::size_t size() {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex);
     return table_.size();
   }
 
   void close() {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(mutex);
     table_.clear();
   }
 
   // On the worker thread.
   static void notify(const std::shared_ptr<Waiters>& self, std::uint64_t id, std::exception_ptr error) {
-    const std::lock_guard lock(self->mutex_);
+    const std::lock_guard lock(mutex);
     const auto found = self->table_.find(id);
     if (found == self->table_.end()) return;
     asio::post(found->second.executor, [self, id, error] { self->finish(id, error); });
@@ -63,7 +68,7 @@ class Waiters {
  private:
   // On the waiter's executor, where alone it is removed.
   void finish(std::uint64_t id, const std::exception_ptr& error) {
-    std::unique_lock lock(mutex_);
+    std::unique_lock lock(mutex);
     const auto found = table_.find(id);
     if (found == table_.end()) return;
     const Waiter waiter = found->second;
@@ -72,7 +77,6 @@ class Waiters {
     waiter.finished->set();
   }
 
-  std::mutex mutex_;
   std::map<std::uint64_t, Waiter> table_;
   std::uint64_t last_id_ = 0;
 };
@@ -125,20 +129,34 @@ class Worker {
 };
 
 // Never destroyed: coroutines on other threads may hand over jobs while the
-// process exits. A forked child inherits the worker without its thread and makes
-// one of its own. The host's signal handlers do not run on the thread.
+// process exits.
+Worker* own_worker = nullptr;
+
+// The host's signal handlers do not run on the thread.
 Worker& worker() {
-  static auto& mutex = *new std::mutex;
-  static pid_t owner = 0;
-  static Worker* own = nullptr;
   const std::lock_guard lock(mutex);
-  if (owner != ::getpid()) {
+  if (!own_worker) {
     const AllSignalsBlocked blocked;  // inherited by the thread
-    own = new Worker;
-    owner = ::getpid();
+    own_worker = new Worker;
   }
-  return *own;
+  return *own_worker;
 }
+
+void before_fork() {
+  mutex.lock();
+}
+
+void after_fork() {
+  mutex.unlock();
+}
+
+// The child inherits the worker without its thread.
+void after_fork_in_child() {
+  own_worker = nullptr;
+  mutex.unlock();
+}
+
+[[maybe_unused]] const int fork_handlers = ::pthread_atfork(before_fork, after_fork, after_fork_in_child);
 
 }  // namespace
 

@@ -19,7 +19,8 @@ constexpr std::size_t max_waiting_jobs = 64;
 /// Cancellation (terminal) ends the wait at once; a job that was handed over
 /// still runs to its end, so it must own all that it uses. The same holds when
 /// the execution context is destroyed meanwhile. At process exit jobs are
-/// dropped where they are. A child process made by fork has a worker of its own.
+/// dropped where they are. A child process made by fork has a worker of its own; what the
+/// parent has handed over is done in the parent alone.
 boost::asio::awaitable<void> run_on_worker(std::function<void()> job);
 
 /// How many jobs the coroutines of `context` wait for: a virtual time source must
