@@ -13,7 +13,7 @@ vision/settings vision/records
 vision/runtime
 vision/page vision/client/http/http_options.hpp
 vision/client
-vision/client/http vision/wirein
+vision/client/http vision/wirein vision/testing
 vision
 chromium/errors.hpp chromium/launch_options.hpp
 chromium/protocol

@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <latch>
 
-#include "tests/support/virtual_time.hpp"
+#include "vision/runtime/internal/duration.hpp"
 #include "vision/runtime/internal/worker.hpp"
+#include "vision/testing/virtual_time.hpp"
 
 namespace vision::runtime {
 namespace {
