@@ -14,6 +14,7 @@ vision/runtime
 vision/page vision/client/http/http_options.hpp
 vision/client
 vision/client/http vision/wirein vision/testing
+vision/replay
 vision
 chromium/errors.hpp chromium/launch_options.hpp
 chromium/protocol

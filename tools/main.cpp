@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "tools/replay/command.hpp"
 #include "tools/report/command.hpp"
 
 namespace {
@@ -15,9 +16,10 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", VISION_VERSION);
   app.require_subcommand(1);
   const auto run_report = report::add_command(app);
+  const auto run_replay = replay::add_command(app);
   try {
     app.parse(argc, argv);
-    return run_report();
+    return app.got_subcommand("replay") ? run_replay() : run_report();
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : bad_input;  // --help and --version end here too
   } catch (const std::exception& error) {
