@@ -22,6 +22,7 @@
 #include "vision/text/internal/error_text.hpp"
 #include "vision/text/internal/json_text.hpp"
 #include "vision/text/internal/numbers.hpp"
+#include "vision/text/internal/utf8.hpp"
 #include "vision/wirein/internal/file.hpp"
 #include "vision/wirein/internal/records.hpp"
 
@@ -118,7 +119,8 @@ void write(const Pair& pair, const Tape& tape, const json::object* note, Compari
   const auto at = static_cast<double>(line.at("at_ns").as_int64()) / 1e9;
   const double recorded_ms = latency_ms(line);
   const double end = at + std::max(recorded_ms, pair.asked.latency_ms) / 1000;
-  auto record = vision::detail::record_header(end, run_id, site, {});
+  const auto context = note ? note->at("flow_context").as_object() : vision::FlowContext();
+  auto record = vision::detail::record_header(end, run_id, site, context);
   record["vision"] = vision::_vision_block(pair.asked);
   json::object& agent = record["cua"].emplace_object();
   if (pair.error.empty()) {
@@ -154,8 +156,9 @@ asio::awaitable<void> ask_all(const Tape& tape, const std::string& model, Compar
     ++to.asked;
     if (!has_answer) ++to.failed;
     if (has_answer && pair.error.empty() && pair.asked.action == pair.recorded.action) ++to.same;
-    fmt::print("call {}: recorded {}; {}: {}\n", entry.number(),
-               pair.error.empty() ? agent_text(pair.recorded) : pair.error, model, agent_text(pair.asked));
+    const std::string recorded = pair.error.empty() ? agent_text(pair.recorded) : pair.error;
+    fmt::print("call {}: recorded {}; {}: {}\n", entry.number(), vision::text::one_line(recorded), model,
+               vision::text::one_line(agent_text(pair.asked)));
     std::fflush(stdout);
   }
 }

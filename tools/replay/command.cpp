@@ -1,6 +1,7 @@
 #include "tools/replay/command.hpp"
 
 #include <fmt/core.h>
+#include <spdlog/spdlog.h>
 #include <stdlib.h>
 
 #include <CLI/CLI.hpp>
@@ -10,9 +11,12 @@
 
 #include "tools/replay/ask_again.hpp"
 #include "tools/replay/rerun.hpp"
+#include "vision/text/internal/utf8.hpp"
 
 namespace replay {
 namespace {
+
+using vision::text::one_line;
 
 struct Arguments {
   std::string cassette, log, model, out = "replay";
@@ -27,8 +31,8 @@ int run_again(const Arguments& a) {
   const Rerun result = rerun(a.cassette);
   fmt::print("mission {}{}: {} recorded calls, {:.1f} s\n", result.site,
              result.run.empty() ? "" : ", run " + result.run, result.calls, result.seconds);
-  fmt::print("verdict: {}: {}\n", result.verdict.action, result.verdict.reason);
-  for (const auto& difference : result.differences) fmt::print("difference: {}\n", difference);
+  fmt::print("verdict: {}\n", one_line(result.verdict.action + ": " + result.verdict.reason));
+  for (const auto& difference : result.differences) fmt::print("difference: {}\n", one_line(difference));
   if (result.differences.empty()) fmt::print("no difference\n");
   return result.differences.empty() ? 0 : 1;
 }
@@ -57,7 +61,10 @@ std::function<int()> add_command(CLI::App& app) {
                                            "the environment, in place of the replay");
   command->add_option("--out", arguments->out, "with --model: the folder for what vision report reads, replay")
       ->needs(model);
-  return [arguments] { return arguments->model.empty() ? run_again(*arguments) : compare_models(*arguments); };
+  return [arguments] {
+    spdlog::set_level(spdlog::level::warn);  // of the library's log lines; the output says the rest
+    return arguments->model.empty() ? run_again(*arguments) : compare_models(*arguments);
+  };
 }
 
 }  // namespace replay
