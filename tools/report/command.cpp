@@ -13,6 +13,7 @@
 #include "tools/report/pages.hpp"
 #include "tools/report/report.hpp"
 #include "tools/report/text_report.hpp"
+#include "tools/viewport.hpp"
 #include "vision/text/internal/numbers.hpp"
 
 namespace report {
@@ -66,17 +67,6 @@ std::int64_t parse_since(const std::string& text, std::int64_t now) {
   throw InputError("--since takes 2026-11-16, 2026-11-16T19:05:00Z, 7d or 12h, not \"" + text + "\"");
 }
 
-Viewport parse_viewport(const std::string& text) {
-  const std::size_t cross = text.find('x');
-  const auto width = vision::text::parse_integer(text.substr(0, cross));
-  const auto height = cross == text.npos ? std::nullopt : vision::text::parse_integer(text.substr(cross + 1));
-  constexpr std::int64_t largest = 100'000;
-  if (!width || !height || *width < 1 || *height < 1 || *width > largest || *height > largest) {
-    throw InputError("--viewport takes a size like 1280x800, not \"" + text + "\"");
-  }
-  return {static_cast<double>(*width), static_cast<double>(*height)};
-}
-
 void complain_of(const Report& report) {
   const InputStats& input = report.input;
   for (const auto& damaged : input.damaged) {
@@ -91,7 +81,8 @@ void complain_of(const Report& report) {
 int run(Arguments& a) {
   const std::int64_t now = std::time(nullptr);
   if (!a.since.empty()) a.tally.since = parse_since(a.since, now);
-  a.tally.viewport = parse_viewport(a.viewport);
+  const auto [width, height] = tools::parse_viewport(a.viewport);
+  a.tally.viewport = {static_cast<double>(width), static_cast<double>(height)};
   a.tally.sites.insert(a.sites.begin(), a.sites.end());
   a.tally.models.insert(a.models.begin(), a.models.end());
   const Prices prices = a.prices.empty() ? Prices::built_in() : Prices::load(a.prices);

@@ -22,6 +22,17 @@ double price(const boost::json::object& entry, const std::string& model, const c
   return out;
 }
 
+std::int64_t limit(const boost::json::object& entry, const std::string& model, const char* name, std::int64_t usual) {
+  const auto* value = entry.if_contains(name);
+  if (value == nullptr) return usual;
+  constexpr std::int64_t largest = 100'000;
+  const std::int64_t out = value->is_int64() ? value->get_int64() : 0;
+  if (out < 1 || out > largest) {
+    throw std::runtime_error("\"" + model + "\" has a " + name + " that is not an integer from 1 to 100000");
+  }
+  return out;
+}
+
 std::string_view without_date(std::string_view model) {
   constexpr std::size_t date = 9;  // "-20251001"
   if (model.size() <= date || model[model.size() - date] != '-') return model;
@@ -48,7 +59,12 @@ Prices Prices::parse(std::string_view text, const std::string& source) {
   for (const auto& [name, value] : models->get_object()) {
     const std::string model(name);
     if (!value.is_object()) throw std::runtime_error("\"" + model + "\" is not an object with input and output");
-    out.models_[model] = {price(value.get_object(), model, "input"), price(value.get_object(), model, "output")};
+    const auto& entry = value.get_object();
+    const PictureLimits usual;
+    out.models_[model] = {
+        price(entry, model, "input"),
+        price(entry, model, "output"),
+        {limit(entry, model, "longest_edge", usual.longest_edge), limit(entry, model, "picture_tokens", usual.tokens)}};
   }
   return out;
 }
@@ -68,13 +84,23 @@ Prices Prices::load(const std::string& path) {
   }
 }
 
-std::optional<double> Prices::cost(std::string_view model, const Spend& spend) const {
+const Prices::Model* Prices::find(std::string_view model) const {
   auto found = models_.find(model);
   if (found == models_.end()) found = models_.find(without_date(model));
-  if (found == models_.end()) return std::nullopt;
-  return (static_cast<double>(spend.input_tokens) * found->second.input +
-          static_cast<double>(spend.output_tokens) * found->second.output) /
+  return found == models_.end() ? nullptr : &found->second;
+}
+
+std::optional<double> Prices::cost(std::string_view model, const Spend& spend) const {
+  const Model* const entry = find(model);
+  if (!entry) return std::nullopt;
+  return (static_cast<double>(spend.input_tokens) * entry->input +
+          static_cast<double>(spend.output_tokens) * entry->output) /
          million;
+}
+
+std::optional<PictureLimits> Prices::picture_limits(std::string_view model) const {
+  const Model* const entry = find(model);
+  return entry ? std::optional(entry->picture) : std::nullopt;
 }
 
 }  // namespace report

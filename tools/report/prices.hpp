@@ -19,8 +19,15 @@ struct Spend {
   }
 };
 
-/// What a million tokens cost, by model. The file is a JSON object: as_of (a date),
-/// models (an object with input and output in US dollars by the model's name).
+/// How large a picture a model sees; the service shrinks a larger one to both limits.
+struct PictureLimits {
+  std::int64_t longest_edge = 1568;  ///< pixels
+  std::int64_t tokens = 1568;
+};
+
+/// What a million tokens cost, by model, and how large a picture each sees. The file is
+/// a JSON object: as_of (a date), models (an object with input and output in US dollars,
+/// and optionally longest_edge and picture_tokens, by the model's name).
 class Prices {
  public:
   /// The table that the program was built with.
@@ -32,16 +39,22 @@ class Prices {
   /// "-20251001", has the price of the name without.
   std::optional<double> cost(std::string_view model, const Spend& spend) const;
 
+  /// Absent for a model that the table does not have.
+  std::optional<PictureLimits> picture_limits(std::string_view model) const;
+
   const std::string& as_of() const { return as_of_; }
   const std::string& source() const { return source_; }  ///< the file, or "built in"
 
  private:
   static Prices parse(std::string_view text, const std::string& source);
 
-  struct Price {
+  struct Model {
     double input, output;
+    PictureLimits picture;
   };
-  std::map<std::string, Price, std::less<>> models_;
+  const Model* find(std::string_view model) const;
+
+  std::map<std::string, Model, std::less<>> models_;
   std::string as_of_, source_;
 };
 

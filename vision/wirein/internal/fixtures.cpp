@@ -20,12 +20,6 @@ namespace {
 
 std::atomic<std::uint64_t> losses = 0;
 
-bool harvesting_is_on() {
-  const char* value = std::getenv("KX_VISION_FIXTURE_AUTO");
-  const std::string_view flag = text::trim(value ? value : "");
-  return flag == "1" || flag == "true" || flag == "yes";
-}
-
 // A name from the caller may only ever be one path component.
 void require_plain_name(std::string_view what, std::string_view name) {
   using namespace std::string_view_literals;
@@ -38,7 +32,7 @@ asio::awaitable<std::string> write_fixture(Bytes image, std::string hotspot_id, 
   require_plain_name("hotspot_id", hotspot_id);
   const std::string run = run_id && !run_id->empty() ? *run_id : "run";
   require_plain_name("run_id", run);
-  const std::string base = "tests/fixtures/vision/auto/" + hotspot_id;
+  const std::string base = std::string(fixture_folder) + "/" + hotspot_id;
   const auto executor = co_await asio::this_coro::executor;
   const double now = runtime::to_seconds(runtime::time_source(executor).wall_now());
   const std::string name = run + "_" + std::to_string(text::truncate(now)) + ".png";
@@ -49,6 +43,12 @@ asio::awaitable<std::string> write_fixture(Bytes image, std::string hotspot_id, 
 }
 
 }  // namespace
+
+bool harvesting_is_on() noexcept {
+  const char* value = std::getenv("KX_VISION_FIXTURE_AUTO");
+  const std::string_view flag = text::trim(value ? value : "");
+  return flag == "1" || flag == "true" || flag == "yes";
+}
 
 asio::awaitable<std::optional<std::string>> _harvest_fixture(Bytes image_bytes, std::string hotspot_id,
                                                              std::optional<std::string> run_id) {

@@ -3,11 +3,18 @@
 #include <boost/asio/awaitable.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "vision/records/bytes.hpp"
 #include "vision/wirein/losses.hpp"
 
 namespace vision {
+
+/// Where screenshots are stored, below the current directory.
+inline constexpr std::string_view fixture_folder = "tests/fixtures/vision/auto";
+
+/// Whether KX_VISION_FIXTURE_AUTO asks for them. Read at every call.
+bool harvesting_is_on() noexcept;
 
 /// Stores a screenshot for the smoke-test harness when KX_VISION_FIXTURE_AUTO is
 /// "1", "true" or "yes" (blanks around it do not matter), as

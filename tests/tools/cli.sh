@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The program as people call it: exit statuses, messages, outputs.
-#   report_cli.sh VISION WRITE_LOG PAGE_THAT_DESCRIBES_THE_JSON
+#   cli.sh VISION WRITE_LOG PAGE_THAT_DESCRIBES_THE_JSON
 set -uo pipefail
 vision=$(realpath "$1") write_log=$(realpath "$2") page=$(realpath "$3")
 scratch=$(mktemp -d)
@@ -46,6 +46,15 @@ check 2 "subcommand is required"
 check 2 "The following argument was not expected: --colour" report log.jsonl --colour
 check 0 "Exit status" report --help
 check 0 "0." --version
+
+# A port that nothing listens at, and no key.
+export ANTHROPIC_API_KEY=
+check 1 "failure  key       none: ANTHROPIC_API_KEY is not set" check --no-browser --base-url http://127.0.0.1:1
+check 1 "a picture of 2560 x 1600" check --no-browser --ratio 2 --light m --heavy m --base-url http://127.0.0.1:1
+check 2 "--viewport takes" check --viewport 1280
+"$vision" check --no-browser --base-url http://127.0.0.1:1 --json >check.json 2>output
+[ "$(jq '.ok, (.checks | map(select(.subject == "tcp" and .level == "failure")) | length)' check.json | xargs)" = "false 1" ] ||
+  fail "the findings as JSON"
 
 # Every member of the JSON is described. Free names are those of models, failures, days and files.
 jq -r 'del(.. | .by_kind?, .by_day?, .failures?, .endings?, .unasked_missions?) | [paths[-1] | strings] | unique[]' report.json |
