@@ -2,6 +2,7 @@
 
 #include <fstream>
 #include <map>
+#include <regex>
 #include <typeinfo>
 
 #include "tests/support/scripted_host.hpp"
@@ -294,10 +295,17 @@ TEST_F(Replay, BadInputIsRefused) {
   EXPECT_THAT(refusal([&] { CassettePage recorded(open(new_episodes), page); }), HasSubstr("new_episodes"));
   record({"a"});
   const std::string line = test::read_file("tape/cassette.jsonl");
-  for (const std::string bad :
-       {"{", "[]", "{\"number\": 0, \"call\": \"x\"}", "{\"number\": 2, \"call\": \"create\"}"}) {
+  const std::pair<std::string, const char*> rows[] = {
+      {"{", "not JSON: "},
+      {"[]", "it is not a JSON object"},
+      {R"({"number": "1"})", "\"number\" is missing or not of type int64"},
+      {std::regex_replace(line, std::regex("\"key\""), "\"kex\""), "\"key\" is missing or not of type string"},
+  };
+  for (const auto& [bad, why] : rows) {
     std::ofstream("tape/cassette.jsonl") << line << bad << "\n";
-    EXPECT_THAT(refusal([] { open(once); }), HasSubstr("tape/cassette.jsonl, line 2 is not of a cassette: ")) << bad;
+    EXPECT_THAT(refusal([] { open(once); }),
+                HasSubstr(std::string("cassette.jsonl, line 2 is not of a cassette: ") + why));
+    EXPECT_EQ(refusal([] { open(all); }), "") << "it will be replaced";
   }
 }
 

@@ -85,8 +85,8 @@ class Cassette {
   std::vector<std::string> unused() const;
   /// The message of every CassetteMiss so far.
   const std::vector<std::string>& misses() const noexcept;
-  /// The wall clock when the first call was recorded, since the Unix epoch; zero without a
-  /// recording. A test::VirtualLoop that starts then makes the recorded time stamps.
+  /// The wall clock when the first call was recorded, since the Unix epoch; zero when the
+  /// cassette does not replay. A test::VirtualLoop that starts then makes the recorded time stamps.
   runtime::Duration began() const noexcept;
 
   /// The cassette's internals, for its client and page. Not for hosts.

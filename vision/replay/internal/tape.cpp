@@ -37,18 +37,26 @@ std::string call_text(std::string_view call, const json::array& arguments) {
   return arguments.empty() ? std::string(call) : std::string(call) + " " + text::to_json(arguments);
 }
 
-// Throws unless it is a line that this file could have written.
-Tape::Entry checked(json::value line) {
-  Tape::Entry entry{std::move(line.as_object())};
-  if (entry.number() < 1) throw std::runtime_error("the number is not positive");
-  const bool is_request = entry.call() == "create";
-  (void)entry.line.at(is_request ? "request" : "arguments");
-  if (is_request) (void)entry.line.at("key").as_string();
-  (void)entry.line.at("at_ns").as_int64();
-  (void)entry.line.at("latency_ns").as_int64();
-  const bool has_ending = entry.line.contains("response") || entry.line.contains("unanswered");
-  if (!has_ending) (void)entry.line.at("error").as_object();
-  return entry;
+// Throws unless the line is one that this file could have written.
+Tape::Entry checked(const json::value& value) {
+  if (!value.is_object()) throw std::runtime_error("it is not a JSON object");
+  const json::object& line = value.as_object();
+  const auto require = [&line](const char* name, json::kind kind) {
+    const json::value* member = line.if_contains(name);
+    if (member != nullptr && member->kind() == kind) return;
+    throw std::runtime_error(std::string("\"") + name + "\" is missing or not of type " +
+                             std::string(json::to_string(kind)));
+  };
+  for (const char* name : {"number", "at_ns", "latency_ns"}) require(name, json::kind::int64);
+  require("call", json::kind::string);
+  if (line.at("call") == "create") {
+    for (const char* name : {"key", "image"}) require(name, json::kind::string);
+    require("request", json::kind::object);
+  } else {
+    require("arguments", json::kind::array);
+  }
+  if (!line.contains("response") && !line.contains("unanswered")) require("error", json::kind::object);
+  return {line};
 }
 
 // A coroutine, so that what the operation throws at once is its error too.
@@ -102,12 +110,13 @@ void Tape::read() {
     try {
       entries_.push_back(checked(read_line(text)));
     } catch (const std::exception& error) {
+      if (mode() == CassetteMode::all) continue;  // the recording is about to be replaced
       throw std::runtime_error(path + ", line " + std::to_string(number) + " is not of a cassette: " + error.what());
     }
     const Entry& entry = entries_.back();
+    if (mode() == CassetteMode::all) continue;
     last_number_ = std::max(last_number_, entry.number());
-    if (entry.call() == "create" && mode() != CassetteMode::all)
-      (void)next_occurrence(std::string(entry.line.at("key").as_string()));
+    if (entry.call() == "create") (void)next_occurrence(std::string(entry.line.at("key").as_string()));
   }
   if (file.bad() || (!file.is_open() && fs::exists(path))) throw std::runtime_error(path + " cannot be read");
   std::stable_sort(entries_.begin(), entries_.end(),
@@ -115,7 +124,7 @@ void Tape::read() {
 }
 
 runtime::Duration Tape::began() const noexcept {
-  return runtime::Duration(entries_.empty() ? 0 : entries_.front().line.at("at_ns").as_int64());
+  return runtime::Duration(!is_replaying() ? 0 : entries_.front().line.at("at_ns").as_int64());
 }
 
 bool Tape::is_replaying() const noexcept {
