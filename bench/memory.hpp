@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "tests/support/virtual_time.hpp"
+#include "vision/testing/virtual_time.hpp"
 #include "vision/vision.hpp"
 
 /// A page and a model in memory, in virtual time: what is left of a mission is the

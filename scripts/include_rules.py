@@ -13,7 +13,8 @@ vision/settings vision/records
 vision/runtime
 vision/page vision/client/http/http_options.hpp
 vision/client
-vision/client/http vision/wirein
+vision/client/http vision/wirein vision/testing
+vision/replay
 vision
 chromium/errors.hpp chromium/launch_options.hpp
 chromium/protocol
@@ -64,6 +65,8 @@ SAMPLES = {
         vision/page/execute_action.cpp          chromium/page.hpp
         vision/page/execute_action.cpp          tests/support/virtual_time.hpp
         vision/wirein/act_loop.hpp              vision/wirein/internal/act_rails.hpp
+        vision/wirein/act_loop.cpp              vision/replay/cassette.hpp
+        vision/testing/virtual_time.hpp         vision/runtime/internal/await.hpp
         chromium/protocol/session.cpp           chromium/page.hpp
         chromium/page.hpp                       chromium/protocol/session.hpp
         examples/modes/pipeline.cpp             vision/text/internal/utf8.hpp
@@ -73,6 +76,7 @@ SAMPLES = {
         vision/wirein/internal/act_rails.hpp    vision/text/internal/utf8.hpp
         vision/client/vision_client.hpp         vision/client/http/http_options.hpp
         vision/vision.hpp                       vision/wirein/act_loop.hpp
+        vision/replay/cassette_page.cpp         vision/replay/internal/tape.hpp
         chromium/process/process.cpp            chromium/launch_options.hpp
         chromium/page.cpp                       chromium/protocol/session.hpp
         examples/demo/report.cpp                vision/text/internal/utf8.hpp

@@ -2,8 +2,10 @@
 #include <gmock/gmock.h>
 
 #include "tests/support/environment.hpp"
+#include "tests/support/ranked_sleep.hpp"
 #include "tests/support/scripted.hpp"
 #include "vision/page/execute_action.hpp"
+#include "vision/runtime/internal/await.hpp"
 
 namespace vision::runtime {
 namespace {
@@ -53,8 +55,8 @@ asio::awaitable<void> take(Scene& scene, Step step) {
   switch (step) {
     case wait: co_await pause(1); break;
     case wait_long: co_await pause(10); break;
-    case until_limit: co_await scene.time().sleep_ranked(limit, -1); break;
-    case until_past_limit: co_await scene.time().sleep_ranked(limit, 1); break;
+    case until_limit: co_await test::sleep_ranked(scene.time(), limit, -1); break;
+    case until_past_limit: co_await test::sleep_ranked(scene.time(), limit, 1); break;
     case ignore: co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation()); break;
     case clean_up:  // once it was cancelled, in half a second
       co_await asio::this_coro::throw_if_cancelled(false);
@@ -158,7 +160,7 @@ std::string run(Scene& scene, Await how, bool is_void, const std::function<bool(
   io.restart();
   io.poll();
   EXPECT_TRUE(io.stopped());
-  EXPECT_EQ(scene.time().until_next(), to_duration(1e300)) << "a timer was left behind";
+  EXPECT_EQ(scene.time().until_next(), test::seconds_of(1e300)) << "a timer was left behind";
   return *ending;
 }
 

@@ -2,11 +2,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <latch>
 #include <thread>
 
-#include "tests/support/virtual_time.hpp"
+#include "vision/runtime/internal/duration.hpp"
 #include "vision/runtime/internal/worker.hpp"
+#include "vision/testing/virtual_time.hpp"
 
 namespace vision::runtime {
 namespace {

@@ -1,8 +1,11 @@
 #include <fmt/core.h>
 
 #include <CLI/CLI.hpp>
+#include <functional>
+#include <utility>
 
 #include "tools/check/command.hpp"
+#include "tools/replay/command.hpp"
 #include "tools/report/command.hpp"
 
 namespace {
@@ -15,11 +18,14 @@ int main(int argc, char** argv) {
   CLI::App app("Tools for operating the vision tier.\n");
   app.set_version_flag("--version", VISION_VERSION);
   app.require_subcommand(1);
-  const auto run_report = report::add_command(app);
-  const auto run_check = check::add_command(app);
+  const std::pair<const char*, std::function<int()>> commands[] = {
+      {"report", report::add_command(app)}, {"check", check::add_command(app)}, {"replay", replay::add_command(app)}};
   try {
     app.parse(argc, argv);
-    return app.got_subcommand("check") ? run_check() : run_report();
+    for (const auto& [name, run] : commands) {
+      if (app.got_subcommand(name)) return run();
+    }
+    return bad_input;
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : bad_input;  // --help and --version end here too
   } catch (const std::exception& error) {

@@ -49,8 +49,14 @@
 /// - vision::MessagesClient: the connection to the model, which fails with the errors of
 ///   "vision/client/api_error.hpp"; vision::HttpMessagesClient
 ///   ("vision/client/http/http_messages_client.hpp") speaks HTTPS.
-/// - vision::runtime::TimeSource ("vision/runtime/time.hpp"): virtual time in tests.
+/// - vision::runtime::TimeSource ("vision/runtime/time.hpp"): see below.
 /// - vision::ModelRegistry: see above.
+///
+/// **Tests.** "vision/testing/virtual_time.hpp", "scripted_page.hpp" and
+/// "scripted_model.hpp" beside it let a mission of minutes pass in milliseconds.
+/// vision::Cassette with vision::CassetteClient and vision::CassettePage records a session
+/// with a real page and model, and replays it without either; vision::record_mission
+/// records a mission for the command `vision replay`.
 ///
 /// **Telemetry.** The modes append one JSON object a line to the file named by
 /// KX_VISION_SHADOW_LOG, by default logs/vision_shadow.jsonl. With
@@ -79,6 +85,9 @@
 
 #include "vision/client/vision_client.hpp"
 #include "vision/page/execute_action.hpp"
+#include "vision/replay/cassette_client.hpp"
+#include "vision/replay/cassette_page.hpp"
+#include "vision/replay/record_mission.hpp"
 #include "vision/settings/model_registry.hpp"
 #include "vision/settings/settings.hpp"
 #include "vision/wirein/act_loop.hpp"

@@ -10,6 +10,9 @@
 #include "bindings/c/options.hpp"
 #include "bindings/c/records.hpp"
 #include "bindings/c/replies.hpp"
+#include "vision/client/http/http_messages_client.hpp"
+#include "vision/client/internal/api_key.hpp"
+#include "vision/replay/cassette_client.hpp"
 #include "vision/settings/model_registry.hpp"
 #include "vision/text/internal/json_text.hpp"
 
@@ -87,27 +90,52 @@ HttpOptions http_options(Options& options) {
   return http;
 }
 
+// The cassette that the options name; null when they name none.
+std::shared_ptr<Cassette> cassette_of(Options& options) {
+  constexpr std::pair<std::string_view, CassetteMode> modes[] = {{"none", CassetteMode::none},
+                                                                 {"once", CassetteMode::once},
+                                                                 {"new_episodes", CassetteMode::new_episodes},
+                                                                 {"all", CassetteMode::all}};
+  auto folder = options.text("cassette");
+  CassetteOptions how;
+  if (const auto by_order = options.flag("cassette_by_order")) how.by_order(*by_order);
+  if (const auto name = options.text("cassette_mode")) {
+    const auto mode = std::find_if(std::begin(modes), std::end(modes), [&](const auto& m) { return m.first == *name; });
+    if (mode == std::end(modes)) {
+      throw std::invalid_argument("VisionClient: cassette_mode is none, once, new_episodes or all, not \"" + *name +
+                                  "\"");
+    }
+    how.mode(mode->second);
+  }
+  return folder ? std::make_shared<Cassette>(std::move(*folder), how) : nullptr;
+}
+
 std::shared_ptr<Client> make_client(const std::shared_ptr<Loop>& loop, Options options, const Host& host) {
   VisionClientOptions client_options;
   if (auto value = options.text("default_model")) client_options.default_model(std::move(*value));
   if (const auto value = options.integer("call_budget")) client_options.call_budget(*value);
   client_options.http(http_options(options));
   std::string key = options.text("api_key").value_or("");
+  const auto cassette = cassette_of(options);
   options.finish();
   if (host->functions().on_action) {
     client_options.on_action([host](const ActionResult& result, const FlowContext& flow_context) {
       return call_hook(host, result, flow_context);
     });
   }
-  std::unique_ptr<VisionClient> client;
-  if (host->functions().create) {
-    client = std::make_unique<VisionClient>(std::make_shared<HostModel>(host), std::move(client_options));
+  std::shared_ptr<MessagesClient> model;
+  if (cassette && !cassette->is_recording()) {
+    model = std::make_shared<CassetteClient>(cassette);
+  } else if (host->functions().create) {
+    model = std::make_shared<HostModel>(host);
   } else {
     (void)MODEL_SONNET();  // a missing registry is reported before the host is asked for a key
-    client_options.api_key(key.empty() ? resolved_key(*loop) : std::move(key));
-    client = std::make_unique<VisionClient>(std::move(client_options));
+    key = detail::resolve_api_key(key.empty() ? resolved_key(*loop) : key);
+    model = std::make_shared<HttpMessagesClient>(std::move(key), client_options.http());
   }
-  auto made = std::make_shared<Client>(loop, std::move(client));
+  if (cassette && cassette->is_recording()) model = std::make_shared<CassetteClient>(cassette, std::move(model));
+  auto made =
+      std::make_shared<Client>(loop, std::make_unique<VisionClient>(std::move(model), std::move(client_options)));
   host->take();
   return made;
 }

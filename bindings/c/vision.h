@@ -227,9 +227,13 @@ int vision_set_model_registry(vision_runtime* runtime, const char* light_model, 
 ///   ca_file             text: PEM file of the authorities to trust instead of the system's
 ///   connect_timeout_s   number; 10
 ///   max_response_bytes  integer; 1048576
+///   cassette            text: folder of a recorded session, to record or replay; docs/replay.md
+///   cassette_mode       text: "none", "once", "new_episodes" or "all"; "once"
+///   cassette_by_order   boolean; false: a request is answered by an equal one only
 ///
-/// `functions` may be null and is copied. With `create` the API key and the last five
-/// members have no effect, and no key is needed.
+/// `functions` may be null and is copied. With `create` the API key and the five members of
+/// the endpoint have no effect, and no key is needed; nor is it for a cassette that replays
+/// only.
 ///
 /// Null, with vision_last_error, when there is no registry or no key, and for an option
 /// that cannot be used; `release` is not called then.

@@ -211,6 +211,15 @@ export interface VisionClientOptions {
   connectTimeoutS?: number;
   /** 1 MiB by default. */
   maxResponseBytes?: number;
+  /**
+   * A folder to which the requests are recorded, or from which they are answered, by
+   * `cassetteMode`. No key is needed where nothing is recorded. docs/replay.md says what matches.
+   */
+  cassette?: string;
+  /** "once" by default. */
+  cassetteMode?: 'none' | 'once' | 'new_episodes' | 'all';
+  /** False by default: a request is answered by an equal one only. */
+  cassetteByOrder?: boolean;
   /** Sees each answer before the call goes on, which waits for it. Its error is logged. */
   onAction?: (result: ActionResult, flowContext: FlowContext) => unknown;
   /**

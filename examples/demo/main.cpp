@@ -103,9 +103,10 @@ bool write_report(const fs::path& folder, const demo::MissionRun& run, const dem
   }
 }
 
-int run_demo(const demo::DemoOptions& options) {
+int run_demo(demo::DemoOptions options) {
   const demo::ModelChoice model = demo::choose_model(options, [](const char* name) { return std::getenv(name); });
   vision::set_model_registry(std::make_shared<vision::StaticModelRegistry>(model.light, model.heavy));
+  if (!options.record.empty()) options.record = fs::absolute(options.record);
   const fs::path out = prepare_folder(options.out, model.local);
   log_to(out / "vision.log");
   demo::MissionRun run(demo::new_run_id());
@@ -136,7 +137,7 @@ int run_demo(const demo::DemoOptions& options) {
 
 int main(int argc, char** argv) {
   try {
-    const demo::DemoOptions options = demo::parse_options({argv + 1, argv + argc});
+    demo::DemoOptions options = demo::parse_options({argv + 1, argv + argc});
     if (!options.help && !options.version) return run_demo(options);
     std::fputs(options.help ? demo::usage : "vision-demo " DEMO_VERSION "\n", stdout);
     return succeeded;

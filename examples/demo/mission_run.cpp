@@ -12,6 +12,9 @@
 #include "examples/demo/recording_page.hpp"
 #include "examples/local_model/local_model.hpp"
 #include "vision/client/http/http_messages_client.hpp"
+#include "vision/replay/cassette_client.hpp"
+#include "vision/replay/cassette_page.hpp"
+#include "vision/replay/record_mission.hpp"
 #include "vision/runtime/internal/await.hpp"
 #include "vision/wirein/act_loop.hpp"
 
@@ -90,6 +93,25 @@ class LastLook {
   RecordingPage& page_;
 };
 
+// The page and the client that a mission uses: themselves, or behind a cassette.
+struct Parts {
+  Parts(const std::filesystem::path& folder, vision::BrowserPage& real, std::shared_ptr<vision::MessagesClient> model)
+      : page(&real), client(std::move(model)) {
+    if (folder.empty()) return;
+    const auto options = vision::CassetteOptions().mode(vision::CassetteMode::all);
+    cassette = std::make_shared<vision::Cassette>(folder.string(), options);
+    page = &recorded.emplace(cassette, real);
+    client = std::make_shared<vision::CassetteClient>(cassette, client);
+  }
+  Parts(const Parts&) = delete;
+  Parts& operator=(const Parts&) = delete;
+
+  std::shared_ptr<vision::Cassette> cassette;
+  std::optional<vision::CassettePage> recorded;
+  vision::BrowserPage* page;
+  std::shared_ptr<vision::MessagesClient> client;
+};
+
 }  // namespace
 
 std::string new_run_id() {
@@ -123,13 +145,18 @@ asio::awaitable<void> run_mission(DemoOptions options, ModelChoice model, Missio
   const auto page = co_await browser->new_page(page_options);
   co_await page->navigate(app.base_url() + "/");
 
-  RecordingPage recording(*page);
+  const Parts parts(options.record, *page, client);
+  RecordingPage recording(*parts.page);
   auto hook = keep_steps(run, recording, std::move(on_step));
-  vision::VisionClient vision(client, vision::VisionClientOptions().on_action(std::move(hook)));
+  vision::VisionClient vision(parts.client, vision::VisionClientOptions().on_action(std::move(hook)));
   const LastLook last_look(run, app, vision, recording);
   vision::ActLoopOptions loop(flow_context(), hotspot_id);
   loop.mission_prompt(run.brief).vision(vision).run_id(run.id).max_steps(options.max_steps);
-  run.verdict = co_await vision::act_loop(recording, std::move(loop));
+  if (parts.cassette) {
+    run.verdict = co_await vision::record_mission(parts.cassette, recording, std::move(loop));
+  } else {
+    run.verdict = co_await vision::act_loop(recording, std::move(loop));
+  }
   co_await vision::runtime::try_await(browser->close());
 }
 

@@ -70,6 +70,7 @@ constexpr ValueOption value_options[] = {
     {"--dpr", [](auto& o, const auto& name, const auto& value) { o.dpr = ratio(name, value); }},
     {"--max-steps", [](auto& o, const auto& name, const auto& value) { o.max_steps = integer(name, value, 0, 1000); }},
     {"--out", [](auto& o, const auto&, const auto& value) { o.out = value; }},
+    {"--record", [](auto& o, const auto&, const auto& value) { o.record = value; }},
 };
 
 SetValue setter_of(const std::string& name) {

@@ -17,7 +17,8 @@ struct DemoOptions {
   double dpr = 1;  ///< device pixel ratio
   std::int64_t max_steps = 20;
   std::filesystem::path out = "build/demo";
-  bool local = false;  ///< the local model even when there is an API key
+  std::filesystem::path record;  ///< the cassette that the mission is recorded to; empty: none
+  bool local = false;            ///< the local model even when there is an API key
   bool help = false;
   bool version = false;
   std::string light, heavy;  ///< model names as given, possibly empty

@@ -33,9 +33,9 @@ inline asio::io_context& loop() {
 inline std::function<void()> take_turn = [] { loop().run_one(); };
 
 template <class T>
-struct Running : vision::test::Running<T> {
+struct Running : vision::test::Watched<T> {
   explicit Running(asio::awaitable<T> operation)
-      : vision::test::Running<T>(loop(), std::move(operation), [] { take_turn(); }) {}
+      : vision::test::Watched<T>(loop(), std::move(operation), [] { take_turn(); }) {}
 };
 
 template <class T>

@@ -6,6 +6,7 @@
 #include "tests/support/environment.hpp"
 #include "tests/support/scripted.hpp"
 #include "vision/client/api_error.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/json_text.hpp"
 
 namespace vision {

@@ -1,6 +1,7 @@
 #include "tests/http/http_world.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/scripted.hpp"
+#include "vision/replay/cassette_client.hpp"
 #include "vision/text/internal/json_text.hpp"
 
 namespace vision {
@@ -40,6 +41,18 @@ std::string everything_below(const std::filesystem::path& folder) {
   return out;
 }
 
+// The vision block of an observation, but for how long it took.
+std::string observed(VisionClient& client,
+                     const std::function<boost::json::object(asio::awaitable<boost::json::object>)>& run) {
+  ScriptedPage page;
+  ObserverOptions options({{"phase", 2}}, "site");
+  options.vision(client);
+  boost::json::object block = run(observe_only(page, options)).at("vision").as_object();
+  for (const char* duration : {"latency_ms", "elapsed_ms"}) block.erase(duration);
+  return text::to_json(block);
+}
+
+// Every exchange is recorded too, and replayed without the server.
 TEST(Canary, TheKeyGoesNowhereButIntoTheRequest) {
   TestRegistry::instance();
   const ScratchDirectory here;
@@ -50,13 +63,16 @@ TEST(Canary, TheKeyGoesNowhereButIntoTheRequest) {
     for (const Reply& reply : replies(echo)) {
       asio::io_context io;
       ScriptedServer server(io, {reply});
-      VisionClient client(VisionClientOptions().api_key(canary).http(HttpOptions().base_url(server.url())));
-      ScriptedPage page;
-      ObserverOptions options({{"phase", 2}}, "site");
-      options.vision(client);
-      bool done = false;
-      asio::co_spawn(io, observe_only(page, options), [&](auto...) { done = true; });
-      while (!done) io.run_one();
+      const auto http = std::make_shared<HttpMessagesClient>(canary, HttpOptions().base_url(server.url()));
+      const auto tape = std::make_shared<Cassette>("tape", CassetteOptions().mode(CassetteMode::all));
+      VisionClient client(std::make_shared<CassetteClient>(tape, http));
+      const std::string recorded = observed(
+          client, [&io](auto operation) { return Running(io, std::move(operation), [&io] { io.run_one(); }).get(); });
+      VirtualLoop loop;
+      const auto replay = std::make_shared<Cassette>("tape", CassetteOptions().mode(CassetteMode::none));
+      VisionClient again(std::make_shared<CassetteClient>(replay));
+      EXPECT_EQ(observed(again, [&loop](auto operation) { return loop.run(std::move(operation)); }), recorded);
+      EXPECT_THAT(everything_below("tape"), testing::AllOf(HasSubstr("create"), tells_nothing));
       for (const auto* counters : {&client.metrics.failures_by_reason, &client.metrics.by_model}) {
         for (const auto& [name, count] : *counters) EXPECT_THAT(name, tells_nothing);
       }

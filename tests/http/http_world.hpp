@@ -28,9 +28,9 @@ inline MessagesRequest make_request(std::size_t image_bytes = 5) {
 }
 
 /// One request. In every error the key is looked for.
-struct Call : Running<boost::json::value> {
+struct Call : Watched<boost::json::value> {
   Call(asio::io_context& io, HttpMessagesClient& client, MessagesRequest request = make_request())
-      : Running(io, create(*this, client, std::move(request)), [&io] { io.run_one(); }) {}
+      : Watched(io, create(*this, client, std::move(request)), [&io] { io.run_one(); }) {}
 
   /// The response's JSON text, "cancelled", or the error as text.
   std::string ending() {

@@ -1,5 +1,8 @@
 import assert from 'node:assert/strict';
 import { getEventListeners } from 'node:events';
+import { mkdtempSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import path from 'node:path';
 import { AsyncLocalStorage } from 'node:async_hooks';
 import test from 'node:test';
 import * as vision from '@velmora/vision';
@@ -181,6 +184,16 @@ test('a client of the host\'s own model, its hook, its budget and its errors', a
   assert.deepEqual([spent.name, spent.kind], ['BudgetExceeded', 'BudgetExceeded']);
   await storage.run('mine', () => vision.shadowObserveThenCua(makePage(), () => assert.equal(storage.getStore(), 'mine'),
     { ...site, vision: client }));
+});
+
+test('a cassette answers without the model', async () => {
+  const cassette = mkdtempSync(path.join(tmpdir(), 'cassette-'));
+  const recording = new vision.VisionClient({ create: async () => response(success), cassette });
+  const options = { imgMeta, flowContext };
+  await recording.ask(png, options);
+  const replay = new vision.VisionClient({ cassette, cassetteMode: 'none' });
+  assert.equal((await replay.ask(png, options)).action, 'declare_success');
+  assert.match((await replay.ask(png, options)).reason, /CassetteMiss: .* recorded 1 times and is asked once more/);
 });
 
 test('log lines reach the host', async () => {

@@ -1,6 +1,7 @@
 """Every mode, ending and error, with coroutines and with functions."""
 
 import os
+import tempfile
 import traceback
 import unittest
 from unittest import mock
@@ -30,6 +31,17 @@ class Modes:
             verdict = self.call("act_loop", page, answers=answers, should_abort=probe, **SITE)
             self.assertEqual(verdict.action, action)
             self.assertIn(reason, verdict.reason)
+
+    def test_a_cassette_answers_without_model_and_key(self):
+        folder = tempfile.mkdtemp()
+        answers = [proposal("click", x_ratio=0.5, y_ratio=0.5), proposal("declare_success")]
+        page = self.kind.Page()
+        recorded = self.call("act_loop", page, answers=answers, client={"cassette": folder}, **SITE)
+        client = self.kind.Client(cassette=folder, cassette_mode="none")
+        replayed = self.kind.run(self.kind.of.act_loop, self.kind.Page(), vision=client, **SITE)
+        self.assertEqual((replayed.action, replayed.reason), (recorded.action, recorded.reason))
+        with self.assertRaisesRegex(vision.VisionError, 'cassette_mode is none, once, new_episodes or all, not "some"'):
+            self.kind.Client(cassette=folder, cassette_mode="some")
 
     def test_execute_action(self):
         page, act = self.kind.Page(), self.kind.of.execute_action

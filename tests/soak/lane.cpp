@@ -3,6 +3,7 @@
 #include <random>
 
 #include "tests/support/scripted.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/error_text.hpp"
 
 namespace vision::soak {

@@ -18,6 +18,7 @@
 #include "tests/soak/model_server.hpp"
 #include "tests/support/environment.hpp"
 #include "vision/client/http/http_messages_client.hpp"
+#include "vision/runtime/internal/duration.hpp"
 #include "vision/runtime/internal/worker.hpp"
 #include "vision/wirein/losses.hpp"
 

@@ -5,6 +5,7 @@
 #include <iostream>
 #include <sstream>
 
+#include "tests/support/ranked_sleep.hpp"
 #include "tests/world/caller.hpp"
 
 namespace vision::world {
@@ -37,8 +38,8 @@ asio::awaitable<void> Time::until_limit(Visit visit) {
   co_await asio::post(asio::use_awaitable);
   const Duration limit = next_limit();
   const Duration rest = limit == never ? visit.latency : limit - steady_now();
-  co_await sleep_ranked(rest, visit.fault == "deadline_last"_fault ? 2 * limit_rank : 0);
-  if (visit.fault == "late"_fault) co_await sleep_deaf(tick);
+  co_await test::sleep_ranked(*this, rest, visit.fault == "deadline_last"_fault ? 2 * limit_rank : 0);
+  if (visit.fault == "late"_fault) co_await test::sleep_deaf(*this, tick);
 }
 
 bool Time::advance() {
@@ -134,21 +135,22 @@ asio::awaitable<void> World::perform(Visit visit) {
   const bool hangs = fault == "hang"_fault || fault == "stubborn"_fault;
   if (hangs && visit.name != "create" && !caller.in_step_limit(visit.name)) caller.has_unbounded_hang = true;
   if (fault == "hang"_fault) {
-    co_await time->sleep_ranked(never, 0);
+    co_await test::sleep_ranked(*time, never, 0);
   } else if (fault == "stubborn"_fault) {
     co_await asio::this_coro::throw_if_cancelled(false);
     try {
-      co_await time->sleep_ranked(never, 0);
+      co_await test::sleep_ranked(*time, never, 0);
     } catch (const boost::system::system_error&) {
       trace("stubborn " + visit.name);
     }
     co_await asio::this_coro::reset_cancellation_state(asio::enable_total_cancellation());
     co_await asio::this_coro::throw_if_cancelled(true);
-    co_await time->sleep_ranked(clean_up_time, 0);
+    co_await test::sleep_ranked(*time, clean_up_time, 0);
   } else if (fault == "deadline_first"_fault || fault == "deadline_last"_fault || fault == "late"_fault) {
     co_await time->until_limit(visit);
   } else if (visit.latency != 0s || cancels_around(fault) || fault == "loop_ends"_fault) {
-    co_await time->sleep_ranked(visit.latency, 0);  // an operation that takes no time does not suspend, as a rule
+    co_await test::sleep_ranked(*time, visit.latency,
+                                0);  // an operation that takes no time does not suspend, as a rule
   }
   if (fault.make_error) std::rethrow_exception(caller.thrown(fault, visit.name));
 }

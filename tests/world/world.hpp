@@ -6,9 +6,10 @@
 #include <set>
 #include <thread>
 
-#include "tests/support/virtual_time.hpp"
 #include "tests/world/fault.hpp"
 #include "tests/world/scenario.hpp"
+#include "vision/runtime/internal/await.hpp"
+#include "vision/testing/virtual_time.hpp"
 
 /// @file
 /// A world in which nothing happens by chance: one event loop in virtual time. Every

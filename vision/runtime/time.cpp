@@ -1,10 +1,13 @@
 #include "vision/runtime/time.hpp"
 
 #include <boost/asio/steady_timer.hpp>
+#include <boost/asio/this_coro.hpp>
 #include <cassert>
 #include <utility>
 
+#include "vision/runtime/internal/await.hpp"
 #include "vision/runtime/internal/context_local.hpp"
+#include "vision/runtime/internal/one_shot.hpp"
 
 namespace vision::runtime {
 namespace asio = boost::asio;
@@ -51,6 +54,16 @@ void install_time_source(asio::execution_context& context, std::shared_ptr<TimeS
 
 TimeSource& time_source(const asio::any_io_executor& executor) {
   return *context_local<CurrentSource>(executor).source;
+}
+
+asio::awaitable<void> sleep_for(Duration delay) {
+  const auto executor = co_await asio::this_coro::executor;
+  OneShot has_passed(executor);
+  const auto timer = time_source(executor).call_after(executor, delay, [&has_passed] { has_passed.set(); });
+  co_await has_passed.wait();
+  // A request may have come between the end of the delay and now: nothing that is
+  // awaited later need exist to tell of it.
+  co_await throw_if_cancelled();
 }
 
 }  // namespace vision::runtime

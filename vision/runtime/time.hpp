@@ -1,17 +1,19 @@
 #pragma once
 
 #include <boost/asio/any_io_executor.hpp>
+#include <boost/asio/awaitable.hpp>
 #include <boost/asio/execution_context.hpp>
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 
 /// @file
 /// The library's only source of time. It belongs to the execution context: a test
 /// that installs a virtual one on its io_context lets a minute pass in microseconds,
-/// and no signature carries a clock.
+/// and no signature carries a clock. vision/testing/virtual_time.hpp has such a source.
 
-/// What a host needs for tests in virtual time: TimeSource and install_time_source.
+/// What a host needs for tests in virtual time.
 namespace vision::runtime {
 
 /// Every span of time in the library.
@@ -46,5 +48,14 @@ void install_time_source(boost::asio::execution_context& context, std::shared_pt
 
 /// The time source of an executor's context. Valid as long as the context.
 TimeSource& time_source(const boost::asio::any_io_executor& executor);
+
+/// Waits `delay` on the calling coroutine's time source: for pages, models and agents
+/// that take part in virtual time. Terminal cancellation ends it with operation_aborted.
+boost::asio::awaitable<void> sleep_for(Duration delay);
+
+/// How many jobs of the library's worker thread, which writes screenshots, the
+/// coroutines of `context` wait for. The thread keeps real time: a virtual time source
+/// that jumped meanwhile would end time limits that the job meets. Thread-safe.
+std::size_t jobs_in_flight(boost::asio::execution_context& context);
 
 }  // namespace vision::runtime

@@ -20,7 +20,11 @@ class VisionClient(ClientBase):
     `api_key` is else that of the registry's resolver, else ANTHROPIC_API_KEY. `on_action`
     sees each answer before the call goes on, and the call waits for it; what it raises is
     logged. `messages_client`, an object with the vendor's `messages.create`, replaces HTTPS;
-    the API key and the options after it are not used then.
+    the API key and the options of the endpoint after it are not used then.
+
+    `cassette` is a folder to which the requests are recorded, or from which they are answered,
+    by `cassette_mode`: "none", "once" (the default), "new_episodes" or "all". No key is needed
+    where nothing is recorded. docs/replay.md says what matches, and what `cassette_by_order` is.
 
     A client belongs to the event loop that uses it first: others get a RuntimeError. The
     process's default client belongs to none.
@@ -43,6 +47,9 @@ class VisionClient(ClientBase):
         ca_file: Optional[str] = None,
         connect_timeout_s: Optional[float] = None,
         max_response_bytes: Optional[int] = None,
+        cassette: Optional[str] = None,
+        cassette_mode: Optional[str] = None,
+        cassette_by_order: Optional[bool] = None,
     ) -> None:
         super().__init__(
             api_key,
@@ -55,6 +62,9 @@ class VisionClient(ClientBase):
             ca_file=ca_file,
             connect_timeout_s=connect_timeout_s,
             max_response_bytes=max_response_bytes,
+            cassette=cassette,
+            cassette_mode=cassette_mode,
+            cassette_by_order=cassette_by_order,
         )
 
     def _performer(self, owner: asyncio.AbstractEventLoop) -> Any:

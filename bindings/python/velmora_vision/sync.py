@@ -139,6 +139,9 @@ class VisionClient(ClientBase):
         ca_file: Optional[str] = None,
         connect_timeout_s: Optional[float] = None,
         max_response_bytes: Optional[int] = None,
+        cassette: Optional[str] = None,
+        cassette_mode: Optional[str] = None,
+        cassette_by_order: Optional[bool] = None,
     ) -> None:
         super().__init__(
             api_key,
@@ -151,6 +154,9 @@ class VisionClient(ClientBase):
             ca_file=ca_file,
             connect_timeout_s=connect_timeout_s,
             max_response_bytes=max_response_bytes,
+            cassette=cassette,
+            cassette_mode=cassette_mode,
+            cassette_by_order=cassette_by_order,
         )
 
     def _performer(self, owner: queue.SimpleQueue[Callable[[], None]]) -> Perform:

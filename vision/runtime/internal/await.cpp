@@ -125,16 +125,6 @@ void throw_if_cancelled(Awaited awaited) {
 
 }  // namespace detail
 
-asio::awaitable<void> sleep_for(Duration delay) {
-  const auto executor = co_await asio::this_coro::executor;
-  OneShot has_passed(executor);
-  const auto timer = time_source(executor).call_after(executor, delay, [&has_passed] { has_passed.set(); });
-  co_await has_passed.wait();
-  // A request may have come between the end of the delay and now: nothing that is
-  // awaited later need exist to tell of it.
-  co_await throw_if_cancelled();
-}
-
 asio::awaitable<void> throw_if_cancelled() {
   const auto state = co_await asio::this_coro::cancellation_state;
   detail::throw_if_cancelled({.was_cancelled = state.cancelled() != asio::cancellation_type::none});

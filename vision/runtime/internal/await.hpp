@@ -150,10 +150,6 @@ boost::asio::awaitable<T> with_own_cancellation(boost::asio::awaitable<T> body) 
   }
 }
 
-/// Waits `delay` on the calling coroutine's time source. Terminal cancellation ends
-/// it with operation_aborted.
-boost::asio::awaitable<void> sleep_for(Duration delay);
-
 /// Throws operation_aborted if the calling coroutine has been cancelled. Call it before
 /// code that must not run after a cancellation and does not itself await.
 boost::asio::awaitable<void> throw_if_cancelled();

@@ -14,6 +14,7 @@
 
 #include "vision/runtime/internal/context_local.hpp"
 #include "vision/runtime/internal/one_shot.hpp"
+#include "vision/runtime/time.hpp"
 
 namespace vision::runtime {
 namespace asio = boost::asio;

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
-#include <boost/asio/execution_context.hpp>
 #include <cstddef>
 #include <functional>
 
@@ -22,9 +21,5 @@ constexpr std::size_t max_waiting_jobs = 64;
 /// dropped where they are. A child process made by fork has a worker of its own; what the
 /// parent has handed over is done in the parent alone.
 boost::asio::awaitable<void> run_on_worker(std::function<void()> job);
-
-/// How many jobs the coroutines of `context` wait for: a virtual time source must
-/// not let time pass meanwhile.
-std::size_t jobs_in_flight(boost::asio::execution_context& context);
 
 }  // namespace vision::runtime
