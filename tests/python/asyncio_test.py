@@ -62,7 +62,9 @@ class EventLoops(unittest.TestCase):
             hook = hang if where == "on_action" else None
             client = vision.VisionClient(messages_client=Model(answer), on_action=hook)
             task = asyncio.ensure_future(operation(hang, page, client))
-            await hang.entered.wait()
+            entered = asyncio.ensure_future(hang.entered.wait())
+            await asyncio.wait({task, entered}, return_when=asyncio.FIRST_COMPLETED)
+            self.assertFalse(task.done(), "it ended before it came to the place")
             task.cancel()
             with self.assertRaises(asyncio.CancelledError):
                 await task
