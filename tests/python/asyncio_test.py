@@ -35,8 +35,16 @@ def act_loop(hang, page, client):
     return vision.act_loop(page, vision=client, **SITE)
 
 
+def execute(action, **more):
+    result = vision.ActionResult(action, "", 1.0, "", **more)
+    return lambda hang, page, client: vision.execute_action(page, result, META)
+
+
 # Where it hangs, and the operation that gets there.
 AWAITS = {
+    "wheel": execute("scroll"),
+    "type": execute("type", text="a"),
+    "press": execute("key", key="a"),
     "screenshot": act_loop,
     "evaluate": act_loop,
     "create": act_loop,
