@@ -20,6 +20,7 @@ from page import PYTHON, Summary, Table, Target, machine, median, number, page, 
 
 ROOT = Path(__file__).resolve().parent.parent
 PEERS = ROOT / "bench" / "peers"
+DRAW = ROOT / "bench" / "draw.js"  # the page of which screenshots are taken
 
 
 class Setup:
@@ -62,8 +63,9 @@ class Setup:
         return path
 
     @contextlib.contextmanager
-    def server(self, tls=False):
+    def server(self, tls=False, mission=False):
         options = ["--certificate", self.certificate, "--key", self.key] if tls else []
+        options += ["--mission", "1"] if mission else []
         server = subprocess.Popen([self.programs / "server", *options], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
         try:
             yield int(server.stdout.readline())
@@ -234,8 +236,7 @@ def screenshot(setup):
     try:
         for scale, fast in itertools.product((1, 2), (0, 1)):
             before_s, rounds = session_s(browser.pid), setup.few(40) + 1
-            result = setup.run("screenshot", rounds, "--profile", profile, "--ratio", scale, "--fast", fast)
-            cpu_ms = (session_s(browser.pid) - before_s) * 1e3 / (2 * rounds + 2)  # two sides, and a round to warm up
+            result = setup.run("screenshot", rounds, "--profile", profile, "--draw", DRAW, "--ratio", scale, "--fast", fast)
             ours, raw = result["ours_s"], result["raw_s"]
             ratio, memory = ratios(ours, raw), result["peak_bytes"] / result["image_bytes"]
             megabits = result["image_bytes"] * 4 / 3 * 8 / 1e6
@@ -248,6 +249,74 @@ def screenshot(setup):
     finally:
         browser.terminate()
         browser.wait()
+    return table
+
+
+@contextlib.contextmanager
+def pinwall():
+    """The demo's web application, in a process of its own."""
+    examples = ROOT / "examples"
+    script = (f"import {{ servePinwall }} from '{examples}/playwright/pinwall.mjs';"
+              f"console.log((await servePinwall('{examples}/demo/app')).url);")  # fmt: skip
+    server = subprocess.Popen(["node", "--input-type=module", "-e", script], stdout=subprocess.PIPE, text=True)
+    try:
+        yield server.stdout.readline().strip()
+    finally:
+        server.kill()
+        server.wait()
+
+
+# Of the demo's mission: what the loop waits for after its actions, the model's wait, and the
+# delays of its typed text.
+PAUSES_S = 2 * 0.5 + 7 * 1.0 + 2.0 + 0.02 * len("ana@example.org")
+
+
+def pages(setup):
+    note = ("The demo's mission of 11 steps in Chromium, on several pages of one browser at once: from Node with the package, "
+            "as a user writes it with playwright-core and fetch, and in C++ on a page of the library's own. Processor time of "
+            "the driver process; its own time is the wall time of a step without the pauses that the mission makes.")  # fmt: skip
+    table = Table("Missions on pages", note, ["pages", "driver", "processor ms per step", "ratio", "peak memory, MB",
+                                              "longest event-loop delay, ms", "own time per step, ms"])  # fmt: skip
+    modules = setup.programs.parent / "bindings" / "node" / "node_modules"
+    shots = {}
+
+    def run(side, count, takes):
+        log = setup.scratch / "pages.jsonl"
+        with setup.server(mission=True) as port, pinwall() as app:
+            model = f"http://127.0.0.1:{port}"
+            if side == "C++":
+                result = setup.run("pages", model, app, count, "--draw", DRAW, "--shots", takes, KX_VISION_SHADOW_LOG=log)
+            else:
+                result = setup.run("/usr/bin/env", "node", PEERS / "pages.mjs", side, modules, model, app, count, DRAW, takes,
+                                   KX_VISION_SHADOW_LOG=log, REQUEST=setup.request)  # fmt: skip
+        shots.setdefault(side, []).extend(result["shots"])
+        result["own_s"] = (statistics.median(result["walls"]) - PAUSES_S) * count / result["steps"]
+        return result
+
+    for count in (1,) if setup.smoke else (1, 8, 32):
+        takes = setup.few(40) if count == 1 else 0
+        sides = ("fetch", "package", "C++")
+        results = alternate(setup, *((lambda side=side: run(side, count, takes)) for side in sides), rounds=3)
+        cpu, memory = ([column(runs, name) for runs in results] for name in ("cpu_s", "memory_kb"))
+        delay = [[run.get("delay_s", 0) for run in runs] for runs in results]
+        for i, (side, most) in enumerate(zip(sides, (None, 1 / 2, 1 / 5))):
+            beside, targets = ratios(cpu[i], cpu[0]), []
+            if most:
+                targets.append(Target("processor time", statistics.median(beside), most))
+            if side == "package":
+                targets.append(Target("delay", statistics.median(ratios(delay[i], delay[0])), 1 / 2))
+            if side == "C++":
+                targets.append(Target("memory", statistics.median(ratios(memory[i], memory[0])), 1 / 8))
+            table.add(count, {"fetch": "playwright-core and fetch", "package": "the Node package"}.get(side, side),
+                      median(cpu[i], 1e3), spread(beside), median(memory[i], 1e-3),
+                      median(delay[i], 1e3) if side != "C++" else "-", median(column(results[i], "own_s"), 1e3),
+                      targets=targets)  # fmt: skip
+        if count == 8:
+            what = "a step of 8 missions at once on Playwright's pages, processor time"
+            setup.summary.add(what, cpu[1], "playwright-core and fetch", cpu[0], "ms", 1e3)
+    ratio = statistics.median(shots["C++"]) / statistics.median(shots["fetch"])
+    table.add("", "a screenshot with fast encoding in C++ beside page.screenshot()", "", number(ratio), "", "",
+              f"{median(shots['C++'], 1e3)} beside {median(shots['fetch'], 1e3)}", targets=[Target("ratio", ratio, 0.4)])  # fmt: skip
     return table
 
 
@@ -311,7 +380,7 @@ def growth(setup):
     return table
 
 
-BENCHMARKS = {f.__name__: f for f in (ask, ask_tls, floor, act_step, missions, shadow_log, screenshot, long_run, start, growth)}  # fmt: skip
+BENCHMARKS = {f.__name__: f for f in (ask, ask_tls, floor, act_step, missions, shadow_log, screenshot, pages, long_run, start, growth)}  # fmt: skip
 
 
 def main():

@@ -1,6 +1,6 @@
 // Screenshots of one page in a Chromium: through ChromiumPage, and the same
 // command sent raw with its reply only received. Alternates the two.
-//   screenshot ROUNDS --profile DIRECTORY [--ratio R] [--fast 1]
+//   screenshot ROUNDS --profile DIRECTORY --draw SCRIPT [--ratio R] [--fast 1]
 // The browser that uses the profile directory has an open debugging port.
 #include <unistd.h>
 
@@ -20,14 +20,6 @@ using namespace vision;
 namespace asio = boost::asio;
 
 namespace {
-
-// Text, shapes and a gradient: neither flat nor noise.
-constexpr const char* draw = R"js((() => {
-  const cells = [...Array(400).keys()].map((i) =>
-    `<div style="display:inline-block;width:96px;height:30px;margin:2px;border-radius:6px;font:13px sans-serif;` +
-    `background:linear-gradient(${i}deg, hsl(${i * 7} 60% 80%), hsl(${i * 11} 40% 60%))">item ${i * i}</div>`);
-  document.body.innerHTML = cells.join("");
-})())js";
 
 std::string wait_for_port(const std::filesystem::path& profile) {
   for (std::string line;;) {
@@ -67,7 +59,8 @@ asio::awaitable<void> run(const bench::Arguments& arguments, boost::json::object
   auto browser = co_await chromium::connect("http://127.0.0.1:" + port);
   auto page = co_await browser->new_page(chromium::PageOptions().device_pixel_ratio(ratio));
   page->optimize_for_speed(is_fast);
-  (void)co_await page->evaluate(draw);
+  const Bytes draw = bench::read_bytes(arguments.text("draw"));
+  (void)co_await page->evaluate(std::string(draw.view()));
   chromium::DevToolsUrl url;
   url.scheme = "ws";
   url.host = "127.0.0.1";

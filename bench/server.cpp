@@ -1,7 +1,7 @@
 // A Messages API server that does as little as it can: reads a request by its
 // Content-Length, throws it away, answers with one tool call. One thread per
 // connection.
-//   server [--certificate FILE --key FILE]
+//   server [--certificate FILE --key FILE] [--mission 1]
 // Prints its port and runs until its standard input ends.
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
@@ -14,24 +14,53 @@
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "bench/support.hpp"
 
 namespace {
 
-const std::string answer_body =
-    R"({"id": "msg_bench", "type": "message", "role": "assistant", "model": "light-model", "content": [)"
-    R"({"type": "tool_use", "id": "toolu_bench", "name": "propose_action", "input": {"action": "click", )"
-    R"("x_ratio": 0.25, "y_ratio": 0.75, "reason": "The button is there.", "confidence": 0.9, )"
-    R"("next_expected_state": "A dialog is open."}}], "stop_reason": "tool_use", "stop_sequence": null, )"
-    R"("usage": {"input_tokens": 1500, "output_tokens": 80}})";
+std::string answer_with(const std::string& input) {
+  const std::string body =
+      R"({"id": "msg_bench", "type": "message", "role": "assistant", "model": "light-model", "content": [)"
+      R"({"type": "tool_use", "id": "toolu_bench", "name": "propose_action", "input": {"action": )" +
+      input +
+      R"(, "reason": "The button is there.", "confidence": 0.9, "next_expected_state": "A dialog is open."}}], )"
+      R"("stop_reason": "tool_use", "stop_sequence": null, "usage": {"input_tokens": 1500, "output_tokens": 80}})";
+  return "HTTP/1.1 200 OK\r\ncontent-type: application/json\r\nrequest-id: req_bench\r\ncontent-length: " +
+         std::to_string(body.size()) + "\r\n\r\n" + body;
+}
 
-const std::string answer =
-    "HTTP/1.1 200 OK\r\ncontent-type: application/json\r\nrequest-id: req_bench\r\ncontent-length: " +
-    std::to_string(answer_body.size()) + "\r\n\r\n" + answer_body;
+const std::string answer = answer_with(R"("click", "x_ratio": 0.25, "y_ratio": 0.75)");
+
+// The steps of the demo's mission, which each path of the server goes through.
+const std::vector<std::string> mission = {
+    answer_with(R"("scroll", "scroll_dy_ratio": 0.7)"),
+    answer_with(R"("scroll", "scroll_dy_ratio": 0.7)"),
+    answer_with(R"("click", "x_ratio": 0.24, "y_ratio": 0.56)"),
+    answer_with(R"("click", "x_ratio": 0.87, "y_ratio": 0.20)"),
+    answer_with(R"("click", "x_ratio": 0.34, "y_ratio": 0.45)"),
+    answer_with(R"("key", "key": "Control+a")"),
+    answer_with(R"("type", "text": "ana@example.org")"),
+    answer_with(R"("key", "key": "Enter")"),
+    answer_with(R"("wait", "duration_ms": 2000)"),
+    answer_with(R"("click", "x_ratio": 0.35, "y_ratio": 0.73)"),
+    answer_with(R"("declare_success")"),
+};
+bool is_mission = false;
+
+const std::string& answer_for(const std::string& request_line) {
+  if (!is_mission) return answer;
+  static std::mutex mutex;
+  static std::map<std::string, std::size_t> steps;
+  const std::lock_guard lock(mutex);
+  return mission[steps[request_line]++ % mission.size()];
+}
 
 class Plain {
  public:
@@ -91,7 +120,7 @@ bool serve_one(Stream& stream) {
     if (got <= 0) return false;
     left -= static_cast<std::size_t>(got);
   }
-  return stream.write(answer);
+  return stream.write(answer_for(text.substr(0, text.find('\r'))));
 }
 
 template <class Stream>
@@ -115,6 +144,7 @@ SSL_CTX* tls_context(const std::string& certificate, const std::string& key) {
 
 int main(int argc, char** argv) {
   const vision::bench::Arguments arguments(argc, argv);
+  is_mission = arguments.number("mission", 0) != 0;
   const std::string certificate = arguments.text("certificate");
   SSL_CTX* const context = certificate.empty() ? nullptr : tls_context(certificate, arguments.text("key"));
   std::signal(SIGPIPE, SIG_IGN);

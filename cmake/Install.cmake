@@ -103,6 +103,11 @@ function(vision_install target)
     FILE_SET HEADERS DESTINATION ${ARG_INCLUDE_PREFIX} COMPONENT development)
   install(EXPORT ${export} NAMESPACE vision::
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/vision COMPONENT development)
+  vision_install_pc(${ARG_PC} development)
+endfunction()
+
+# Installs cmake/FILE.in for pkg-config.
+function(vision_install_pc file component)
   # spdlog for its flags, and what a static library links. Not Requires.private: with
   # --static that would ask for static libraries of everything below it.
   set(PC_REQUIRES "Requires: spdlog")
@@ -113,8 +118,8 @@ function(vision_install target)
   file(RELATIVE_PATH PC_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
   file(RELATIVE_PATH PC_LIBDIR ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_LIBDIR})
   file(RELATIVE_PATH PC_INCLUDEDIR ${CMAKE_INSTALL_PREFIX} ${CMAKE_INSTALL_FULL_INCLUDEDIR})
-  configure_file(${PROJECT_SOURCE_DIR}/cmake/${ARG_PC}.in ${PROJECT_BINARY_DIR}/${ARG_PC} @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/${ARG_PC} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/${file}.in ${PROJECT_BINARY_DIR}/${file} @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${file} DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT ${component})
 endfunction()
 
 function(vision_install_package_files)

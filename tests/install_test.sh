@@ -51,6 +51,31 @@ by_pkg_config() {
   consume "by pkg-config" "$scratch/consumer"
 }
 
+# The C interface, for programs that know nothing of C++.
+in_c() {
+  local folder=$scratch/c
+  mkdir "$folder"
+  cp "$source/bindings/c/example.c" "$folder"
+  cat > "$folder/CMakeLists.txt" << 'END'
+cmake_minimum_required(VERSION 3.25)
+project(consumer C)
+find_package(vision_c 0.1 CONFIG REQUIRED)
+find_package(Threads REQUIRED)
+add_executable(by_cmake example.c)
+target_link_libraries(by_cmake PRIVATE vision::c Threads::Threads)
+END
+  {
+    cmake -G Ninja -S "$folder" -B "$folder" "-DCMAKE_PREFIX_PATH=$scratch/prefix" -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
+    cmake --build "$folder"
+    PKG_CONFIG_PATH=$(find "$scratch/prefix" -name pkgconfig) pkg-config --cflags --libs vision-c |
+      LD_RUN_PATH=$(dirname "$1") xargs cc -std=c99 -D_XOPEN_SOURCE=700 "$folder/example.c" -lpthread -o "$folder/by_pkg_config"
+  } > "$scratch/log" 2>&1 || { cat "$scratch/log"; fail "building in C failed"; }
+  for program in by_cmake by_pkg_config; do
+    "$source/tests/c/example_test.sh" "$folder/$program" "$1" "$scratch/examples/bin/vision-local-model" ||
+      fail "the program in C failed, $program"
+  done
+}
+
 # Debian packages, in a package database of their own that knows what is
 # installed here.
 as_packages() {
@@ -121,4 +146,6 @@ else
   by_cmake "by CMake" "-DCMAKE_PREFIX_PATH=$scratch/prefix"
 fi
 by_pkg_config
+c_library=$(find "$scratch/prefix" -name libvision_c.so.0.1)
+[ -z "$c_library" ] || [ -n "$sanitizers" ] || in_c "$c_library"
 echo "install_test: passed"

@@ -92,7 +92,7 @@ asio::awaitable<Output> mission(const Input& in, Options options) {
   if (const auto value = options.flag("read_only")) mission.read_only(*value);
   options.finish();
   if (const AsyncValue probe = host_function("should_abort", in.functions.should_abort, in.host)) {
-    mission.should_abort([probe]() -> asio::awaitable<bool> {
+    mission.should_abort_later([probe]() -> asio::awaitable<bool> {
       const json::value answer = co_await probe();
       co_return answer.is_bool() && answer.get_bool();
     });

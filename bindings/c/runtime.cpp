@@ -77,5 +77,6 @@ uint64_t vision_fixture_losses(void) {
 }
 
 const char* vision_version(void) {
+  static_assert(std::string_view(VISION_VERSION) == PROJECT_VERSION, "vision.h has the version of another project");
   return VISION_VERSION;
 }

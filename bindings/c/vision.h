@@ -417,7 +417,12 @@ typedef void (*vision_log)(void* host, int level, const char* line, size_t size)
 /// set before is not in a call and will not be called again.
 void vision_set_log(vision_log log, void* host, int level);
 
-/// The library's version, "0.1.0".
+/// The version that this header belongs to.
+#define VISION_VERSION "0.1.0"
+
+/// The library's version. A host that may find another library than it was compiled for
+/// compares it with VISION_VERSION before anything else: structures, options and the
+/// members of results may differ between two versions.
 const char* vision_version(void);
 
 #ifdef __cplusplus

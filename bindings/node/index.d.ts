@@ -300,7 +300,7 @@ export type LogLevel = 'debug' | 'info' | 'warning' | 'error';
 /**
  * Sends the library's log lines of the level, "info" by default, and above to a function,
  * for the whole process: of several threads, the last that has set one gets them. Null takes
- * this thread's back; without any, the lines go to standard output.
+ * this thread's back; without any, the lines go to standard error.
  */
 export function setLog(log: ((level: LogLevel, line: string) => void) | null, options?: { level?: LogLevel }): void;
 

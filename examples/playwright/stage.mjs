@@ -10,29 +10,30 @@ import { setLog, setModelRegistry } from '@velmora/vision';
 
 async function startModel() {
   const program = process.env.VISION_LOCAL_MODEL;
-  if (!program) return { lightModel: 'claude-haiku-5-5', heavyModel: 'claude-opus-5', stop() {} };
+  if (!program) return { isLocal: false, lightModel: 'claude-haiku-5-5', heavyModel: 'claude-opus-5', stop() {} };
   const model = spawn(program, { stdio: ['ignore', 'pipe', 'inherit'] });
+  process.on('exit', () => model.kill());
   const lines = createInterface(model.stdout);
   const [url] = await Promise.race([once(lines, 'line'), once(model, 'exit').then(([code]) => {
     throw new Error(`${program} ended with ${code}`);
   })]);
   process.env.ANTHROPIC_BASE_URL = url;
   process.env.ANTHROPIC_API_KEY = 'any-key';
-  return { lightModel: 'local', heavyModel: 'local', stop: () => model.kill() };
+  return { isLocal: true, lightModel: 'local-ocr', heavyModel: 'local-ocr', stop: () => model.kill() };
 }
 
-/// Runs an example on a new page.
+/// Runs an example on a new page, with the models that it uses.
 export async function play(example, viewport = { width: 1280, height: 800 }) {
   setLog((level, line) => process.stderr.write(`${level}: ${line}\n`), { level: 'warning' });
   const { stop, ...models } = await startModel();
   try {
-    setModelRegistry(models);
+    setModelRegistry({ lightModel: models.lightModel, heavyModel: models.heavyModel });
     const browser = await chromium.launch({
       executablePath: process.env.CHROMIUM ?? '/usr/bin/chromium',
       chromiumSandbox: process.getuid() !== 0, // root has none
     });
     try {
-      await example(await browser.newPage({ viewport }));
+      await example(await browser.newPage({ viewport }), models);
     } finally {
       await browser.close();
     }

@@ -24,8 +24,8 @@ extern char** environ;
 #define OPEN "{" CONTEXT "}"
 #define PATIENT "{" CONTEXT ", \"timeout_s\": 1e5}"
 #define TRUTH "{" CONTEXT ", \"hotspot_id\": \"h\", \"dom_ground_truth\": {\"z\": 1, \"a\": null}}"
+#define DO(result) "{\"result\": " result ", " META "}"
 #define KEYLESS "{\"result\": {\"action\": \"key\"}, " META "}"
-#define EVERYTHING "screenshot evaluate viewport_size mouse_click create on_action"
 #define NO_AGENT "null" /* from a host without cua_fallback */
 /* Numbers that a careless reader changes, members that it sorts, and half a character. */
 #define VALUE                                                                                                   \
@@ -57,9 +57,10 @@ enum fault { NONE, FAIL, FAIL_ONCE, NEVER, TWICE, WRONG, GARBAGE };
 typedef struct host {
   const char* faulty; /* names of the functions that misbehave, and how */
   enum fault fault;
+  const char* failing;                      /* a function that always fails, whatever the fault; null: none */
   const char* const* model;                 /* inputs of the tool, or "!KIND" for an error */
   const char* value;                        /* what evaluate, primary_fn and the agents give; null: a number */
-  int stop_at;                              /* the call at which `stop` happens; 0: none */
+  int stop_at;                              /* the call at which `stop` happens; 0: none; -1: one that hangs */
   void (*stop)(struct host*, vision_reply); /* instead of an answer */
   int at_once;                              /* answers in the callback */
 
@@ -175,10 +176,12 @@ static void answer(host* h, const char* function, vision_reply reply, const char
   const int call = ++h->calls;
   pthread_cond_broadcast(&h->changed);
   const int is_faulty = h->faulty && strstr(h->faulty, function) && !(h->fault == FAIL_ONCE && h->failed++);
-  const enum fault fault = !is_faulty ? NONE : h->fault == FAIL_ONCE ? FAIL : h->fault;
-  if (fault == NEVER && h->unanswered_count < 8) h->unanswered[h->unanswered_count++] = reply;
+  const int is_failing = h->failing && strcmp(h->failing, function) == 0;
+  const enum fault fault = is_failing ? FAIL : !is_faulty ? NONE : h->fault == FAIL_ONCE ? FAIL : h->fault;
+  const int is_stop = call == h->stop_at || (h->stop_at < 0 && fault == NEVER);
+  if (fault == NEVER && !is_stop && h->unanswered_count < 8) h->unanswered[h->unanswered_count++] = reply;
   pthread_mutex_unlock(&h->mutex);
-  if (call == h->stop_at) {
+  if (is_stop) {
     h->stop(h, reply);
     return;
   }
@@ -333,7 +336,7 @@ static const row rows[] = {
     {"act", OPEN, {CLICK}, 0, 0, "\"x_ratio\": 0.5, \"y_ratio\": 0.25, \"text\": null", ""},
     {"screenshot", "{\"full_page\": true}", {0}, 0, 0, "\"height_css\": 800, \"dpr\": 2.0", "full page, "},
     {"ask", "{" META ", " CONTEXT ", \"transport_retry\": false}", {SUCCESS}, 0, 0, "\"declare_success\""},
-    {"execute_action", "{\"result\": " CLICK ", " META "}", {0}, 0, 0, "null", "click 640 200, "},
+    {"execute_action", DO(CLICK), {0}, 0, 0, "null", "click 640 200, "},
     {"execute_action", KEYLESS, {0}, 0, 0, "invalid_argument: key action requires key", ""},
     {"act_loop", MISSION, {WAIT, SUCCESS}, 0, 0, "\"action\": \"declare_success\"", ""},
     {"observe_only", TRUTH, {CLICK}, 0, 0, "\"dom_ground_truth\": {\"z\": 1, \"a\": null}", ""},
@@ -344,15 +347,12 @@ static const row rows[] = {
     {"with_vision_fallback", OPEN, {ESCALATE}, "primary_fn", FAIL, "\"agent\", \"value\": \"by the agent\""},
     {"with_vision_fallback", OPEN, {ESCALATE}, "primary_fn", FAIL, "StepError: it broke", "", NO_AGENT},
     {"with_vision_fallback", OPEN, {CLICK}, "primary_fn mouse_click", FAIL, "StepError: it broke"},
-    {"with_vision_fallback", OPEN, {CLICK}, EVERYTHING, TWICE, "\"step\""},
     {"shadow_observe_then_cua", MISSION, {CLICK}, "cua_fn", FAIL, "StepError: it broke", "", 0, VISION_CUA_ORIGIN},
     {"act_loop", MISSION, {0}, 0, 0, "aborted by caller before step 1", "", "true"},
     {"act_loop", MISSION, {SUCCESS}, "should_abort", FAIL, "declare_success", "", "true"},
     {"act_loop", MISSION, {0}, "viewport_size", GARBAGE, "the answer to viewport_size cannot be read as JSON"},
     {"act_loop", MISSION, {0}, "should_abort screenshot", NEVER, "act step 1 timed out", "", 0, 0, 1},
-    {"act", OPEN, {0}, "screenshot", FAIL, "StepError: it broke"},
     {"act", OPEN, {0}, "viewport_size", WRONG, "invalid_argument: viewport_size must be answered with a value"},
-    {"act", OPEN, {CLICK}, "on_action", FAIL, "\"click\""},
     {"act", OPEN, {"!BadRequestError"}, 0, 0, "unexpected error: BadRequestError: it broke"},
     {"act", PATIENT, {"!RateLimitError", CLICK}, 0, 0, "\"click\"", "", 0, 0, 1},
     {"act", PATIENT, {"!APITimeoutError", "!GatewayBusy"}, 0, 0, "transport error: GatewayBusy: it broke", "", 0, 0, 1},
@@ -467,6 +467,51 @@ static void test_cancellation(void) {
       is_over = at > 0 && h.calls < at;
       const int is_cancelled = (h.flags & VISION_CANCELLED) && strncmp(h.text, "Cancelled", 9) == 0;
       CHECK(at == 0 || is_cancelled != is_over, "%s, call %d: %s", modes[m].operation, at, h.text);
+    }
+  }
+  vision_runtime_free(runtime);
+}
+
+/* ---- every function of the host's, with every fault; one that never answers is cancelled */
+
+static void test_faults(void) {
+  static const struct {
+    const char *function, *operation, *options, *model[3], *on_failure, *failing;
+  } places[] = {
+      {"screenshot", "act", OPEN, {CLICK}, "StepError: it broke"},
+      {"evaluate", "act", OPEN, {CLICK}, "\"click\""},
+      {"viewport_size", "act", OPEN, {CLICK}, "StepError: it broke"},
+      {"create", "act", OPEN, {CLICK}, "unexpected error: StepError: it broke"},
+      {"on_action", "act", OPEN, {CLICK}, "\"click\""},
+      {"mouse_click", "execute_action", DO(CLICK), {0}, "StepError: it broke"},
+      {"mouse_wheel", "execute_action", DO("{\"action\": \"scroll\"}"), {0}, "StepError: it broke"},
+      {"keyboard_type", "execute_action", DO("{\"action\": \"type\", \"text\": \"a\"}"), {0}, "StepError: it broke"},
+      {"keyboard_press", "execute_action", DO("{\"action\": \"key\", \"key\": \"a\"}"), {0}, "StepError: it broke"},
+      {"should_abort", "act_loop", MISSION, {SUCCESS}, "declare_success"},
+      {"primary_fn", "with_vision_fallback", OPEN, {ESCALATE}, "by the agent"},
+      {"cua_fallback", "with_vision_fallback", OPEN, {ESCALATE}, "StepError: it broke", "primary_fn"},
+      {"cua_fn", "shadow_observe_then_cua", MISSION, {CLICK}, "StepError: it broke"},
+  };
+  vision_runtime* runtime = vision_runtime_new();
+  for (size_t i = 0; i < sizeof places / sizeof *places; ++i) {
+    for (int fault = NONE; fault <= GARBAGE; ++fault) {
+      for (int at_once = 0; at_once < 2; ++at_once) {
+        host h;
+        host_init(&h);
+        h.faulty = places[i].function;
+        h.failing = places[i].failing;
+        h.fault = (enum fault)fault;
+        h.model = places[i].model;
+        h.at_once = at_once;
+        if (fault == NEVER) {
+          h.stop_at = -1;
+          h.stop = cancel;
+        }
+        run_to_end(runtime, &h, places[i].operation, places[i].options, &with_agent);
+        const char* says = fault == FAIL ? places[i].on_failure : fault == NEVER ? "Cancelled" : "";
+        CHECK(strstr(h.text, says), "%s, fault %d: %s", places[i].function, fault, h.text);
+        CHECK(fault != TWICE || !strstr(h.text, "it broke"), "%s: %s", places[i].function, h.text);
+      }
     }
   }
   vision_runtime_free(runtime);
@@ -748,6 +793,7 @@ int main(int argc, char** argv) {
     test_rows();
     test_metrics_and_log();
     test_cancellation();
+    test_faults();
     test_threads();
     test_end();
     test_exits(argv[0]);

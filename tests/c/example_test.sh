@@ -15,7 +15,8 @@ model=$!
 scratch=$(mktemp -d)
 trap 'kill $model; rm -rf "$scratch"' EXIT
 read -r ANTHROPIC_BASE_URL <&3 || fail "the local model did not start"
-export ANTHROPIC_BASE_URL ANTHROPIC_API_KEY=any no_proxy='*'
+# Character recognition takes long on a busy machine.
+export ANTHROPIC_BASE_URL ANTHROPIC_API_KEY=any no_proxy='*' KX_VISION_TIMEOUT_S=600
 cd "$scratch"
 page="data:text/html,<body style='font:32px DejaVu Sans'><p><button style='font:32px DejaVu Sans;padding:12px 24px' "
 page+="onclick='state.textContent=this.name' name='Link: panel-42'>Share</button><p id='state'>Nobody else can see it"

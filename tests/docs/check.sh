@@ -1,16 +1,16 @@
 #!/usr/bin/env bash
 # Checks README.md, CONTRIBUTING.md, docs/ and bindings/ against the code. A comment directly
 # before a fenced block says what the block must be:
-#   <!-- path -->        cpp: the whole file;  <!-- path#name -->  the piece of it
+#   <!-- path -->        a program: the whole file;  <!-- path#name -->  the piece of it
 #                        between two "// [name]" lines, without their indentation
 #   <!-- run -->         sh: run in a directory that holds the sample log
 #                        logs/vision_shadow.jsonl and the log lines vision.log
-#   <!-- shown: why -->  sh or cpp: not run
+#   <!-- shown: why -->  not run
 #   <!-- output -->      exactly what the commands before it print
 #   <!-- run by path -->  by that program of the tests
 #   <!-- record -->      every line stands in the sample log
 #   <!-- log -->         every line stands in the sample log lines
-# Every cpp and sh block needs one. Links between files must lead somewhere.
+# Every c, cpp, js, python and sh block needs one. Links between files must lead somewhere.
 #   check.sh PROJECT_FOLDER SAMPLES_PROGRAM
 set -euo pipefail
 unset KX_VISION_TIMEOUT_S  # the samples show the default
@@ -69,15 +69,15 @@ check_blocks() { # PAGE
   while IFS=$'\t' read -r number line language mark; do
     place="$1:$line"
     case "$language|$mark" in
-      'c|shown: '* | 'cpp|shown: '* | 'sh|shown: '*) ;;
+      'c|shown: '* | 'cpp|shown: '* | 'js|shown: '* | 'python|shown: '* | 'sh|shown: '*) ;;
       'sh|run') run_commands "$place" "$scratch/blocks/$number" "$scratch/world" ;;
       *'|run by '*) [ -x "$project/${mark#run by }" ] || mistake "$place: no program ${mark#run by }" ;;
       *'|output') diff -u "$scratch/blocks/$number" "$scratch/output" || mistake "$place: the output differs" ;;
       *'|record') check_lines "$place" "$scratch/blocks/$number" "$scratch/world/logs/vision_shadow.jsonl" ;;
       *'|log') check_lines "$place" "$scratch/blocks/$number" "$scratch/world/vision.log" ;;
-      'cpp|') mistake "$place: a cpp block without a comment that names its source" ;;
+      'c|' | 'cpp|' | 'js|' | 'python|') mistake "$place: a $language block without a comment that names its source" ;;
       'sh|'*) mistake "$place: an sh block that is neither run nor shown" ;;
-      'c|'* | 'cpp|'*) check_program "$place" "$scratch/blocks/$number" "$mark" ;;
+      'c|'* | 'cpp|'* | 'js|'* | 'python|'*) check_program "$place" "$scratch/blocks/$number" "$mark" ;;
       *'|') ;;
       *) mistake "$place: \"$mark\" is not a mark of a $language block" ;;
     esac

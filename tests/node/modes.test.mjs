@@ -6,7 +6,7 @@ import path from 'node:path';
 import { AsyncLocalStorage } from 'node:async_hooks';
 import test from 'node:test';
 import * as vision from '@velmora/vision';
-import { flowContext, makePage, never, png, records, response, serveModel, site } from './support.mjs';
+import { flowContext, makePage, png, records, response, serveModel, site } from './support.mjs';
 
 const click = { action: 'click', x_ratio: 0.5, y_ratio: 0.25 };
 const success = { action: 'declare_success' };
@@ -87,17 +87,30 @@ test('what the host\'s functions return and throw comes back as the very same', 
   close();
 });
 
-test('a page\'s faults are the steps\' failures', async () => {
+test('a page\'s faults are the steps\' failures, or come back as they were', async () => {
   const { client, close } = await serveModel(click);
   for (const [faults, says] of [
-    [{ screenshot() { throw new TypeError('shut'); } }, /TypeError: shut/],
     [{ screenshot: async () => 'no bytes' }, /TypeError: page.screenshot\(\) must resolve to a Buffer/],
-    [{ viewportSize() { throw new RangeError('size'); } }, /RangeError: size/],
+    [{ viewportSize: () => 7n }, /TypeError: .*BigInt/],
     [{ click: async () => { throw new (class AgentError2 extends Error {})('covered'); } }, /AgentError: covered/],
   ]) {
     const verdict = await vision.actLoop(makePage(faults), { ...site, vision: client });
     assert.equal(verdict.action, 'escalate_to_cua');
     assert.match(verdict.reason, says);
+  }
+  const execute = (result) => (page) => vision.executeAction(page, result, imgMeta);
+  for (const [name, call] of Object.entries({
+    screenshot: (page) => client.screenshot(page),
+    viewportSize: (page) => client.act(page, { flowContext }),
+    click: execute({ action: 'click', xRatio: 0, yRatio: 0 }),
+    wheel: execute({ action: 'scroll' }),
+    type: execute({ action: 'type', text: 'a' }),
+    press: execute({ action: 'key', key: 'a' }),
+  })) {
+    const mine = new RangeError(name);
+    for (const fault of [() => { throw mine; }, () => ({ then: (_, reject) => { reject(mine); reject(new Error('twice')); } })]) {
+      assert.equal(await call(makePage({ [name]: fault })).then(assert.fail, (error) => error), mine);
+    }
   }
   close();
 });
@@ -106,20 +119,36 @@ test('a signal ends a call wherever it waits, with its reason', async () => {
   const hanging = await serveModel(undefined);
   const acting = await serveModel(click);
   const reached = [];
-  const hang = (name) => () => { reached.push(name); stop.abort(reason); return never(); };
+  const late = []; // answers that come after the end
   let stop;
   let reason;
+  const hang = (name, value) => () => {
+    reached.push(name);
+    stop.abort(reason);
+    return new Promise((resolve) => late.push(() => resolve(value)));
+  };
+  const at = (name, value) => makePage({ [name]: hang(name, value) });
+  const look = (name, value) => (options) => vision.actLoop(at(name, value), { ...options, vision: acting.client });
+  const act = (name, result) => ({ signal }) => vision.executeAction(at(name), result, imgMeta, { signal });
+  const hooked = new vision.VisionClient({ create: async () => response(click), onAction: hang('onAction') });
   const calls = {
-    screenshot: (options) => vision.actLoop(makePage({ screenshot: hang('screenshot') }), { ...options, vision: acting.client }),
-    viewportSize: (options) => vision.observeOnly(makePage({ viewportSize: hang('viewportSize') }), { ...options, vision: acting.client }),
-    click: (options) => vision.actLoop(makePage({ click: hang('click') }), { ...options, vision: acting.client }),
-    shouldAbort: (options) => vision.actLoop(makePage(), { ...options, vision: acting.client, shouldAbort: hang('shouldAbort') }),
+    screenshot: look('screenshot', png),
+    viewportSize: look('viewportSize', null),
+    evaluate: look('evaluate', 2),
+    click: act('click', { action: 'click', xRatio: 0, yRatio: 0 }),
+    wheel: act('wheel', { action: 'scroll' }),
+    type: act('type', { action: 'type', text: 'a' }),
+    press: act('press', { action: 'key', key: 'a' }),
+    create: (options) => vision.observeOnly(makePage(), { ...options, vision: new vision.VisionClient({ create: hang('create', response(click)) }) }),
+    onAction: (options) => vision.observeOnly(makePage(), { ...options, vision: hooked }),
+    shouldAbort: (options) => vision.actLoop(makePage(), { ...options, vision: acting.client, shouldAbort: hang('shouldAbort', true) }),
     cuaFn: (options) => vision.shadowObserveThenCua(makePage(), hang('cuaFn'), { ...options, vision: acting.client }),
-    primaryFn: (options) => vision.withVisionFallback(makePage(), hang('primaryFn'), { flowContext, signal: options.signal, vision: acting.client }),
-    wait: (options) => vision.executeAction(makePage({ click: hang('wait') }), { action: 'click', xRatio: 0, yRatio: 0 }, imgMeta, { signal: options.signal }),
-    model: (options) => {
+    primaryFn: ({ signal }) => vision.withVisionFallback(makePage(), hang('primaryFn'), { flowContext, signal, vision: acting.client }),
+    cuaFallback: ({ signal }) => vision.withVisionFallback(at('click'), assert.fail,
+      { flowContext, signal, vision: new vision.VisionClient({ create: async () => response({ action: 'escalate_to_cua' }) }), cuaFallback: hang('cuaFallback') }),
+    model: ({ signal }) => {
       hanging.asked().then(hang('model'));
-      return hanging.client.ask(png, { imgMeta, flowContext, signal: options.signal });
+      return hanging.client.ask(png, { imgMeta, flowContext, signal });
     },
   };
   for (const [name, call] of Object.entries(calls)) {
@@ -128,6 +157,7 @@ test('a signal ends a call wherever it waits, with its reason', async () => {
     assert.equal(await call({ ...site, signal: stop.signal }).then(assert.fail, (error) => error), reason);
     assert.equal(getEventListeners(stop.signal, 'abort').length, 0);
   }
+  for (const answer of late) answer();
   assert.deepEqual(reached, Object.keys(calls));
 
   const { signal } = new AbortController();

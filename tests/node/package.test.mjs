@@ -31,15 +31,17 @@ test('the tarball installs and runs, from an ES module and from CommonJS', () =>
   assert.deepEqual(exported.trim().split(','), names);
 });
 
-test('it says what is missing', () => {
-  const libraries = path.join(installed, 'prebuilds/linux-x64');
-  const library = readFileSync(path.join(libraries, 'libvision_c.so.0.1'));
-  library.write('libcurl.so.9\0', library.indexOf('libcurl.so.4\0'));
-  writeFileSync(path.join(libraries, 'libvision_c.so.0.1'), library);
-  for (const [before, says] of [
-    ['', /the system library libcurl.so is missing; on Debian: apt-get install libcurl4 .*libcurl.so.9/],
-    [`Object.defineProperty(process, 'arch', { value: 'arm64' });`, /no binary for linux-arm64, only for linux-x64/],
+test('it says what is missing or does not fit', () => {
+  const file = path.join(installed, 'prebuilds/linux-x64/libvision_c.so.0.1');
+  const library = readFileSync(file);
+  for (const [name, other, before, says] of [
+    ['libcurl.so.4', 'libcurl.so.9', '', /the system library libcurl.so is missing; on Debian: apt-get install libcurl4 .*libcurl.so.9/],
+    ['\x000.1.0', '\x000.1.9', '', /it needs libvision_c 0.1.0 and found 0.1.9/],
+    ['', '', `Object.defineProperty(process, 'arch', { value: 'arm64' });`, /no binary for linux-arm64, only for linux-x64/],
   ]) {
+    const changed = Buffer.from(library);
+    changed.write(`${other}\0`, library.indexOf(`${name}\0`));
+    writeFileSync(file, changed);
     const { status, stderr } = spawnSync(process.execPath, ['-e', `${before} require('@velmora/vision')`], { cwd: folder, encoding: 'utf8' });
     assert.equal(status, 1);
     assert.match(stderr, says);

@@ -3,7 +3,7 @@ import assert from 'node:assert/strict';
 import test, { after, before } from 'node:test';
 import { chromium } from 'playwright-core';
 import * as vision from '@velmora/vision';
-import { flowContext, serveModel, site } from './support.mjs';
+import { serveModel, site } from './support.mjs';
 
 let browser;
 before(async () => { browser = await chromium.launch({ executablePath: '/usr/bin/chromium', args: ['--no-sandbox'] }); });
@@ -32,16 +32,6 @@ for (const [name, options] of [
     close();
   });
 }
-
-test('a stale selector is rescued', async () => {
-  const { client, close } = await serveModel(steps[0]);
-  const page = await browser.newPage({ viewport: { width: 800, height: 600 } });
-  await page.setContent('<button style="position:fixed;inset:0" onclick="this.id=\'there\'">Go</button>');
-  const step = () => page.locator('#there').textContent({ timeout: 100 });
-  assert.deepEqual(await vision.withVisionFallback(page, step, { flowContext, vision: client }),
-    { way: 'rescued', value: 'Go' });
-  close();
-});
 
 test('a page that closes in the middle', async () => {
   for (const closes of ['before', 'while the model is asked']) {

@@ -48,7 +48,7 @@ export function makePage(faults = {}) {
   return {
     done,
     screenshot: async () => (faults.screenshot ? faults.screenshot() : png),
-    evaluate: async () => 1,
+    evaluate: async () => (faults.evaluate ? faults.evaluate() : 1),
     viewportSize: () => (faults.viewportSize ? faults.viewportSize() : { width: 1000, height: 500 }),
     mouse: { click: act('click'), wheel: act('wheel') },
     keyboard: { type: act('type'), press: act('press') },

@@ -35,8 +35,16 @@ def act_loop(hang, page, client):
     return vision.act_loop(page, vision=client, **SITE)
 
 
+def execute(action, **more):
+    result = vision.ActionResult(action, "", 1.0, "", **more)
+    return lambda hang, page, client: vision.execute_action(page, result, META)
+
+
 # Where it hangs, and the operation that gets there.
 AWAITS = {
+    "wheel": execute("scroll"),
+    "type": execute("type", text="a"),
+    "press": execute("key", key="a"),
     "screenshot": act_loop,
     "evaluate": act_loop,
     "create": act_loop,
@@ -62,7 +70,9 @@ class EventLoops(unittest.TestCase):
             hook = hang if where == "on_action" else None
             client = vision.VisionClient(messages_client=Model(answer), on_action=hook)
             task = asyncio.ensure_future(operation(hang, page, client))
-            await hang.entered.wait()
+            entered = asyncio.ensure_future(hang.entered.wait())
+            await asyncio.wait({task, entered}, return_when=asyncio.FIRST_COMPLETED)
+            self.assertFalse(task.done(), "it ended before it came to the place")
             task.cancel()
             with self.assertRaises(asyncio.CancelledError):
                 await task

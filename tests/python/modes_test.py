@@ -56,15 +56,25 @@ class Modes:
         def fails():
             raise mine
 
-        click = vision.ActionResult("click", "", 1.0, "", x_ratio=0.5, y_ratio=0.5)
-        execute = lambda: self.kind.run(self.kind.of.execute_action, self.kind.Page(click=fails), click, META)
+        def execute(name, action, **more):
+            result = vision.ActionResult(action, "", 1.0, "", **more)
+            page = self.kind.Page(**{name: fails})
+            return name, lambda: self.kind.run(self.kind.of.execute_action, page, result, META), False
+
         step = self.kind.function(fails)
         unsure = [proposal("click", 0.3)]
         fallback = lambda: self.call(
             "with_vision_fallback", self.kind.Page(), step, answers=unsure, flow_context=CONTEXT
         )
         shadow = lambda: self.call("shadow_observe_then_cua", self.kind.Page(), step, answers=unsure, **SITE)
-        for name, call, is_cua in (("page", execute, False), ("step", fallback, False), ("agent", shadow, True)):
+        for name, call, is_cua in (
+            execute("click", "click", x_ratio=0.5, y_ratio=0.5),
+            execute("wheel", "scroll"),
+            execute("type", "type", text="a"),
+            execute("press", "key", key="a"),
+            ("step", fallback, False),
+            ("agent", shadow, True),
+        ):
             with self.subTest(name):
                 mine.__traceback__ = None
                 try:

@@ -18,8 +18,7 @@ from support import LOG, Async, Sync
 
 FOLDER = pathlib.Path(__file__).resolve().parent.parent / "parity"
 TABLE = FOLDER / "cases.json"
-CASES = json.loads(TABLE.read_text())
-CONTEXT = {"workflow_name": "share", "phase": 2, "platform": "acme", "current_step": "click Share", "attempts": 1}
+CONTEXT, CASES = json.loads(TABLE.read_text()).values()
 NAMES = {"click": "mouse_click", "wheel": "mouse_wheel", "type": "keyboard_type", "press": "keyboard_press"}
 
 
@@ -64,13 +63,21 @@ def play(kind, url, number):
 
     functions = {name: host_function(name) for name in case.get("host", {})}
     positional = [functions.pop(name) for name in ("primary_fn", "cua_fn") if name in functions]
-    site = {} if case["operation"] == "with_vision_fallback" else {"hotspot_id": "share-dialog", "run_id": "run-1"}
     client = kind.Client(api_key="any", base_url=f"{url}/{kind.__name__}/{number}", **case.get("client", {}))
     before = os.path.getsize(LOG) if os.path.exists(LOG) else 0
     ending = {}
     try:
-        value = kind.run(getattr(kind.of, case["operation"]), page, *positional, flow_context=CONTEXT, vision=client,
-                         **site, **functions, **case.get("options", {}))  # fmt: skip
+        options = {**functions, **case.get("options", {})}
+        if case["operation"] == "execute_action":
+            value = kind.run(kind.of.execute_action, page, vision.ActionResult(**options["result"]),
+                             vision.ImgMeta(**options["img_meta"]))  # fmt: skip
+        elif case["operation"] == "act":
+            value = kind.run(client.act, page, CONTEXT, **options)
+        else:
+            if case["operation"] != "with_vision_fallback":
+                options.update(hotspot_id="share-dialog", run_id="run-1")
+            operation = getattr(kind.of, case["operation"])
+            value = kind.run(operation, page, *positional, flow_context=CONTEXT, vision=client, **options)
         if isinstance(value, vision.ActionResult):
             value = {**vars(value), "latency_ms": 0}
         if case["operation"] == "observe_only":
@@ -113,8 +120,9 @@ if __name__ == "__main__":
         for number, case in enumerate(CASES):
             case["ends"] = play(Async, url, number)
         server.kill()
-        text = ["{" + ",\n  ".join(f'"{key}": {json.dumps(value, ensure_ascii=False)}' for key, value in case.items() if value)
+        lines = ["{" + ",\n  ".join(f'"{key}": {json.dumps(value, ensure_ascii=False)}' for key, value in case.items() if value)
                 + "}" for case in CASES]  # fmt: skip
-        TABLE.write_text("[\n" + ",\n".join(text) + "\n]\n")
+        head = json.dumps(CONTEXT, ensure_ascii=False)
+        TABLE.write_text(f'{{"flow_context": {head},\n"cases": [\n' + ",\n".join(lines) + "\n]}\n")
     else:
         unittest.main()

@@ -5,7 +5,6 @@ import ast
 import importlib.util
 import os
 import pathlib
-import re
 import subprocess
 import sys
 import tempfile
@@ -134,15 +133,19 @@ class Processes(unittest.TestCase):
                 for sign in ("Exception ignored", "Fatal", "never retrieved"):
                     self.assertNotIn(sign, ended.stderr)
 
-    def test_a_missing_library(self):
-        with open(os.environ["VELMORA_VISION_LIBRARY"], "rb") as library, tempfile.NamedTemporaryFile() as broken:
-            broken.write(re.sub(rb"\0libcurl\.so\.4\0", b"\0libcurl.so.9\0", library.read()))
-            broken.flush()
-            for path, problem in (
-                (broken.name, r"needs the system library libcurl.so.9, .*apt install libcurl4"),
-                ("/nowhere/libvision_c.so", r"cannot load its library /nowhere/libvision_c.so"),
-            ):
-                self.assertRegex(run("import velmora_vision", VELMORA_VISION_LIBRARY=path).stderr, problem)
+    def test_a_library_that_does_not_fit(self):
+        library = pathlib.Path(os.environ["VELMORA_VISION_LIBRARY"]).read_bytes()
+        for name, other, problem in (
+            (b"\0libcurl.so.4\0", b"\0libcurl.so.9\0", r"needs the system library libcurl.so.9, .*apt install libcurl4"),
+            (b"\x000.1.0\0", b"\x000.1.9\0", r"velmora_vision 0.1.0 needs the library of its version, but .* is 0.1.9"),
+            (b"\0vision_start\0", b"\0vision_stark\0", r"undefined symbol: vision_start"),
+            (library[:4], b"text", r"cannot load its library .*invalid ELF header"),
+        ):
+            with self.subTest(other), tempfile.NamedTemporaryFile() as broken:
+                self.assertIn(name, library)
+                broken.write(library.replace(name, other))
+                broken.flush()
+                self.assertRegex(run("import velmora_vision", VELMORA_VISION_LIBRARY=broken.name).stderr, problem)
 
 
 if __name__ == "__main__":

@@ -56,8 +56,8 @@ class ActLoopOptions {
     return *this;
   }
   /// The same, answered later: what has not answered within the time limit of a step
-  /// counts as false. Asked when no other is given.
-  ActLoopOptions& should_abort(std::function<boost::asio::awaitable<bool>()> value) & {
+  /// counts as false. Asked when `should_abort` is not set.
+  ActLoopOptions& should_abort_later(std::function<boost::asio::awaitable<bool>()> value) & {
     should_abort_later_ = std::move(value);
     return *this;
   }
@@ -77,8 +77,8 @@ class ActLoopOptions {
   ActLoopOptions high_stakes(bool value) && { return std::move(high_stakes(value)); }
   ActLoopOptions max_steps(std::int64_t value) && { return std::move(max_steps(value)); }
   ActLoopOptions should_abort(std::function<bool()> value) && { return std::move(should_abort(std::move(value))); }
-  ActLoopOptions should_abort(std::function<boost::asio::awaitable<bool>()> value) && {
-    return std::move(should_abort(std::move(value)));
+  ActLoopOptions should_abort_later(std::function<boost::asio::awaitable<bool>()> value) && {
+    return std::move(should_abort_later(std::move(value)));
   }
   ActLoopOptions read_only(bool value) && { return std::move(read_only(value)); }
   ///@}

@@ -2,6 +2,7 @@
 #include <napi.h>
 
 #include <string>
+#include <string_view>
 
 #include "bindings/node/src/clients.hpp"
 #include "bindings/node/src/environment.hpp"
@@ -29,6 +30,9 @@ Napi::Value fixture_losses(const Napi::CallbackInfo& info) {
 }
 
 Napi::Object initialise(Napi::Env env, Napi::Object exports) {
+  if (std::string_view(vision_version()) != VISION_VERSION) {  // structures and names may differ
+    throw Napi::Error::New(env, "it needs libvision_c " VISION_VERSION " and found " + std::string(vision_version()));
+  }
   const auto add = [&](const char* name, auto function) {
     exports.Set(name, Napi::Function::New(env, function, name));
   };

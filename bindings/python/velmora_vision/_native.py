@@ -7,6 +7,8 @@ import os
 from ctypes import CFUNCTYPE, POINTER, Structure, c_char_p, c_double, c_int, c_size_t, c_uint, c_uint64, c_void_p
 from typing import Optional
 
+from ._version import VERSION
+
 CANCELLED, CUA_ORIGIN, TRANSPORT_ERROR = 1, 2, 4
 LOG_DEBUG, LOG_INFO, LOG_WARNING, LOG_ERROR = 1, 2, 3, 4
 
@@ -157,6 +159,10 @@ def _load() -> ctypes.CDLL:
             function.restype, function.argtypes = result, arguments
     except (OSError, AttributeError) as error:
         raise ImportError(_explain(path, str(error)), name="velmora_vision", path=path) from None
+    version = library.vision_version().decode()
+    if version != VERSION:  # structures and names may differ
+        problem = f"velmora_vision {VERSION} needs the library of its version, but {path} is {version}"
+        raise ImportError(problem, name="velmora_vision", path=path)
     return library
 
 
