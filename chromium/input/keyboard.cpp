@@ -53,7 +53,9 @@ class PageKeyboard::HeldKeys {
     const Key key = std::move(keys_.back());
     keys_.pop_back();
     modifiers_ = 0;
-    for (const Key& other : keys_) modifiers_ |= other.modifier;
+    for (const Key& other : keys_) {
+      if (other.code != key.code) modifiers_ |= other.modifier;  // not of a key that repeated
+    }
     return key_event("keyUp", key, modifiers_);
   }
 
