@@ -75,6 +75,7 @@ asio::awaitable<void> ChromiumPage::measure(runtime::Duration limit, bool wait_f
 }
 
 void ChromiumPage::handle_event(std::string_view method, const json::object& params) {
+  if (method == "Page.frameNavigated" && !object_of(params, "frame").contains("parentId")) mouse_->document_changed();
   if (method == "Page.javascriptDialogOpening") {
     if (owner_ == Owner::us) return answer_dialog(*session_, params);
     constexpr std::size_t max_message = 100;

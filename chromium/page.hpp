@@ -15,6 +15,7 @@ namespace vision::chromium {
 
 class FontWait;
 class LoadWaiter;
+class PageMouse;
 class Session;
 
 /// A page of a Chromium browser, returned by Browser::new_page or Browser::attach.
@@ -66,12 +67,20 @@ class ChromiumPage : public BrowserPage {
   /// time of attach() or of the last screenshot; std::nullopt if the page did not respond.
   std::optional<boost::json::object> viewport_size() override;
 
-  /// A click completes when the page has handled press and release. Throws
-  /// std::invalid_argument for a coordinate or delta that is not finite.
+  /// Input first brings the page to the front of its window, because a hidden page handles
+  /// none. docs/input.md tells what input can and cannot do.
+  ///
+  /// A click moves the mouse there, gives the page a frame to react to that, presses and
+  /// releases, and completes when the page has handled both: about 33 ms. Throws BrowserError,
+  /// before it moves the mouse, while a native list or picker is open (`<select>`, date,
+  /// time, colour), whose entries no click reaches, and if the page changes to another
+  /// document at that moment. Throws std::invalid_argument for a coordinate or delta that
+  /// is not finite.
   Mouse& mouse() override;
-  /// press() throws std::invalid_argument, `Unknown key: "Foo"`, before it sends
-  /// anything. type() sends characters that the US layout does not have as text without
-  /// key events, and a line end as Enter.
+  /// press() throws std::invalid_argument before it sends anything: `Unknown key: "Foo"`,
+  /// or for more than 16 keys. It also knows the names that models write for keys:
+  /// "Return", "Esc", "ctrl+a", "Page_Down". type() sends characters that the US layout
+  /// does not have as text without key events, and a line end as Enter.
   Keyboard& keyboard() override;
 
   /// Navigates to `url` and waits for the load event. Throws NavigationError if it
@@ -100,7 +109,7 @@ class ChromiumPage : public BrowserPage {
   const std::string target_id_;
   const Owner owner_;
   const std::unique_ptr<FontWait> fonts_;
-  const std::unique_ptr<Mouse> mouse_;
+  const std::unique_ptr<PageMouse> mouse_;
   const std::unique_ptr<Keyboard> keyboard_;
   std::optional<boost::json::object> viewport_;
   LoadWaiter* load_waiter_ = nullptr;  // of the latest navigate() that is in progress

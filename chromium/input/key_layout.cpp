@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <stdexcept>
+#include <utility>
 
 #include "vision/text/internal/utf8.hpp"
 
@@ -102,6 +103,47 @@ constexpr CharacterKey character_keys[] = {
     {'/', 0, "NumpadDivide", 111, 3},
 };
 
+// Other spellings that models write for keys, in lower case and without separators.
+constexpr std::pair<const char*, const char*> spellings[] = {
+    {"return", "Enter"},
+    {"kpenter", "NumpadEnter"},
+    {"esc", "Escape"},
+    {"del", "Delete"},
+    {"ins", "Insert"},
+    {"bksp", "Backspace"},
+    {"spacebar", "Space"},
+    {"up", "ArrowUp"},
+    {"down", "ArrowDown"},
+    {"left", "ArrowLeft"},
+    {"right", "ArrowRight"},
+    {"uparrow", "ArrowUp"},
+    {"downarrow", "ArrowDown"},
+    {"leftarrow", "ArrowLeft"},
+    {"rightarrow", "ArrowRight"},
+    {"pgup", "PageUp"},
+    {"pgdn", "PageDown"},
+    {"pgdown", "PageDown"},
+    {"ctrl", "Control"},
+    {"cmd", "ControlOrMeta"},
+    {"command", "ControlOrMeta"},
+    {"option", "Alt"},
+    {"altgr", "AltGraph"},
+    {"super", "Meta"},
+    {"win", "Meta"},
+    {"windows", "Meta"},
+    {"plus", "+"},
+};
+
+// "Page_Down", "page down" and "PAGEDOWN" have one spelling; "a" and "A" are two keys.
+std::string spelling_of(std::string_view name) {
+  std::string out;
+  for (const char c : name) {
+    const bool upper = c >= 'A' && c <= 'Z';
+    if (c != ' ' && c != '_' && c != '-') out += upper ? static_cast<char>(c - 'A' + 'a') : c;
+  }
+  return out;
+}
+
 // The Windows key codes of Numpad0 and F1; those of their successors follow.
 constexpr int numpad_0 = 96, f1 = 112;
 
@@ -142,11 +184,21 @@ class Layout {
     keypad_enter.location = numeric_keypad;
     names_.emplace("NumpadEnter", keypad_enter);
     names_.emplace("ControlOrMeta", names_.at("Control"));
+    for (const char* line_end : {"\n", "\r"}) names_.emplace(line_end, names_.at("Enter"));
+    for (const auto& [name, key] : names_) {
+      if (name.size() > 1) spellings_.emplace(spelling_of(name), key);
+    }
+    for (const auto& [spelling, name] : spellings) spellings_.emplace(spelling, names_.at(name));
   }
 
-  std::optional<Key> find(std::string_view name) const {
-    const auto found = names_.find(name);
-    return found == names_.end() ? std::nullopt : std::optional<Key>(found->second);
+  std::optional<Key> find(std::string_view name) const { return find_in(names_, name); }
+
+  std::optional<Key> find_leniently(std::string_view name) const {
+    if (auto key = find(name)) return key;
+    const std::size_t first = std::min(name.find_first_not_of(' '), name.size());
+    name = name.substr(first, name.find_last_not_of(' ') + 1 - first);
+    if (auto key = find(name)) return key;
+    return find_in(spellings_, spelling_of(name));
   }
 
  private:
@@ -171,17 +223,29 @@ class Layout {
     names_.emplace(key.key, key);
   }
 
-  std::map<std::string, Key, std::less<>> names_;
+  using Keys = std::map<std::string, Key, std::less<>>;
+  static std::optional<Key> find_in(const Keys& keys, std::string_view name) {
+    const auto found = keys.find(name);
+    return found == keys.end() ? std::nullopt : std::optional<Key>(found->second);
+  }
+
+  Keys names_;
+  Keys spellings_;
 };
+
+const Layout& layout() {
+  static const Layout instance;
+  return instance;
+}
 
 }  // namespace
 
 std::optional<Key> find_key(std::string_view name) {
-  static const Layout layout;
-  return layout.find(name);
+  return layout().find(name);
 }
 
 std::vector<Key> parse_chord(std::string_view chord) {
+  constexpr std::size_t max_keys_of_chord = 16, max_quoted = 40;
   const auto unknown = [](std::string_view name) {
     return std::invalid_argument("Unknown key: \"" + text::one_line(name) + "\"");
   };
@@ -190,7 +254,11 @@ std::vector<Key> parse_chord(std::string_view chord) {
     // A name has at least one character, so "+" can be a name.
     const std::size_t end = std::min(chord.find('+', start + 1), chord.size());
     const std::string_view name = chord.substr(start, end - start);
-    auto key = find_key(name);
+    if (out.size() == max_keys_of_chord) {
+      throw std::invalid_argument("more than " + std::to_string(max_keys_of_chord) + " keys in the chord \"" +
+                                  text::one_line(text::first_code_points(chord, max_quoted)) + "...\"");
+    }
+    auto key = layout().find_leniently(name);
     if (!key) throw unknown(name.empty() ? chord : name);
     out.push_back(std::move(*key));
     if (end == chord.size()) break;

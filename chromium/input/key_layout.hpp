@@ -28,13 +28,15 @@ class Key {
 };
 
 /// Returns the key called `name`: a KeyboardEvent.key name ("Enter"), a code ("KeyA",
-/// "Digit1", "ShiftLeft"), one character of the layout ("a", "A", "%"), or
-/// "ControlOrMeta" (Control here). Absent if there is no such key.
+/// "Digit1", "ShiftLeft"), one character of the layout ("a", "A", "%"), a line end
+/// (Enter), or "ControlOrMeta" (Control here). Absent if there is no such key.
 std::optional<Key> find_key(std::string_view name);
 
 /// Returns the keys of a chord such as "Enter", "Control+Shift+T" or "Control++", in the
-/// order in which they are pressed. Throws std::invalid_argument, `Unknown key: "Foo"`,
-/// for a name that find_key does not know.
+/// order in which they are pressed. A name that find_key does not know may also be one
+/// that models write for a key: in another case ("enter"), with blanks, "_" or "-" in it
+/// ("Page_Down"), or another word ("Return", "Esc", "Down", "Ctrl", "Cmd"). Throws
+/// std::invalid_argument: `Unknown key: "Foo"`, or for more than 16 keys.
 std::vector<Key> parse_chord(std::string_view chord);
 
 /// Returns `key` as it is while the modifiers of `held` are down: Shift selects what it

@@ -1,8 +1,10 @@
 #include "chromium/input/keyboard.hpp"
 
+#include <algorithm>
 #include <cassert>
 #include <utility>
 
+#include "chromium/input/bring_to_front.hpp"
 #include "chromium/protocol/json_object.hpp"
 #include "vision/runtime/internal/await.hpp"
 #include "vision/text/internal/utf8.hpp"
@@ -12,12 +14,13 @@ namespace asio = boost::asio;
 namespace json = boost::json;
 namespace {
 
-json::object key_event(std::string_view type, const Key& key, int modifiers) {
+json::object key_event(std::string_view type, const Key& key, int modifiers, bool repeats = false) {
   json::object out =
       make_object("type", type, "key", key.key, "code", key.code, "windowsVirtualKeyCode", key.virtual_code,
                   "modifiers", modifiers, "location", key.location, "isKeypad", key.location == numeric_keypad);
   // A rawKeyDown types nothing: the key has no text, or a modifier takes it away.
   if (type == "keyDown") out.emplace("text", key.text);
+  if (repeats) out.emplace("autoRepeat", true);
   return out;
 }
 
@@ -36,11 +39,13 @@ class PageKeyboard::HeldKeys {
 
   bool empty() const noexcept { return keys_.empty(); }
 
-  // Returns the event to send.
+  // Returns the event to send. A key that is down already repeats.
   json::object press(Key key) {
+    const auto is_same = [&](const Key& other) { return other.code == key.code; };
+    const bool repeats = std::any_of(keys_.begin(), keys_.end(), is_same);
     modifiers_ |= key.modifier;
     keys_.push_back(with_modifiers(std::move(key), modifiers_));
-    return key_event(keys_.back().text.empty() ? "rawKeyDown" : "keyDown", keys_.back(), modifiers_);
+    return key_event(keys_.back().text.empty() ? "rawKeyDown" : "keyDown", keys_.back(), modifiers_, repeats);
   }
 
   json::object release_last() {
@@ -48,7 +53,9 @@ class PageKeyboard::HeldKeys {
     const Key key = std::move(keys_.back());
     keys_.pop_back();
     modifiers_ = 0;
-    for (const Key& other : keys_) modifiers_ |= other.modifier;
+    for (const Key& other : keys_) {
+      if (other.code != key.code) modifiers_ |= other.modifier;  // not of a key that repeated
+    }
     return key_event("keyUp", key, modifiers_);
   }
 
@@ -68,10 +75,12 @@ asio::awaitable<void> PageKeyboard::press_chord(std::vector<Key> chord) {
 
 asio::awaitable<void> PageKeyboard::press(std::string key) {
   std::vector<Key> chord = parse_chord(key);
+  bring_to_front(*session_);
   co_await press_chord(std::move(chord));
 }
 
 asio::awaitable<void> PageKeyboard::type(std::string text, std::chrono::milliseconds delay) {
+  bring_to_front(*session_);
   bool first = true;
   char32_t previous = 0;
   for (std::string_view rest = text; !rest.empty();) {
@@ -82,8 +91,7 @@ asio::awaitable<void> PageKeyboard::type(std::string text, std::chrono::millisec
     if (!std::exchange(first, false) && delay.count() > 0) co_await runtime::sleep_for(delay);
     std::string character;
     text::append_utf8(character, point.value);
-    const bool line_end = point.value == U'\n' || point.value == U'\r';
-    auto key = find_key(line_end ? "Enter" : character);
+    auto key = find_key(character);
     if (key) {
       std::vector<Key> chord(1, std::move(*key));
       co_await press_chord(std::move(chord));

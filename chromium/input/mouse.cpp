@@ -1,11 +1,15 @@
 #include "chromium/input/mouse.hpp"
 
+#include <chrono>
 #include <cmath>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "chromium/errors.hpp"
+#include "chromium/input/bring_to_front.hpp"
 #include "chromium/protocol/json_object.hpp"
+#include "vision/runtime/internal/await.hpp"
 
 namespace vision::chromium {
 namespace asio = boost::asio;
@@ -18,9 +22,26 @@ void require_finite(const char* operation, const char* name, double value) {
                               ", not a finite number");
 }
 
-json::object button_event(const char* type, double x, double y, int buttons) {
-  return make_object("type", type, "x", x, "y", y, "button", "left", "buttons", buttons, "clickCount", 1);
+// `force` becomes PointerEvent.pressure; a mouse without a pressure sensor reports 0.5
+// while a button is down.
+json::object button_event(const char* type, double x, double y, bool down) {
+  return make_object("type", type, "x", x, "y", y, "button", "left", "buttons", down ? 1 : 0, "clickCount", 1, "force",
+                     down ? 0.5 : 0.0);
 }
+
+// Whether a list or picker is open that the browser draws itself. Input of the protocol
+// goes to the page beneath it. Frames of other sites and closed shadow roots cannot be
+// searched. A list with this appearance consists of the page's own elements.
+constexpr const char* native_picker_is_open = R"((function isOpen(root) {
+  for (const element of root.querySelectorAll('select:open, input:open')) {
+    if (getComputedStyle(element, '::picker(select)').appearance !== 'base-select') return true;
+  }
+  for (const element of root.querySelectorAll('*')) {
+    const inner = element.shadowRoot || element.contentDocument;
+    if (inner && isOpen(inner)) return true;
+  }
+  return false;
+})(document))";
 
 }  // namespace
 
@@ -37,11 +58,11 @@ class PageMouse::HeldButton {
 
   json::object press() {
     down_ = true;
-    return button_event("mousePressed", x_, y_, 1);
+    return button_event("mousePressed", x_, y_, true);
   }
   json::object release() {
     down_ = false;
-    return button_event("mouseReleased", x_, y_, 0);
+    return button_event("mouseReleased", x_, y_, false);
   }
 
  private:
@@ -53,12 +74,38 @@ class PageMouse::HeldButton {
 
 PageMouse::PageMouse(std::shared_ptr<Session> session) : session_(std::move(session)) {}
 
+// The browser holds back an evaluation while a navigation is pending, and a new document
+// then replies to it. A page that does not reply in time is clicked all the same.
+asio::awaitable<void> PageMouse::check_target() {
+  constexpr auto limit = std::chrono::seconds(1);
+  document_changed_ = false;
+  auto asked = session_->command("Runtime.evaluate",
+                                 make_object("expression", native_picker_is_open, "returnByValue", true), limit);
+  auto outcome = co_await runtime::try_await(std::move(asked));
+  if (document_changed_)
+    throw BrowserError("mouse.click: the page has changed to another document; nothing was clicked");
+  if (!outcome.has_value()) co_return;
+  const auto* open = object_of(outcome.value(), "result").if_contains("value");
+  if (open && open->is_bool() && open->get_bool()) {
+    throw BrowserError(
+        "mouse.click: a native list or picker is open, which no click reaches; use the keyboard: type the entry and "
+        "press Enter, or press Escape to close it");
+  }
+}
+
+// The browser handles a move with the next frame. What a page does about it, such as to
+// put another element under the mouse, shows one frame later: that is what the second
+// move waits for. An evaluation could wait as well, but see check_target().
 asio::awaitable<void> PageMouse::click(double x, double y) {
   require_finite("click", "x", x);
   require_finite("click", "y", y);
+  bring_to_front(*session_);
+  co_await check_target();
   x_ = x;
   y_ = y;
-  co_await session_->command("Input.dispatchMouseEvent", make_object("type", "mouseMoved", "x", x, "y", y));
+  for (int i = 0; i < 2; ++i) {
+    co_await session_->command("Input.dispatchMouseEvent", make_object("type", "mouseMoved", "x", x, "y", y));
+  }
   HeldButton button(session_, x, y);
   co_await session_->command("Input.dispatchMouseEvent", button.press());
   co_await session_->command("Input.dispatchMouseEvent", button.release());
@@ -67,6 +114,7 @@ asio::awaitable<void> PageMouse::click(double x, double y) {
 asio::awaitable<void> PageMouse::wheel(double delta_x, double delta_y) {
   require_finite("wheel", "delta_x", delta_x);
   require_finite("wheel", "delta_y", delta_y);
+  bring_to_front(*session_);
   co_await session_->command("Input.dispatchMouseEvent",
                              make_object("type", "mouseWheel", "x", x_, "y", y_, "deltaX", delta_x, "deltaY", delta_y));
 }

@@ -1,3 +1,4 @@
+#include <boost/asio/write.hpp>
 #include <limits>
 
 #include "chromium/input/key_layout.hpp"
@@ -18,6 +19,17 @@ TEST(KeyLayout, NamesCodesCharactersAndChords) {
       {"F24", "F24 F24 135 0 ;"},
       {"ShiftRight", "Shift ShiftRight 16 2 ;"},
       {"Control++", "Control ControlLeft 17 1 ;+ Equal 187 0 +;"},
+      {"\n", "Enter Enter 13 0 \r;"},
+      {"Return", "Enter Enter 13 0 \r;"},
+      {"ctrl + a", "Control ControlLeft 17 1 ;a KeyA 65 0 a;"},
+      {"Cmd+A", "Control ControlLeft 17 1 ;A KeyA 65 0 A;"},
+      {"page_down", "PageDown PageDown 34 0 ;"},
+      {" ", "  Space 32 0  ;"},
+      {"-+_", "- Minus 189 0 -;_ Minus 189 0 _;"},
+      {"Control+", "Unknown key: \"Control+\""},
+      {"a+  +a", "Unknown key: \"  \""},
+      {"1+2+3+4+5+6+7+8+9+0+1+2+3+4+5+6+7+8+9+0+1",
+       "more than 16 keys in the chord \"1+2+3+4+5+6+7+8+9+0+1+2+3+4+5+6+7+8+9+0+...\""},
       {"ControlOrMeta+Shift+T", "Control ControlLeft 17 1 ;Shift ShiftLeft 16 1 ;T KeyT 84 0 T;"},
       {"\xc3\xbc", "Unknown key: \"\xc3\xbc\""},
   };
@@ -44,7 +56,8 @@ const std::string recorder = R"(<!doctype html><title>recorder</title><body styl
 var log = [];
 const held = e => (e.ctrlKey ? 'C' : '') + (e.shiftKey ? 'S' : '') + (e.altKey ? 'A' : '') + (e.metaKey ? 'M' : '');
 for (const type of ['keydown', 'keypress', 'keyup'])
-  addEventListener(type, e => log.push([type, e.key, e.code, held(e)].filter(Boolean).join(' ')));
+  addEventListener(type, e => log.push([type, e.key, e.code, held(e), e.repeat && 'again'].filter(Boolean).join(' ')));
+addEventListener('pointerdown', e => log.push('pressure ' + e.pressure));
 for (const type of ['mousedown', 'mouseup', 'click'])
   addEventListener(type, e => log.push([type, e.clientX, e.clientY, e.buttons, e.target.id].join(' ')));
 addEventListener('wheel', e => log.push(['wheel', e.clientX, e.clientY, e.deltaX, e.deltaY].join(' ')));
@@ -74,7 +87,7 @@ TEST_F(Input, MouseClicksAndScrollsWhereItIs) {
   EXPECT_EQ(log(), "wheel 0 0 0 300") << "the mouse starts in the corner";
   run(page_->evaluate("scrollTo(0, 0)"));
   run(page_->mouse().click(139.5, 65));
-  EXPECT_EQ(log(), "mousedown 139 65 1 button|mouseup 139 65 0 button|click 139 65 0 button");
+  EXPECT_EQ(log(), "pressure 0.5|mousedown 139 65 1 button|mouseup 139 65 0 button|click 139 65 0 button");
   run(page_->mouse().wheel(0, 240));
   EXPECT_EQ(value_of(*page_, "until(() => scrollY === 240)"), "true");
   EXPECT_EQ(log(), "wheel 139 65 0 240");
@@ -110,6 +123,9 @@ TEST_F(Input, PressesKeysAndChords) {
        "keydown Control ControlLeft C|keydown Shift ShiftLeft CS|keydown T KeyT CS|keyup T KeyT CS|keyup Shift "
        "ShiftLeft C|keyup Control ControlLeft"},
       {"F5", "ab", "keydown F5 F5|keyup F5 F5"},
+      {"b+b", "abbb",
+       "keydown b KeyB|keypress b KeyB|input b|keydown b KeyB again|keypress b KeyB again|input b|keyup b KeyB|keyup b "
+       "KeyB"},
   };
   for (const auto& [chord, after, events] : rows) {
     focus_with("ab");
@@ -134,12 +150,12 @@ TEST_F(Input, NothingStaysPressedAfterACancel) {
   run(page_->evaluate("alert = () => { const end = performance.now() + 300; while (performance.now() < end); }"));
   Running<void> click(page_->mouse().click(5, 5));
   Running<void> press(page_->keyboard().press("Control+k"));
-  EXPECT_EQ(value_of(*page_, "until(() => log.length >= 2)"), "true");
+  run(page_->evaluate("count = type => log.filter(x => x.startsWith(type)).length"));
+  EXPECT_EQ(value_of(*page_, "until(() => count('mousedown') && count('keydown'))"), "true");
   click.cancel();
   press.cancel();
   click.error();
   press.error();
-  run(page_->evaluate("count = type => log.filter(x => x.startsWith(type)).length"));
   EXPECT_EQ(value_of(*page_, "until(() => count('mouseup') && count('keyup') >= count('keydown'))"), "true");
 }
 
@@ -158,6 +174,70 @@ TEST_F(PageTest, PagesSeeAMouseAndAScreenOfTheViewportsSize) {
                        "screen.availWidth, screen.availHeight]"),
               "[" + size + ", " + size + ", " + size + ", " + size + "]");
   }
+}
+
+TEST_F(Input, ClicksWhatAHoverPutsUnderTheMouse) {
+  run(
+      page_->evaluate("button.onmouseenter = () => requestAnimationFrame(() => requestAnimationFrame(() => "
+                      "button.outerHTML = button.outerHTML.replace('button', 'b').replace('=\"button', '=\"other')))"));
+  run(page_->mouse().click(139, 65));
+  EXPECT_THAT(log(), testing::EndsWith("click 139 65 0 other"));
+}
+
+TEST_F(PageTest, NoClickGoesThroughAnOpenListOrPicker) {
+  const std::string select = "<select style='width:190px'><option>one<option>two<option>three</select>";
+  const std::tuple<std::string, const char*, bool> rows[] = {
+      {select, "document", true},
+      {"<input type=date>", "document", true},
+      {"<input type=color>", "document", true},
+      {"<span></span><script>(root = document.querySelector('span').attachShadow({mode: 'open'})).innerHTML = `" +
+           select + "`</script>",
+       "root", true},
+      {"<iframe srcdoc=\"<style>*{margin:0;padding:0;width:190px}</style>" + select + "\"></iframe>",
+       "frames[0].document", true},
+      {"<style>select, ::picker(select) {appearance: base-select}</style>" + select, "document", false},
+  };
+  for (const auto& [control, root, refuses] : rows) {
+    open(
+        "<style>*{margin:0;padding:0;border:0;width:190px}</style><body style='height:700px' onclick='clicks++'>"
+        "<script>clicks = 0</script>" +
+        control);
+    const std::string is_open = root + std::string(".querySelector('select:open, input:open')");
+    const auto until = [&](const std::string& condition) {
+      while (value_of(*page_, "!!(" + condition + ")") != "true") continue;
+    };
+    run(page_->mouse().click(180, 10));
+    until(is_open);
+    run(page_->evaluate("clicks = 0"));
+    EXPECT_EQ(error_of(page_->mouse().click(50, 55)),
+              refuses ? "BrowserError: mouse.click: a native list or picker is open, which no click reaches; use the "
+                        "keyboard: type the entry and press Enter, or press Escape to close it"
+                      : "no error")
+        << control;
+    EXPECT_EQ(value_of(*page_, "clicks"), refuses ? "0" : "1") << control;
+    run(page_->keyboard().press("Escape"));
+    until("!" + is_open);
+    EXPECT_EQ(error_of(page_->mouse().click(50, 655)), "no error") << control;
+  }
+}
+
+TEST(Click, DoesNotPressInAnotherDocument) {
+  VirtualTimeLoop world;
+  world.pauses_pass = false;
+  asio::ip::tcp::acceptor server(loop(), {asio::ip::address_v4::loopback(), 0});
+  auto browser = run(launch());
+  auto page = run(browser->new_page());
+  run(page->navigate(page_url("old")));
+  run(page->evaluate("location = 'http://127.0.0.1:" + std::to_string(server.local_endpoint().port()) + "'; 0"));
+  auto connection = run(server.async_accept(asio::use_awaitable));
+  Running<void> click(page->mouse().click(5, 5));
+  (void)run(browser->pages());  // and the browser has the click's first command
+  const std::string answer =
+      "HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nConnection: close\r\n\r\n<title>new</title>";
+  asio::write(connection, asio::buffer(answer));
+  connection.close();
+  EXPECT_EQ(click.error(), "BrowserError: mouse.click: the page has changed to another document; nothing was clicked");
+  run(browser->close());
 }
 
 std::string png_size(const Bytes& png) {
@@ -214,12 +294,19 @@ TEST_F(PageTest, WindowsAreShownAndCloseWithThePageThatOpenedThem) {
     if (!known) window = run(browser_->attach(info.target_id));
   }
   ASSERT_TRUE(window);
-  EXPECT_FALSE(run(page_->screenshot({})).empty());  // in front of the window that was opened over it
-  EXPECT_EQ(value_of(*window,
-                     "new Promise(done => { const look = () => document.visibilityState === 'hidden' ? "
-                     "done(true) : setTimeout(look, 5); look(); })"),
-            "true");
-  EXPECT_FALSE(run(window->screenshot({})).empty());
+  const std::function<void()> shows_it[] = {
+      [&] { run(window->mouse().click(5, 5)); }, [&] { run(window->mouse().wheel(0, 5)); },
+      [&] { run(window->keyboard().press("a")); }, [&] { run(window->keyboard().type("a", milliseconds(0))); },
+      [&] { EXPECT_FALSE(run(window->screenshot({})).empty()); }};
+  for (const auto& show : shows_it) {
+    EXPECT_FALSE(run(page_->screenshot({})).empty());  // in front of the window that was opened over it
+    EXPECT_EQ(value_of(*window,
+                       "new Promise(done => { const look = () => document.visibilityState === 'hidden' ? "
+                       "done(true) : setTimeout(look, 5); look(); })"),
+              "true");
+    show();
+    EXPECT_EQ(value_of(*window, "document.visibilityState"), "\"visible\"");
+  }
   run(page_->close());
   while (run(browser_->pages()).size() > 1) continue;
   EXPECT_EQ(run(browser_->pages())[0].target_id, other->target_id());
