@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "chromium/events/popups.hpp"
+#include "chromium/events/probe.hpp"
 #include "chromium/process/process.hpp"
 #include "chromium/protocol/connection.hpp"
 #include "chromium/protocol/devtools_url.hpp"
@@ -108,7 +109,7 @@ asio::awaitable<std::shared_ptr<ChromiumPage>> Browser::attach(std::string targe
   const std::shared_ptr<ChromiumPage> page(
       new ChromiumPage(session_, std::move(session), std::move(target_id), ChromiumPage::Owner::someone_else));
   co_await page->enable_events();
-  co_await page->update_viewport_size();
+  co_await page->measure(PageProbe::short_limit);
   co_return page;
 }
 

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <utility>
 
-#include "chromium/errors.hpp"
 #include "chromium/protocol/connection.hpp"
 #include "chromium/protocol/json_object.hpp"
 #include "chromium/protocol/message.hpp"
@@ -90,6 +89,10 @@ ReplyWaiter::~ReplyWaiter() {
   connection_->reply_waiters_.erase(id_);
 }
 
+void ReplyWaiter::handle_event(std::string_view method, const json::object& params) {
+  if (spoils && spoils(method, params)) fail(std::make_exception_ptr(PictureSpoiled()));
+}
+
 Session::Session(std::shared_ptr<Connection> connection, std::string id)
     : connection_(std::move(connection)), id_(std::move(id)) {}
 
@@ -124,9 +127,10 @@ asio::awaitable<json::object> Session::command(std::string method, json::object 
   co_return result_of(method, reply.message);
 }
 
-asio::awaitable<Bytes> Session::command_for_picture(std::string method, json::object params) {
+asio::awaitable<Bytes> Session::command_for_picture(std::string method, json::object params, EventTest spoils) {
   ReplyWaiter reply(shared_from_this(), connection_);
   reply.wants_text = true;
+  reply.spoils = spoils;
   send(reply, method, params);
   co_await reply.wait(command_timeout(), method);
   if (auto picture = picture_in_reply(reply.text)) co_return std::move(*picture);
@@ -159,8 +163,9 @@ void Session::handle_event(std::string_view method, const json::object& params) 
     fail_waiters(std::make_exception_ptr(PageCrashedError()));
   } else if (method == "Inspector.targetReloadedAfterCrash") {
     crashed_ = false;
-  } else if (event_handler_) {
-    event_handler_(method, params);
+  } else {
+    for (Waiter* waiter : waiters_) waiter->handle_event(method, params);
+    if (event_handler_) event_handler_(method, params);
   }
 }
 
@@ -170,8 +175,7 @@ void Session::end(const std::exception_ptr& error) {
   fail_waiters(error);
 }
 
-// A failed waiter leaves the set when its coroutine resumes, which is never during
-// this loop.
+// A waiter leaves the set when its coroutine resumes, which is never during a loop over them.
 void Session::fail_waiters(const std::exception_ptr& error) {
   for (Waiter* waiter : waiters_) waiter->fail(error);
 }

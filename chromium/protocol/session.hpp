@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "chromium/errors.hpp"
 #include "vision/records/bytes.hpp"
 #include "vision/runtime/internal/one_shot.hpp"
 #include "vision/runtime/time.hpp"
@@ -20,6 +21,15 @@ namespace vision::chromium {
 class Connection;
 class ReplyWaiter;
 class Session;
+
+/// Whether an event is of a certain kind.
+using EventTest = bool (*)(std::string_view method, const boost::json::object& params);
+
+/// The page changed while its picture was being taken.
+class PictureSpoiled : public BrowserError {
+ public:
+  PictureSpoiled() : BrowserError("the page changed while its picture was being taken") {}
+};
 
 /// Something that a coroutine awaits from the browser. Lives in that coroutine's
 /// frame, and fails when its session ends or its page crashes.
@@ -35,6 +45,8 @@ class Waiter {
   void succeed();
   void fail(std::exception_ptr error);
   ///@}
+  /// Called with each event of the session.
+  virtual void handle_event(std::string_view, const boost::json::object&) {}
   /// Completes after succeed(). Throws the error given to fail(), or after `limit`
   /// CommandTimeout, which names `what`.
   boost::asio::awaitable<void> wait(runtime::Duration limit, std::string what);
@@ -67,8 +79,10 @@ class Session : public std::enable_shared_from_this<Session> {
                                                       runtime::Duration limit);
 
   /// The same for a command whose result is a picture as base64 text. The memory of
-  /// the reply becomes the picture's.
-  boost::asio::awaitable<Bytes> command_for_picture(std::string method, boost::json::object params);
+  /// the reply becomes the picture's. Throws PictureSpoiled as soon as an event comes for
+  /// which `spoils`, if not null, is true.
+  boost::asio::awaitable<Bytes> command_for_picture(std::string method, boost::json::object params,
+                                                    EventTest spoils = nullptr);
 
   /// Sends a command and ignores its reply. For event handlers and destructors, which
   /// cannot wait.
@@ -114,6 +128,9 @@ class ReplyWaiter : public Waiter {
   ~ReplyWaiter() override;
   std::uint64_t id() const noexcept { return id_; }
 
+  void handle_event(std::string_view method, const boost::json::object& params) override;
+
+  EventTest spoils = nullptr;   ///< for which events to fail with PictureSpoiled
   bool wants_text = false;      ///< whether to deliver the reply unparsed, as `text`
   boost::json::object message;  ///< the whole reply, unless it was wanted as text
   std::string text;

@@ -40,11 +40,7 @@ class Connect : public testing::Test {
     LaunchOptions options;
     options.argument("--remote-debugging-port=0");
     owner_ = run(launch(options));
-    const auto profile = std::filesystem::directory_iterator(profiles_.path())->path();
-    std::string port_file;
-    while (port_file.find('\n') == port_file.npos) port_file = vision::test::read_file(profile / "DevToolsActivePort");
-    port_ = port_file.substr(0, port_file.find('\n'));
-    path_ = port_file.substr(port_file.find('\n') + 1);
+    port_ = debugging_port(profiles_, &path_);
     page_ = run(owner_->new_page(PageOptions().viewport(500, 400).device_pixel_ratio(2)));
     run(
         page_->navigate(page_url("<title>theirs</title><body style='height:3000px' "
@@ -86,7 +82,7 @@ TEST_F(Connect, UsesAPageOfSomeoneElseAndLeavesItAsItIs) {
 // Meanwhile the owner's event loop does not run, so the owner does not answer.
 TEST_F(Connect, ATimeoutSaysThatADialogOfTheOwnerIsOpen) {
   VirtualTimeLoop guests;
-  guests.pauses_pass = false;
+  guests.passes = {};
   DevToolsUrl url = parse_devtools_url("http://127.0.0.1:" + port_);
   auto guest = run(connect("http://127.0.0.1:" + port_));
   auto theirs = run(guest->attach(page_->target_id()));
