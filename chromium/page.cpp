@@ -2,8 +2,9 @@
 
 #include <utility>
 
+#include "chromium/events/dialogs.hpp"
+#include "chromium/events/emulation.hpp"
 #include "chromium/events/navigation.hpp"
-#include "chromium/events/popups.hpp"
 #include "chromium/events/probe.hpp"
 #include "chromium/input/keyboard.hpp"
 #include "chromium/input/mouse.hpp"
@@ -34,6 +35,7 @@ ChromiumPage::ChromiumPage(std::shared_ptr<Session> browser, std::shared_ptr<Ses
       session_(std::move(session)),
       target_id_(std::move(target_id)),
       owner_(owner),
+      dialogs_(std::make_unique<Dialogs>(*session_)),
       probe_(std::make_unique<PageProbe>(session_)),
       mouse_(std::make_unique<PageMouse>(session_)),
       keyboard_(std::make_unique<PageKeyboard>(session_)) {
@@ -64,10 +66,7 @@ asio::awaitable<void> ChromiumPage::enable_events() {
 asio::awaitable<void> ChromiumPage::set_up(PageOptions options) {
   co_await enable_events();
   viewport_ = make_object("width", options.width(), "height", options.height());
-  co_await session_->command("Emulation.setDeviceMetricsOverride",
-                             make_object("width", options.width(), "height", options.height(), "deviceScaleFactor",
-                                         options.device_pixel_ratio(), "mobile", false));
-  co_await session_->command("Emulation.setFocusEmulationEnabled", make_object("enabled", true));
+  for (auto& [method, params] : emulation_of(options)) co_await session_->command(method, std::move(params));
   co_await measure(PageProbe::short_limit);
 }
 
@@ -77,8 +76,8 @@ asio::awaitable<void> ChromiumPage::measure(std::chrono::milliseconds limit) {
 }
 
 void ChromiumPage::handle_event(std::string_view method, const json::object& params) {
+  if (owner_ == Owner::us) return dialogs_->handle_event(method, params);
   if (method == "Page.javascriptDialogOpening") {
-    if (owner_ == Owner::us) return answer_dialog(*session_, params);
     constexpr std::size_t max_message = 100;
     session_->set_obstacle("a dialog is open (" + text::one_line(text_of(params, "type")) + " \"" +
                            text::one_line(text::first_code_points(text_of(params, "message"), max_message)) +

@@ -14,6 +14,7 @@
 
 namespace vision::chromium {
 
+class Dialogs;
 class LoadWaiter;
 class PageProbe;
 class Session;
@@ -103,6 +104,7 @@ class ChromiumPage : public BrowserPage {
   const std::shared_ptr<Session> session_;
   const std::string target_id_;
   const Owner owner_;
+  const std::unique_ptr<Dialogs> dialogs_;  // used for a page of ours
   const std::unique_ptr<PageProbe> probe_;
   const std::unique_ptr<Mouse> mouse_;
   const std::unique_ptr<Keyboard> keyboard_;

@@ -74,6 +74,7 @@ std::vector<std::string> browser_arguments(const LaunchOptions& options, const s
       "--force-color-profile=srgb",
       "--disable-gpu",
       "--disable-search-engine-choice-screen",
+      "--disable-popup-blocking",  // which allows a page one window for each click
       // Pages must not slow down when they are not visible.
       "--disable-background-timer-throttling",
       "--disable-backgrounding-occluded-windows",

@@ -84,9 +84,15 @@ ReplyWaiter::ReplyWaiter(std::shared_ptr<Session> session, std::shared_ptr<Conne
   connection_->reply_waiters_.emplace(id_, this);
 }
 
-// From here on a late reply finds nobody and is dropped.
+// From here on a late reply is for `undo`. Without one it finds nobody and is dropped.
 ReplyWaiter::~ReplyWaiter() {
   connection_->reply_waiters_.erase(id_);
+  if (!undo) return;
+  if (message.empty()) {
+    connection_->handle_result_of(id_, std::move(undo));
+  } else if (const auto* result = message.if_contains("result"); result && result->is_object()) {
+    undo(result->get_object());
+  }
 }
 
 void ReplyWaiter::handle_event(std::string_view method, const json::object& params) {
@@ -127,6 +133,15 @@ asio::awaitable<json::object> Session::command(std::string method, json::object 
   co_return result_of(method, reply.message);
 }
 
+asio::awaitable<json::object> Session::command_or_undo(std::string method, json::object params, ResultHandler undo) {
+  ReplyWaiter reply(shared_from_this(), connection_);
+  send(reply, method, params);
+  reply.undo = std::move(undo);
+  co_await reply.wait(command_timeout(), method);
+  reply.undo = nullptr;
+  co_return result_of(method, reply.message);
+}
+
 asio::awaitable<Bytes> Session::command_for_picture(std::string method, json::object params, EventTest spoils) {
   ReplyWaiter reply(shared_from_this(), connection_);
   reply.wants_text = true;
@@ -155,6 +170,13 @@ void Session::send_and_forget(std::string_view method, const json::object& param
     connection_->send(command_text(++connection_->last_id_, method, id_, params));
   } catch (const std::bad_alloc&) {  // the command is lost
   }
+}
+
+void Session::send_then(std::string_view method, const json::object& params, ResultHandler then) {
+  if (ended_) return;
+  const std::uint64_t id = ++connection_->last_id_;
+  connection_->send(command_text(id, method, id_, params));
+  connection_->handle_result_of(id, std::move(then));
 }
 
 void Session::handle_event(std::string_view method, const json::object& params) {

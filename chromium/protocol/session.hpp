@@ -31,6 +31,9 @@ class PictureSpoiled : public BrowserError {
   PictureSpoiled() : BrowserError("the page changed while its picture was being taken") {}
 };
 
+/// Takes the result of a command that no coroutine awaits.
+using ResultHandler = std::function<void(const boost::json::object& result)>;
+
 /// Something that a coroutine awaits from the browser. Lives in that coroutine's
 /// frame, and fails when its session ends or its page crashes.
 class Waiter {
@@ -78,6 +81,11 @@ class Session : public std::enable_shared_from_this<Session> {
   boost::asio::awaitable<boost::json::object> command(std::string method, boost::json::object params,
                                                       runtime::Duration limit);
 
+  /// The same. A result that comes when the command has been cancelled or has timed out
+  /// goes to `undo`, which must not throw.
+  boost::asio::awaitable<boost::json::object> command_or_undo(std::string method, boost::json::object params,
+                                                              ResultHandler undo);
+
   /// The same for a command whose result is a picture as base64 text. The memory of
   /// the reply becomes the picture's. Throws PictureSpoiled as soon as an event comes for
   /// which `spoils`, if not null, is true.
@@ -87,6 +95,10 @@ class Session : public std::enable_shared_from_this<Session> {
   /// Sends a command and ignores its reply. For event handlers and destructors, which
   /// cannot wait.
   void send_and_forget(std::string_view method, const boost::json::object& params) noexcept;
+
+  /// Sends a command and calls `then` with its result, within the connection's handling of
+  /// the reply; not at all if the browser refuses or the connection ends. `then` must not throw.
+  void send_then(std::string_view method, const boost::json::object& params, ResultHandler then);
 
   /// Replaces the handler of this session's events; null ignores them. An exception
   /// from it ends the connection.
@@ -134,6 +146,7 @@ class ReplyWaiter : public Waiter {
   bool wants_text = false;      ///< whether to deliver the reply unparsed, as `text`
   boost::json::object message;  ///< the whole reply, unless it was wanted as text
   std::string text;
+  ResultHandler undo;  ///< for the reply to a sent command, if nobody takes it
 
  private:
   const std::shared_ptr<Connection> connection_;

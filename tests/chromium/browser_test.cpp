@@ -66,6 +66,14 @@ TEST(Connection, TakesWhateverAPeerSends) {
   Running<Bytes> spoiled(session->command_for_picture("E.f", {}, commits_document));
   send(R"({"method":"Page.frameNavigated","params":{"frame":{}}})");
   EXPECT_EQ(spoiled.error(), "BrowserError: the page changed while its picture was being taken");
+  std::string undone;
+  Running<json::object> left(
+      session->command_or_undo("G.h", {}, [&](const auto& late) { undone = text::to_json(late); }));
+  left.cancel();
+  EXPECT_THAT(left.error(), testing::StartsWith("system_error"));
+  send(R"({"id":16,"result":{"made":1}})");
+  while (undone.empty()) take_turn();
+  EXPECT_EQ(undone, R"({"made": 1})");
   Running<json::object> last(session->command("C.d"));
   peer.close();
   EXPECT_EQ(last.error(), closed + " (the browser has exited or ended the connection)");

@@ -79,6 +79,25 @@ TEST_F(Connect, UsesAPageOfSomeoneElseAndLeavesItAsItIs) {
   }
 }
 
+TEST_F(Connect, ACancelledNewPageIsClosed) {
+  auto guest = run(connect("http://127.0.0.1:" + port_));
+  for (int turns = 0; turns < 40; turns += 3) {
+    for (Browser* browser : {owner_.get(), guest.get()}) {
+      Running<std::shared_ptr<ChromiumPage>> opening(browser->new_page());
+      for (int i = 0; i < turns && !opening.ended; ++i) take_turn();
+      opening.cancel();
+      opening.error();
+    }
+  }
+  Running<std::shared_ptr<ChromiumPage>> last(guest->new_page());
+  take_turn();
+  last.cancel();
+  last.error();
+  run(guest->new_page()).reset();
+  run(guest->close());
+  while (run(owner_->pages()).size() > 1) continue;
+}
+
 // Meanwhile the owner's event loop does not run, so the owner does not answer.
 TEST_F(Connect, ATimeoutSaysThatADialogOfTheOwnerIsOpen) {
   VirtualTimeLoop guests;
