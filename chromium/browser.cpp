@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "chromium/events/popups.hpp"
+#include "chromium/events/probe.hpp"
 #include "chromium/process/process.hpp"
 #include "chromium/protocol/connection.hpp"
 #include "chromium/protocol/devtools_url.hpp"
@@ -67,6 +68,25 @@ asio::awaitable<std::unique_ptr<Transport>> open_transport(DevToolsUrl url) {
 
 }  // namespace
 
+// A page until a ChromiumPage owns it; closed if none ever does.
+class Browser::OpenedTarget {
+ public:
+  OpenedTarget(std::shared_ptr<Session> browser, const json::object& created)
+      : browser_(std::move(browser)), id_(text_of(created, "targetId")) {}
+  ~OpenedTarget() {
+    if (!id_.empty()) browser_->send_and_forget("Target.closeTarget", make_object("targetId", id_));
+  }
+  OpenedTarget(const OpenedTarget&) = delete;
+  OpenedTarget& operator=(const OpenedTarget&) = delete;
+
+  const std::string& id() const noexcept { return id_; }
+  std::string release() { return std::exchange(id_, {}); }
+
+ private:
+  const std::shared_ptr<Session> browser_;
+  std::string id_;
+};
+
 Browser::Browser(std::unique_ptr<BrowserProcess> process, std::shared_ptr<Connection> connection)
     : process_(std::move(process)), connection_(std::move(connection)), session_(connection_->session("")) {}
 
@@ -100,9 +120,20 @@ asio::awaitable<std::vector<PageInfo>> Browser::pages() {
 }
 
 asio::awaitable<std::shared_ptr<Session>> Browser::open_session(std::string target_id) {
-  const json::object reply =
-      co_await session_->command("Target.attachToTarget", make_object("targetId", target_id, "flatten", true));
+  auto params = make_object("targetId", target_id, "flatten", true);
+  auto undo = [browser = session_](const json::object& late) {
+    browser->send_and_forget("Target.detachFromTarget", make_object("sessionId", text_of(late, "sessionId")));
+  };
+  const json::object reply = co_await session_->command_or_undo("Target.attachToTarget", std::move(params), undo);
   co_return connection_->session(std::string(text_of(reply, "sessionId")));
+}
+
+asio::awaitable<std::shared_ptr<Browser::OpenedTarget>> Browser::open_target(PageOptions options) {
+  auto params = make_object("url", "about:blank", "newWindow", true, "width", window_side(options.width()), "height",
+                            window_side(options.height()));
+  auto undo = [browser = session_](const json::object& late) { OpenedTarget(browser, late); };
+  const json::object reply = co_await session_->command_or_undo("Target.createTarget", std::move(params), undo);
+  co_return std::make_shared<OpenedTarget>(session_, reply);
 }
 
 asio::awaitable<std::shared_ptr<ChromiumPage>> Browser::attach(std::string target_id) {
@@ -115,22 +146,20 @@ asio::awaitable<std::shared_ptr<ChromiumPage>> Browser::attach(std::string targe
   const std::shared_ptr<ChromiumPage> page(
       new ChromiumPage(session_, std::move(session), std::move(target_id), ChromiumPage::Owner::someone_else));
   co_await page->enable_events();
-  co_await page->measure(std::chrono::seconds(2), false);
+  co_await page->measure();
   co_return page;
 }
 
 asio::awaitable<std::shared_ptr<ChromiumPage>> Browser::new_page(PageOptions options) {
   check(options);
-  const json::object reply = co_await session_->command(
-      "Target.createTarget", make_object("url", "about:blank", "newWindow", true, "width", window_side(options.width()),
-                                         "height", window_side(options.height())));
-  std::string target_id(text_of(reply, "targetId"));
-  auto session = co_await open_session(target_id);
+  const auto target = co_await open_target(options);
+  auto session = co_await open_session(target->id());
   const std::shared_ptr<ChromiumPage> page(
-      new ChromiumPage(session_, std::move(session), std::move(target_id), ChromiumPage::Owner::us));
+      new ChromiumPage(session_, std::move(session), target->release(), ChromiumPage::Owner::us));
   std::erase_if(our_pages_, [](const auto& entry) { return entry.expired(); });
   our_pages_.push_back(page);
   co_await page->set_up(options);
+  if (popups_) popups_->hand_over(page->target_id(), options);
   co_return page;
 }
 
@@ -139,10 +168,15 @@ asio::awaitable<std::shared_ptr<ChromiumPage>> Browser::new_page() {
   return new_page(options);
 }
 
+// The browser replies in the order of the commands. When the first reply is here, so is
+// that of a new_page() which was cancelled, and its page's end is on its way; when the
+// second one is here, so are the pages' ends that nobody awaits.
 asio::awaitable<void> Browser::close_our_pages() {
+  co_await session_->command("Browser.getVersion");
   for (const auto& entry : std::exchange(our_pages_, {})) {
     if (const auto page = entry.lock()) co_await page->close();
   }
+  co_await session_->command("Browser.getVersion");
 }
 
 // A launched browser takes its pages with it, so only those in another program's browser

@@ -58,11 +58,14 @@ class Browser {
   boost::asio::awaitable<std::vector<PageInfo>> pages();
 
   /// Attaches to a page that another program opened, and leaves its settings alone.
-  /// Throws BrowserError if there is no page with this id.
+  /// Throws BrowserError if there is no page with this id. If cancelled, or after a time
+  /// limit, detaches again.
   boost::asio::awaitable<std::shared_ptr<ChromiumPage>> attach(std::string target_id);
 
   /// Opens an empty page in a window of its own. Throws std::invalid_argument if the
-  /// viewport or the device pixel ratio is out of range.
+  /// viewport or the device pixel ratio is out of range. If cancelled, or after a time
+  /// limit, a page that the browser has opened or opens later is closed without waiting,
+  /// while the event loop runs; close() waits for it.
   boost::asio::awaitable<std::shared_ptr<ChromiumPage>> new_page(PageOptions options);
   /// The same with the default viewport.
   boost::asio::awaitable<std::shared_ptr<ChromiumPage>> new_page();
@@ -78,6 +81,8 @@ class Browser {
   Browser(std::unique_ptr<BrowserProcess> process, std::shared_ptr<Connection> connection);
   boost::asio::awaitable<void> set_up();
   boost::asio::awaitable<std::shared_ptr<Session>> open_session(std::string target_id);
+  class OpenedTarget;
+  boost::asio::awaitable<std::shared_ptr<OpenedTarget>> open_target(PageOptions options);
   boost::asio::awaitable<void> close_our_pages();
 
   std::unique_ptr<BrowserProcess> process_;  // null if connect() found it
@@ -93,8 +98,8 @@ class Browser {
 /// process's environment without ANTHROPIC_API_KEY.
 ///
 /// All its pages are treated as ours, including those that a page opens: their dialogs
-/// are answered as described at ChromiumPage, they close with the page that opened
-/// them, and nothing is downloaded to disk.
+/// are answered as described at ChromiumPage, they have the viewport and ratio of the page
+/// that opened them and close with it, and nothing is downloaded to disk.
 ///
 /// Throws BrowserError if the browser does not start, with the end of what it wrote to
 /// standard error.

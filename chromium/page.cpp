@@ -2,9 +2,10 @@
 
 #include <utility>
 
-#include "chromium/events/fonts.hpp"
+#include "chromium/events/dialogs.hpp"
+#include "chromium/events/emulation.hpp"
 #include "chromium/events/navigation.hpp"
-#include "chromium/events/popups.hpp"
+#include "chromium/events/probe.hpp"
 #include "chromium/input/keyboard.hpp"
 #include "chromium/input/mouse.hpp"
 #include "chromium/protocol/json_object.hpp"
@@ -16,6 +17,17 @@
 namespace vision::chromium {
 namespace asio = boost::asio;
 namespace json = boost::json;
+namespace {
+
+// How the browser refuses a screenshot while one document replaces another. The protocol
+// gives these the same code as other refusals, so the text decides.
+bool is_between_documents(const ProtocolError& error) {
+  const std::string_view message = error.browser_message();
+  return message.starts_with("Not attached to an active page") ||
+         message.starts_with("Cannot take screenshot with 0 ") || message.starts_with("Unable to capture screenshot");
+}
+
+}  // namespace
 
 ChromiumPage::ChromiumPage(std::shared_ptr<Session> browser, std::shared_ptr<Session> session, std::string target_id,
                            Owner owner)
@@ -23,7 +35,8 @@ ChromiumPage::ChromiumPage(std::shared_ptr<Session> browser, std::shared_ptr<Ses
       session_(std::move(session)),
       target_id_(std::move(target_id)),
       owner_(owner),
-      fonts_(std::make_unique<FontWait>()),
+      dialogs_(std::make_unique<Dialogs>(*session_)),
+      probe_(std::make_unique<PageProbe>(session_)),
       mouse_(std::make_unique<PageMouse>(session_)),
       keyboard_(std::make_unique<PageKeyboard>(session_)) {
   session_->set_event_handler(
@@ -53,39 +66,30 @@ asio::awaitable<void> ChromiumPage::enable_events() {
 asio::awaitable<void> ChromiumPage::set_up(PageOptions options) {
   co_await enable_events();
   viewport_ = make_object("width", options.width(), "height", options.height());
-  co_await session_->command(
-      "Emulation.setDeviceMetricsOverride",
-      make_object("width", options.width(), "height", options.height(), "screenWidth", options.width(), "screenHeight",
-                  options.height(), "deviceScaleFactor", options.device_pixel_ratio(), "mobile", false));
-  co_await session_->command("Emulation.setFocusEmulationEnabled", make_object("enabled", true));
+  for (auto& [method, params] : emulation_of(options)) co_await session_->command(method, std::move(params));
+  co_await measure();
 }
 
-// A page that is navigating, or has a dialog open, does not reply; then the last size
-// stays. Attaching and screenshots must work on such a page, so they do not wait long.
-asio::awaitable<void> ChromiumPage::measure(runtime::Duration limit, bool wait_for_fonts) {
-  const std::string size_of_page = "{width: innerWidth, height: innerHeight}";
-  const std::string script = wait_for_fonts ? fonts_->before(size_of_page) : "(" + size_of_page + ")";
-  auto asked = session_->command("Runtime.evaluate", evaluation(script), limit);
-  auto outcome = co_await runtime::try_await(std::move(asked));
-  if (!outcome.has_value() || outcome.value().contains("exceptionDetails")) co_return;
-  json::value size = evaluated_value(outcome.value());
-  if (wait_for_fonts) size = fonts_->value_in(std::move(size));
-  const bool is_size = size.is_object() && size.get_object().contains("width");
-  if (is_size && owner_ == Owner::someone_else) viewport_ = size.get_object();
+asio::awaitable<void> ChromiumPage::measure() {
+  co_await probe_->measure();
+  take_size();
+}
+
+// That of a page of ours is known.
+void ChromiumPage::take_size() {
+  if (owner_ == Owner::someone_else && probe_->size()) viewport_ = probe_->size();
 }
 
 void ChromiumPage::handle_event(std::string_view method, const json::object& params) {
   if (method == "Page.frameNavigated" && !object_of(params, "frame").contains("parentId")) mouse_->document_changed();
+  if (owner_ == Owner::us) return dialogs_->handle_event(method, params);
   if (method == "Page.javascriptDialogOpening") {
-    if (owner_ == Owner::us) return answer_dialog(*session_, params);
     constexpr std::size_t max_message = 100;
     session_->set_obstacle("a dialog is open (" + text::one_line(text_of(params, "type")) + " \"" +
                            text::one_line(text::first_code_points(text_of(params, "message"), max_message)) +
                            "\") that the page's owner has not answered");
   } else if (method == "Page.javascriptDialogClosed") {
     session_->set_obstacle({});
-  } else if (load_waiter_) {
-    load_waiter_->handle_event(method, params);
   }
 }
 
@@ -97,41 +101,59 @@ asio::awaitable<json::object> ChromiumPage::full_page_clip() {
   co_return make_object("x", 0, "y", 0, "width", size.at("width"), "height", size.at("height"), "scale", 1);
 }
 
-asio::awaitable<Bytes> ChromiumPage::screenshot(ScreenshotOptions options) {
+asio::awaitable<Bytes> ChromiumPage::capture(ScreenshotOptions options, Attempt attempt) {
   co_await session_->command("Page.bringToFront");
-  co_await measure(std::chrono::seconds(5), true);
+  co_await probe_->wait_for_picture();
+  take_size();
   json::object params = make_object("format", "png", "optimizeForSpeed", optimize_for_speed_);
   if (options.full_page()) {
     params["clip"] = co_await full_page_clip();
     params["captureBeyondViewport"] = true;
   }
-  Bytes picture = co_await session_->command_for_picture("Page.captureScreenshot", params);
+  const auto spoils = attempt == Attempt::first ? commits_document : nullptr;
+  Bytes picture = co_await session_->command_for_picture("Page.captureScreenshot", params, spoils);
   constexpr std::size_t max_size = 5'000'000 / 4 * 3;  // some endpoints take no more than 5 MB of base64
   if (!optimize_for_speed_ || picture.size() <= max_size) co_return picture;
   params["optimizeForSpeed"] = false;
-  co_return co_await session_->command_for_picture("Page.captureScreenshot", params);
+  co_return co_await session_->command_for_picture("Page.captureScreenshot", params, spoils);
+}
+
+// The browser may never reply when another document comes while it takes the picture,
+// which would be of the old one. A page that never rests is taken as it is.
+asio::awaitable<Bytes> ChromiumPage::screenshot(ScreenshotOptions options) {
+  try {
+    co_return co_await capture(options, Attempt::first);
+  } catch (const PictureSpoiled&) {
+  } catch (const ProtocolError& error) {
+    if (!is_between_documents(error)) throw;
+  }
+  constexpr auto pause = std::chrono::milliseconds(50);  // trying again at once meets the same state
+  co_await runtime::sleep_for(pause);
+  co_return co_await capture(options, Attempt::last);
 }
 
 asio::awaitable<json::value> ChromiumPage::evaluate(std::string expression) {
-  co_return evaluated_value(co_await session_->command("Runtime.evaluate", evaluation(expression)));
+  const bool is_known = expression == "window.devicePixelRatio" && !probe_->ratio().is_null();
+  if (is_known && !probe_->answered()) co_return probe_->ratio();
+  const runtime::Duration limit = is_known ? PageProbe::short_limit : session_->command_timeout();
+  try {
+    co_return evaluated_value(co_await session_->command("Runtime.evaluate", evaluation(expression), limit));
+  } catch (const CommandTimeout&) {
+    if (!is_known) throw;
+  }
+  co_return probe_->ratio();
 }
 
 asio::awaitable<void> ChromiumPage::navigate(std::string url) {
-  LoadWaiter load(session_);
-  struct Registration {  // ends however this coroutine does
-    LoadWaiter*& current;
-    LoadWaiter* mine;
-    Registration(LoadWaiter*& c, LoadWaiter* m) : current(c), mine(m) { current = m; }
-    ~Registration() {
-      if (current == mine) current = nullptr;  // a later navigate() may have replaced it
-    }
-  } registration(load_waiter_, &load);
+  const std::string shown = text::one_line(url);
+  LoadWaiter load(session_, loads_, shown);
   const json::object reply = co_await session_->command("Page.navigate", make_object("url", url));
   if (const auto error = text_of(reply, "errorText"); !error.empty()) {
-    throw NavigationError("cannot load " + text::one_line(url) + ": " + std::string(error));
+    throw NavigationError("cannot load " + shown + ": " + text::one_line(error));
   }
   if (!reply.contains("loaderId")) co_return;  // moved within the same document: no load event comes
-  co_await load.wait(session_->command_timeout(), "load of " + text::one_line(url));
+  load.supersede_earlier();
+  co_await load.wait(session_->command_timeout(), "load of " + shown);
 }
 
 // The browser replies before the page has gone, hence the wait for the session's end,

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
+#include <chrono>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,9 +15,10 @@
 
 namespace vision::chromium {
 
-class FontWait;
+class Dialogs;
 class LoadWaiter;
 class PageMouse;
+class PageProbe;
 class Session;
 
 /// A page of a Chromium browser, returned by Browser::new_page or Browser::attach.
@@ -43,9 +46,11 @@ class ChromiumPage : public BrowserPage {
 
   /// Returns the viewport, or the whole document, in device pixels. First brings the
   /// page to the front of its window, because the browser does not draw a hidden page.
-  /// Then waits up to 3 s for web fonts that are loading, whose text is not drawn yet.
-  /// If the owner of an attached page emulates a device pixel ratio, the browser
-  /// returns CSS pixels.
+  /// Then waits for a navigation that has begun, so that the picture shows the page on
+  /// which the next action takes effect; after 7 s without an answer from the server it
+  /// returns the old page, which still takes actions. Waits up to 3 s of these for web
+  /// fonts that are loading, whose text is not drawn yet. If the owner of an attached
+  /// page emulates a device pixel ratio, the browser returns CSS pixels.
   boost::asio::awaitable<Bytes> screenshot(ScreenshotOptions options) override;
 
   /// Whether the browser encodes later screenshots fast rather than small: the same
@@ -61,6 +66,10 @@ class ChromiumPage : public BrowserPage {
   /// function, a symbol, NaN, an infinity, a window, a cyclic object. A bigint becomes an
   /// integer if it fits into 64 bits, else null. Throws EvaluationError if the script
   /// throws or its promise is rejected.
+  ///
+  /// The browser runs no script while a navigation waits for its server. If the last
+  /// screenshot was of a page that waits like this, "window.devicePixelRatio" is the last
+  /// known one.
   boost::asio::awaitable<boost::json::value> evaluate(std::string expression) override;
 
   /// The viewport given to new_page(). For an attached page, its inner size at the
@@ -84,7 +93,8 @@ class ChromiumPage : public BrowserPage {
   Keyboard& keyboard() override;
 
   /// Navigates to `url` and waits for the load event. Throws NavigationError if it
-  /// cannot be loaded. A response with an error status counts as loaded.
+  /// cannot be loaded, or as soon as a later navigate() has replaced its document. A
+  /// response with an error status counts as loaded.
   boost::asio::awaitable<void> navigate(std::string url);
 
   /// Closes the page, whoever opened it, without asking the page (no beforeunload
@@ -97,10 +107,13 @@ class ChromiumPage : public BrowserPage {
  private:
   friend class Browser;
   enum class Owner { us, someone_else };
+  enum class Attempt { first, last };
   ChromiumPage(std::shared_ptr<Session> browser, std::shared_ptr<Session> session, std::string target_id, Owner owner);
   boost::asio::awaitable<void> set_up(PageOptions options);
   boost::asio::awaitable<void> enable_events();
-  boost::asio::awaitable<void> measure(runtime::Duration limit, bool wait_for_fonts);
+  boost::asio::awaitable<void> measure();
+  void take_size();
+  boost::asio::awaitable<Bytes> capture(ScreenshotOptions options, Attempt attempt);
   boost::asio::awaitable<boost::json::object> full_page_clip();
   void handle_event(std::string_view method, const boost::json::object& params);
 
@@ -108,11 +121,12 @@ class ChromiumPage : public BrowserPage {
   const std::shared_ptr<Session> session_;
   const std::string target_id_;
   const Owner owner_;
-  const std::unique_ptr<FontWait> fonts_;
+  const std::unique_ptr<Dialogs> dialogs_;  // used for a page of ours
+  const std::unique_ptr<PageProbe> probe_;
   const std::unique_ptr<PageMouse> mouse_;
   const std::unique_ptr<Keyboard> keyboard_;
   std::optional<boost::json::object> viewport_;
-  LoadWaiter* load_waiter_ = nullptr;  // of the latest navigate() that is in progress
+  std::list<LoadWaiter*> loads_;  // of the navigate() calls in progress
   bool optimize_for_speed_ = true;
 };
 

@@ -3,6 +3,8 @@
 #include <boost/json/array.hpp>
 #include <utility>
 
+#include "chromium/events/dialogs.hpp"
+#include "chromium/events/emulation.hpp"
 #include "chromium/protocol/connection.hpp"
 #include "chromium/protocol/json_object.hpp"
 #include "chromium/protocol/session.hpp"
@@ -10,13 +12,10 @@
 namespace vision::chromium {
 namespace json = boost::json;
 
-void answer_dialog(Session& session, const json::object& opening) {
-  const bool leaving = text_of(opening, "type") == "beforeunload";
-  session.send_and_forget("Page.handleJavaScriptDialog", make_object("accept", leaving));
-}
-
 Popups::Popups(std::shared_ptr<Connection> connection, std::shared_ptr<Session> browser)
     : connection_(std::move(connection)), browser_session_(std::move(browser)) {}
+
+Popups::~Popups() = default;
 
 json::object Popups::auto_attach() {
   const json::array filter = {make_object("type", "page")};
@@ -38,17 +37,40 @@ void Popups::add(const std::string& session_id, const json::object& target_info)
   window.session = connection_->session(session_id);
   window.target_id = text_of(target_info, "targetId");
   window.opener_id = text_of(target_info, "openerId");
-  Session* const session = window.session.get();  // owns the handler: a shared_ptr in it would be a cycle
-  session->set_event_handler([session](std::string_view method, const json::object& params) {
-    if (method == "Page.javascriptDialogOpening") answer_dialog(*session, params);
+  window.dialogs = std::make_unique<Dialogs>(*window.session);
+  window.look = look_of(window.opener_id);
+  Session& session = *window.session;
+  session.set_event_handler([dialogs = window.dialogs.get()](std::string_view method, const json::object& params) {
+    dialogs->handle_event(method, params);
   });
-  session->send_and_forget("Page.enable", {});  // without it, no dialog is reported
-  session->send_and_forget("Runtime.runIfWaitingForDebugger", {});
+  session.send_and_forget("Page.enable", {});  // without it, no dialog is reported
+  if (window.look) {
+    for (const auto& [method, parameters] : emulation_of(*window.look)) session.send_and_forget(method, parameters);
+  }
+  session.send_and_forget("Runtime.runIfWaitingForDebugger", {});
+}
+
+std::optional<PageOptions> Popups::look_of(const std::string& target_id) const {
+  for (const auto& [id, window] : windows_) {
+    if (window.target_id == target_id) return window.look;
+  }
+  return std::nullopt;
+}
+
+void Popups::hand_over(const std::string& target_id, const PageOptions& look) {
+  for (auto& [id, window] : windows_) {
+    if (window.target_id != target_id) continue;
+    window.look = look;
+    window.session->set_event_handler(nullptr);
+    window.session->send_and_forget("Page.disable", {});
+    window.dialogs.reset();
+  }
 }
 
 void Popups::remove(const std::string& session_id) {
   const auto found = windows_.find(session_id);
   if (found == windows_.end()) return;
+  found->second.session->set_event_handler(nullptr);  // it refers to the dialogs
   const std::string gone = std::move(found->second.target_id);
   windows_.erase(found);
   // The windows that these have opened follow, as their own ends are reported.

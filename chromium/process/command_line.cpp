@@ -76,6 +76,7 @@ std::vector<std::string> browser_arguments(const LaunchOptions& options, const s
       "--disable-search-engine-choice-screen",
       // Pages see the mouse that the library has, not the devices of this machine.
       "--blink-settings=primaryHoverType=2,availableHoverTypes=2,primaryPointerType=4,availablePointerTypes=4",
+      "--disable-popup-blocking",  // which allows a page one window for each click
       // Pages must not slow down when they are not visible.
       "--disable-background-timer-throttling",
       "--disable-backgrounding-occluded-windows",

@@ -85,6 +85,7 @@ void Connection::end(const std::string& cause) {
   transport_->close();
   outbox_.clear();
   unasked_backlog_ = 0;
+  result_handlers_.clear();
   for (const auto& [id, entry] : sessions_) {
     if (const auto session = entry.lock()) session->end(ended_);
   }
@@ -161,14 +162,27 @@ void Connection::dispatch(std::string text) {
   auto* object = message.if_object();
   if (!object) return;
   if (const auto* id_value = object->if_contains("id"); id_value && id_value->is_int64()) {
-    waiter = find_waiter(static_cast<std::uint64_t>(id_value->get_int64()));
-    if (!waiter) return;  // cancelled or timed out, or the command was sent and forgotten
-    waiter->message = std::move(*object);
-    waiter->succeed();
+    dispatch_reply(static_cast<std::uint64_t>(id_value->get_int64()), std::move(*object));
   } else {
     dispatch_event(text_of(*object, "method"), std::string(text_of(*object, "sessionId")),
                    object_of(*object, "params"));
   }
+}
+
+void Connection::handle_result_of(std::uint64_t id, ResultHandler handler) {
+  if (!ended_) result_handlers_.emplace(id, std::move(handler));
+}
+
+// A reply may find nobody: the command was cancelled, has timed out, or was forgotten when
+// it was sent.
+void Connection::dispatch_reply(std::uint64_t id, json::object message) {
+  if (ReplyWaiter* waiter = find_waiter(id)) {
+    waiter->message = std::move(message);
+    return waiter->succeed();
+  }
+  const auto handler = result_handlers_.extract(id);
+  const auto* result = message.if_contains("result");
+  if (handler && result && result->is_object()) handler.mapped()(result->get_object());
 }
 
 // The browser does not reply to commands that are pending when their page closes, so

@@ -47,8 +47,10 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void send(std::string message);
   void send_unasked(std::string message);
   void enqueue(std::string message, std::size_t unasked_bytes);
+  void handle_result_of(std::uint64_t id, ResultHandler handler);
   void end(const std::string& cause);
   void dispatch(std::string text);
+  void dispatch_reply(std::uint64_t id, boost::json::object message);
   void dispatch_event(std::string_view method, const std::string& session_id, const boost::json::object& params);
   ReplyWaiter* find_waiter(std::uint64_t id) const;
 
@@ -59,6 +61,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   const std::shared_ptr<const bool> context_lives_;
   std::map<std::string, std::weak_ptr<Session>> sessions_;  // each removes itself
   std::map<std::uint64_t, ReplyWaiter*> reply_waiters_;     // each removes itself
+  std::map<std::uint64_t, ResultHandler> result_handlers_;  // of replies that no coroutine awaits
   std::uint64_t last_id_ = 0;
   struct Outgoing {
     std::string message;

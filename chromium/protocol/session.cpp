@@ -4,7 +4,6 @@
 #include <chrono>
 #include <utility>
 
-#include "chromium/errors.hpp"
 #include "chromium/protocol/connection.hpp"
 #include "chromium/protocol/json_object.hpp"
 #include "chromium/protocol/message.hpp"
@@ -86,9 +85,19 @@ ReplyWaiter::ReplyWaiter(std::shared_ptr<Session> session, std::shared_ptr<Conne
   connection_->reply_waiters_.emplace(id_, this);
 }
 
-// From here on a late reply finds nobody and is dropped.
+// From here on a late reply is for `undo`. Without one it finds nobody and is dropped.
 ReplyWaiter::~ReplyWaiter() {
   connection_->reply_waiters_.erase(id_);
+  if (!undo) return;
+  if (message.empty()) {
+    connection_->handle_result_of(id_, std::move(undo));
+  } else if (const auto* result = message.if_contains("result"); result && result->is_object()) {
+    undo(result->get_object());
+  }
+}
+
+void ReplyWaiter::handle_event(std::string_view method, const json::object& params) {
+  if (spoils && spoils(method, params)) fail(std::make_exception_ptr(PictureSpoiled()));
 }
 
 Session::Session(std::shared_ptr<Connection> connection, std::string id)
@@ -125,9 +134,19 @@ asio::awaitable<json::object> Session::command(std::string method, json::object 
   co_return result_of(method, reply.message);
 }
 
-asio::awaitable<Bytes> Session::command_for_picture(std::string method, json::object params) {
+asio::awaitable<json::object> Session::command_or_undo(std::string method, json::object params, ResultHandler undo) {
+  ReplyWaiter reply(shared_from_this(), connection_);
+  send(reply, method, params);
+  reply.undo = std::move(undo);
+  co_await reply.wait(command_timeout(), method);
+  reply.undo = nullptr;
+  co_return result_of(method, reply.message);
+}
+
+asio::awaitable<Bytes> Session::command_for_picture(std::string method, json::object params, EventTest spoils) {
   ReplyWaiter reply(shared_from_this(), connection_);
   reply.wants_text = true;
+  reply.spoils = spoils;
   send(reply, method, params);
   co_await reply.wait(command_timeout(), method);
   if (auto picture = picture_in_reply(reply.text)) co_return std::move(*picture);
@@ -154,14 +173,22 @@ void Session::send_and_forget(std::string_view method, const json::object& param
   }
 }
 
+void Session::send_then(std::string_view method, const json::object& params, ResultHandler then) {
+  if (ended_) return;
+  const std::uint64_t id = ++connection_->last_id_;
+  connection_->send(command_text(id, method, id_, params));
+  connection_->handle_result_of(id, std::move(then));
+}
+
 void Session::handle_event(std::string_view method, const json::object& params) {
   if (method == "Inspector.targetCrashed") {
     crashed_ = true;
     fail_waiters(std::make_exception_ptr(PageCrashedError()));
   } else if (method == "Inspector.targetReloadedAfterCrash") {
     crashed_ = false;
-  } else if (event_handler_) {
-    event_handler_(method, params);
+  } else {
+    for (Waiter* waiter : waiters_) waiter->handle_event(method, params);
+    if (event_handler_) event_handler_(method, params);
   }
 }
 
@@ -171,8 +198,7 @@ void Session::end(const std::exception_ptr& error) {
   fail_waiters(error);
 }
 
-// A failed waiter leaves the set when its coroutine resumes, which is never during
-// this loop.
+// A waiter leaves the set when its coroutine resumes, which is never during a loop over them.
 void Session::fail_waiters(const std::exception_ptr& error) {
   for (Waiter* waiter : waiters_) waiter->fail(error);
 }

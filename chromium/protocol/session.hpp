@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "chromium/errors.hpp"
 #include "vision/records/bytes.hpp"
 #include "vision/runtime/internal/one_shot.hpp"
 #include "vision/runtime/time.hpp"
@@ -20,6 +21,18 @@ namespace vision::chromium {
 class Connection;
 class ReplyWaiter;
 class Session;
+
+/// Whether an event is of a certain kind.
+using EventTest = bool (*)(std::string_view method, const boost::json::object& params);
+
+/// The page changed while its picture was being taken.
+class PictureSpoiled : public BrowserError {
+ public:
+  PictureSpoiled() : BrowserError("the page changed while its picture was being taken") {}
+};
+
+/// Takes the result of a command that no coroutine awaits.
+using ResultHandler = std::function<void(const boost::json::object& result)>;
 
 /// Something that a coroutine awaits from the browser. Lives in that coroutine's
 /// frame, and fails when its session ends or its page crashes.
@@ -35,6 +48,8 @@ class Waiter {
   void succeed();
   void fail(std::exception_ptr error);
   ///@}
+  /// Called with each event of the session.
+  virtual void handle_event(std::string_view, const boost::json::object&) {}
   /// Completes after succeed(). Throws the error given to fail(), or after `limit`
   /// CommandTimeout, which names `what`.
   boost::asio::awaitable<void> wait(runtime::Duration limit, std::string what);
@@ -66,14 +81,25 @@ class Session : public std::enable_shared_from_this<Session> {
   boost::asio::awaitable<boost::json::object> command(std::string method, boost::json::object params,
                                                       runtime::Duration limit);
 
+  /// The same. A result that comes when the command has been cancelled or has timed out
+  /// goes to `undo`, which must not throw.
+  boost::asio::awaitable<boost::json::object> command_or_undo(std::string method, boost::json::object params,
+                                                              ResultHandler undo);
+
   /// The same for a command whose result is a picture as base64 text. The memory of
-  /// the reply becomes the picture's.
-  boost::asio::awaitable<Bytes> command_for_picture(std::string method, boost::json::object params);
+  /// the reply becomes the picture's. Throws PictureSpoiled as soon as an event comes for
+  /// which `spoils`, if not null, is true.
+  boost::asio::awaitable<Bytes> command_for_picture(std::string method, boost::json::object params,
+                                                    EventTest spoils = nullptr);
 
   /// Sends a command and ignores its reply. For event handlers and destructors, which
   /// cannot wait. Ends the connection when 4 MiB of such commands wait for a peer that
   /// does not read them.
   void send_and_forget(std::string_view method, const boost::json::object& params) noexcept;
+
+  /// Sends a command and calls `then` with its result, within the connection's handling of
+  /// the reply; not at all if the browser refuses or the connection ends. `then` must not throw.
+  void send_then(std::string_view method, const boost::json::object& params, ResultHandler then);
 
   /// Replaces the handler of this session's events; null ignores them. An exception
   /// from it ends the connection.
@@ -115,9 +141,13 @@ class ReplyWaiter : public Waiter {
   ~ReplyWaiter() override;
   std::uint64_t id() const noexcept { return id_; }
 
+  void handle_event(std::string_view method, const boost::json::object& params) override;
+
+  EventTest spoils = nullptr;   ///< for which events to fail with PictureSpoiled
   bool wants_text = false;      ///< whether to deliver the reply unparsed, as `text`
   boost::json::object message;  ///< the whole reply, unless it was wanted as text
   std::string text;
+  ResultHandler undo;  ///< for the reply to a sent command, if nobody takes it
 
  private:
   const std::shared_ptr<Connection> connection_;

@@ -105,7 +105,7 @@ class VirtualTimeLoop : vision::test::VirtualLoop {
       io.restart();
       const bool busy = io.poll_one() > 0;
       if (hangs && time->advance()) return;
-      const bool pause = pauses_pass && time->until_next() < milliseconds(2500);
+      const bool pause = time->until_next() < passes;
       if (!busy && !(pause && time->advance())) io.run_one();
     };
   }
@@ -119,7 +119,8 @@ class VirtualTimeLoop : vision::test::VirtualLoop {
     return "fetch('http://127.0.0.1:" + std::to_string(begins_.local_endpoint().port()) + "', {mode: 'no-cors'}); ";
   }
 
-  bool hangs = false, pauses_pass = true;
+  bool hangs = false;
+  milliseconds passes{2500};  ///< waits that are shorter than this pass at once
 
  private:
   asio::ip::tcp::acceptor begins_;
@@ -136,6 +137,15 @@ class ProfilesHere {
   vision::test::ScratchDirectory directory_;
   vision::test::ScopedEnv variable_;
 };
+
+/// The port of the browser that was launched with --remote-debugging-port=0, the only one in `profiles`.
+inline std::string debugging_port(const ProfilesHere& profiles, std::string* path = nullptr) {
+  const auto profile = std::filesystem::directory_iterator(profiles.path())->path();
+  std::string file;
+  while (file.find('\n') == file.npos) file = vision::test::read_file(profile / "DevToolsActivePort");
+  if (path) *path = file.substr(file.find('\n') + 1);
+  return file.substr(0, file.find('\n'));
+}
 
 /// One browser for all tests of a suite, and a new page for each test.
 class PageTest : public testing::Test {

@@ -8,6 +8,7 @@
 #include <boost/asio/local/connect_pair.hpp>
 #include <boost/asio/write.hpp>
 
+#include "chromium/events/navigation.hpp"
 #include "chromium/protocol/connection.hpp"
 #include "chromium/protocol/pipe_transport.hpp"
 #include "tests/chromium/browser_fixture.hpp"
@@ -78,6 +79,21 @@ TEST(Connection, TakesWhateverAPeerSends) {
     const std::string error = call.error();
     EXPECT_EQ(error == "no error" ? call.get().view() : error, expected);
   }
+  Running<Bytes> picture(session->command_for_picture("E.f", {}, commits_document));
+  send(R"({"method":"Page.frameNavigated","params":{"frame":{"parentId":"1"}}})");
+  send(R"({"id":14,"result":{"data":"UE5H"}})");
+  EXPECT_EQ(picture.error(), "no error");
+  Running<Bytes> spoiled(session->command_for_picture("E.f", {}, commits_document));
+  send(R"({"method":"Page.frameNavigated","params":{"frame":{}}})");
+  EXPECT_EQ(spoiled.error(), "BrowserError: the page changed while its picture was being taken");
+  std::string undone;
+  Running<json::object> left(
+      session->command_or_undo("G.h", {}, [&](const auto& late) { undone = text::to_json(late); }));
+  left.cancel();
+  EXPECT_THAT(left.error(), testing::StartsWith("system_error"));
+  send(R"({"id":16,"result":{"made":1}})");
+  while (undone.empty()) take_turn();
+  EXPECT_EQ(undone, R"({"made": 1})");
   Running<json::object> last(session->command("C.d"));
   peer.close();
   EXPECT_EQ(last.error(), closed + " (the browser has exited or ended the connection)");

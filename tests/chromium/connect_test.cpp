@@ -43,11 +43,7 @@ class Connect : public testing::Test {
     LaunchOptions options;
     options.argument("--remote-debugging-port=0");
     owner_ = run(launch(options));
-    const auto profile = std::filesystem::directory_iterator(profiles_.path())->path();
-    std::string port_file;
-    while (port_file.find('\n') == port_file.npos) port_file = vision::test::read_file(profile / "DevToolsActivePort");
-    port_ = port_file.substr(0, port_file.find('\n'));
-    path_ = port_file.substr(port_file.find('\n') + 1);
+    port_ = debugging_port(profiles_, &path_);
     page_ = run(owner_->new_page(PageOptions().viewport(500, 400).device_pixel_ratio(2)));
     run(
         page_->navigate(page_url("<title>theirs</title><body style='height:3000px' "
@@ -86,10 +82,29 @@ TEST_F(Connect, UsesAPageOfSomeoneElseAndLeavesItAsItIs) {
   }
 }
 
+TEST_F(Connect, ACancelledNewPageIsClosed) {
+  auto guest = run(connect("http://127.0.0.1:" + port_));
+  for (int turns = 0; turns < 40; turns += 3) {
+    for (Browser* browser : {owner_.get(), guest.get()}) {
+      Running<std::shared_ptr<ChromiumPage>> opening(browser->new_page());
+      for (int i = 0; i < turns && !opening.ended; ++i) take_turn();
+      opening.cancel();
+      opening.error();
+    }
+  }
+  Running<std::shared_ptr<ChromiumPage>> last(guest->new_page());
+  take_turn();
+  last.cancel();
+  last.error();
+  run(guest->new_page()).reset();
+  run(guest->close());
+  while (run(owner_->pages()).size() > 1) continue;
+}
+
 // Meanwhile the owner's event loop does not run, so the owner does not answer.
 TEST_F(Connect, ATimeoutSaysThatADialogOfTheOwnerIsOpen) {
   VirtualTimeLoop guests;
-  guests.pauses_pass = false;
+  guests.passes = {};
   DevToolsUrl url = parse_devtools_url("http://127.0.0.1:" + port_);
   auto guest = run(connect("http://127.0.0.1:" + port_));
   auto theirs = run(guest->attach(page_->target_id()));

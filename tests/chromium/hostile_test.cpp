@@ -91,7 +91,8 @@ TEST(Hostile, AMissionEndsInItsDocumentedValueAndNothingIsLeft) {
       EXPECT_NE(file->path().stem(), "gift");
     }
     page.reset();
-    world.hangs = world.pauses_pass = false;
+    world.hangs = false;
+    world.passes = {};
     if (!row.befalls) run(browser->close());
     browser.reset();
     fs::remove(profiles.path() + "/rest");

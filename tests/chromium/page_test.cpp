@@ -284,32 +284,38 @@ TEST_F(PageTest, AFastPictureTooLargeForSomeEndpointsIsTakenSmall) {
   EXPECT_TRUE(taken.view() == run(page->screenshot({})).view());
 }
 
-TEST_F(PageTest, WindowsAreShownAndCloseWithThePageThatOpenedThem) {
-  auto other = run(browser_->new_page());
-  open("<body onclick=\"window.open('about:blank')\" style='height:500px'>");
-  run(page_->mouse().click(50, 50));
-  std::shared_ptr<ChromiumPage> window;
+TEST_F(PageTest, WindowsLookLikeThePageThatOpenedThemAreShownAndCloseWithIt) {
+  auto opener = run(browser_->new_page(PageOptions().viewport(640, 400).device_pixel_ratio(2)));
+  run(
+      opener->navigate(page_url("<body onclick=\"window.open('about:blank'), window.open('about:blank', '', "
+                                "'width=300,height=200')\" style='height:500px'>")));
+  run(opener->mouse().click(50, 50));
+  std::vector<std::shared_ptr<ChromiumPage>> windows;
   for (const auto& info : run(browser_->pages())) {
-    const bool known = info.target_id == page_->target_id() || info.target_id == other->target_id();
-    if (!known) window = run(browser_->attach(info.target_id));
+    const bool known = info.target_id == page_->target_id() || info.target_id == opener->target_id();
+    if (!known) windows.push_back(run(browser_->attach(info.target_id)));
   }
-  ASSERT_TRUE(window);
+  ASSERT_EQ(windows.size(), 2u);
+  for (const auto& window : windows) {
+    EXPECT_EQ(value_of(*window, "[innerWidth, innerHeight, devicePixelRatio]"), "[640, 400, 2]");
+    EXPECT_EQ(text::to_json(*window->viewport_size()), R"({"width": 640, "height": 400})");
+  }
   const std::function<void()> shows_it[] = {
-      [&] { run(window->mouse().click(5, 5)); }, [&] { run(window->mouse().wheel(0, 5)); },
-      [&] { run(window->keyboard().press("a")); }, [&] { run(window->keyboard().type("a", milliseconds(0))); },
-      [&] { EXPECT_FALSE(run(window->screenshot({})).empty()); }};
+      [&] { run(windows[0]->mouse().click(5, 5)); }, [&] { run(windows[0]->mouse().wheel(0, 5)); },
+      [&] { run(windows[0]->keyboard().press("a")); }, [&] { run(windows[0]->keyboard().type("a", milliseconds(0))); },
+      [&] { EXPECT_FALSE(run(windows[0]->screenshot({})).empty()); }};
   for (const auto& show : shows_it) {
-    EXPECT_FALSE(run(page_->screenshot({})).empty());  // in front of the window that was opened over it
-    EXPECT_EQ(value_of(*window,
+    EXPECT_FALSE(run(opener->screenshot({})).empty());  // in front of the window that was opened over it
+    EXPECT_EQ(value_of(*windows[0],
                        "new Promise(done => { const look = () => document.visibilityState === 'hidden' ? "
                        "done(true) : setTimeout(look, 5); look(); })"),
               "true");
     show();
-    EXPECT_EQ(value_of(*window, "document.visibilityState"), "\"visible\"");
+    EXPECT_EQ(value_of(*windows[0], "document.visibilityState"), "\"visible\"");
   }
-  run(page_->close());
+  run(opener->close());
   while (run(browser_->pages()).size() > 1) continue;
-  EXPECT_EQ(run(browser_->pages())[0].target_id, other->target_id());
+  EXPECT_EQ(run(browser_->pages())[0].target_id, page_->target_id());
 }
 
 TEST_F(PageTest, DialogsAreDismissed) {
@@ -321,6 +327,22 @@ TEST_F(PageTest, DialogsAreDismissed) {
   EXPECT_EQ(value_of(*page_, "out"), "[null, false, null]");
   open("<title>next</title>");  // past the question whether to leave
   EXPECT_EQ(value_of(*page_, "document.title"), "\"next\"");
+}
+
+// A host whose handlers keep the loop busy sees dialogs late.
+TEST_F(PageTest, NoAnswerGoesToALaterDialog) {
+  for (int i = 0; i < 6; ++i) {
+    open("<body style='height:500px'><script>onbeforeunload = e => e.preventDefault()</script>");
+    run(page_->mouse().click(50, 50));  // without one, the question whether to leave is not put
+    Running<void> leaving(page_->navigate(page_url("<script>document.title = confirm('delete?')</script>")));
+    const std::function<void()> busy = [&] {
+      for (volatile long n = 0; n < 40'000'000; n = n + 1) continue;
+      if (!leaving.ended) asio::post(loop(), busy);
+    };
+    busy();
+    EXPECT_EQ(leaving.error(), "no error");
+    EXPECT_EQ(value_of(*page_, "document.title"), "\"false\"");
+  }
 }
 
 TEST_F(PageTest, EvaluateGivesValuesAndErrors) {

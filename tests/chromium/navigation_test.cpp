@@ -1,0 +1,140 @@
+#include "tests/chromium/browser_fixture.hpp"
+#include "tests/http/scripted_server.hpp"
+
+namespace vision::chromium::test {
+namespace {
+
+using vision::test::proposal;
+using vision::test::Reply;
+using vision::test::response;
+using vision::test::ScriptedServer;
+
+std::string html(const std::string& body) {
+  return response("200 OK", "<!doctype html><link rel=icon href='data:,'><body style='margin:0'>" + body,
+                  "content-type: text/html\r\n");
+}
+
+/// Presses the button of the red page, and is content with any other picture.
+struct RedPresser : vision::test::ScriptedModel {
+  explicit RedPresser(Bytes red_page) : red(std::move(red_page)) {}
+  asio::awaitable<json::value> create(const MessagesRequest& request) override {
+    const bool sees_red = request.image().view() == red.view();
+    pictures += sees_red ? "red " : "other ";
+    bodies.push_back(request.body());
+    const bool presses = sees_red && presses_left-- > 0;
+    co_return json::parse(presses ? proposal("click", 0.9, R"(, "x_ratio": 0.5, "y_ratio": 0.5)")
+                                  : proposal("declare_success", 0.9));
+  }
+  const Bytes red;
+  std::string pictures;
+  int presses_left = 2;
+};
+
+const std::string whole_window = " style='position:fixed;inset:0;width:100%;height:100%;border:0;outline:0;background:";
+
+struct Way {
+  const char* name;
+  std::string red_page;  // a click navigates to TARGET
+};
+const Way ways[] = {
+    {"a link", "<a href='TARGET'" + whole_window + "red'></a>"},
+    {"a form", "<form action='TARGET'><button" + whole_window + "red'></button></form>"},
+    {"a script", "<div onclick=\"location = 'TARGET'\"" + whole_window + "red'></div>"},
+};
+
+// The button that confirms on the first page deletes on the second one.
+TEST(SlowNavigation, AMissionActsOnThePageThatItSaw) {
+  vision::test::TestRegistry::instance();
+  const vision::test::ScopedEnv log("KX_VISION_SHADOW_LOG", "/dev/null");
+  VirtualTimeLoop world;
+  world.passes = {};
+  const ProfilesHere profiles;
+  LaunchOptions options;
+  options.argument("--remote-debugging-port=0");
+  auto browser = run(launch(options));
+  auto guest = run(connect("http://127.0.0.1:" + debugging_port(profiles)));
+  auto other = run(browser->new_page());
+  auto page = run(browser->new_page(PageOptions().viewport(320, 200).device_pixel_ratio(2)));
+  auto attached = run(guest->attach(page->target_id()));
+  const Way* way = ways;
+  std::string target;
+  bool asked = false;
+  std::unique_ptr<runtime::OneShot> answers;
+  ScriptedServer server(loop(), {{""}});
+  server.choose = [&]() -> asio::awaitable<Reply> {
+    if (!target.empty()) {
+      std::string first = way->red_page;
+      first.replace(first.find("TARGET"), 6, std::exchange(target, ""));
+      co_return Reply{html(first)};
+    }
+    asked = true;
+    co_await answers->wait();
+    co_return Reply{html("<div onclick=\"document.title = 'deleted'\"" + whole_window + "blue'></div>")};
+  };
+  for (const bool never : {false, true}) {
+    for (way = ways; way != std::end(ways); ++way) {
+      for (const char* const host : {"127.0.0.1", "localhost"}) {
+        for (ChromiumPage* subject : {page.get(), attached.get()}) {
+          SCOPED_TRACE(testing::Message() << way->name << " to " << host << (never ? ", never answered" : ""));
+          target = server.url(host) + "/next";
+          answers = std::make_unique<runtime::OneShot>(loop().get_executor());
+          run(page->navigate(server.url()));
+          const auto model = std::make_shared<RedPresser>(run(subject->screenshot({})));
+          VisionClient client(model);
+          ActLoopOptions mission({{"phase", 2}}, "site");
+          mission.vision(client);
+          asked = false;
+          world.passes = {};
+          Running<std::string> verdict(verdict_of(*subject, std::move(mission)));
+          while (!asked) take_turn();
+          world.passes = milliseconds(never ? 8000 : 2500);
+          // Long enough for a picture of the red page, if one were taken now.
+          for (int i = 0; i < 3; ++i) run(other->screenshot({}));
+          if (!never) answers->set();
+          EXPECT_EQ(verdict.get(), "declare_success: because");
+          world.passes = {};
+          answers->set();
+          EXPECT_EQ(model->pictures, never ? "red red red " : "red other ");
+          for (std::size_t i = 0; i < model->bodies.size(); ++i) {
+            EXPECT_THAT(model->user_text(i), testing::HasSubstr("320\u00d7200 CSS pixels (DPR 2.0)"));
+          }
+          EXPECT_EQ(value_of(*page, "document.title"), "\"\"");
+        }
+      }
+    }
+  }
+  run(browser->close());
+}
+
+class Navigation : public PageTest {};
+
+TEST_F(Navigation, AScreenshotSucceedsWhileDocumentsChange) {
+  ScriptedServer server(loop(), {{html("<p>a page")}});
+  for (const char* const host : {"127.0.0.1", "localhost"}) {
+    for (int delay = 0; delay < 40; delay += 4) {
+      run(page_->navigate(server.url()));
+      run(page_->evaluate("setTimeout(() => location = '" + server.url(host) + "/next', " + std::to_string(delay) +
+                          ")"));
+      EXPECT_EQ(error_of(page_->screenshot({})), "no error") << delay;
+    }
+  }
+}
+
+TEST_F(Navigation, ALaterOneEndsAnEarlierOne) {
+  asio::ip::tcp::acceptor silent(loop(), {asio::ip::address_v4::loopback(), 0});
+  const std::string endless = "<img src='http://127.0.0.1:" + std::to_string(silent.local_endpoint().port()) + "'>";
+  for (const bool both_endless : {false, true}) {
+    ScriptedServer server(loop(), {{html("first" + endless)}, {html(both_endless ? "second" + endless : "second")}});
+    asio::ip::tcp::socket image(loop());
+    Running<void> first(page_->navigate(server.url() + "/first"));
+    run(silent.async_accept(image, asio::use_awaitable));
+    Running<void> second(page_->navigate(server.url() + "/second"));
+    EXPECT_EQ(first.error(), "NavigationError: cannot load " + server.url() + "/first: replaced by a navigation to " +
+                                 server.url() + "/second");
+    if (both_endless) second.cancel();
+    EXPECT_EQ(second.error() == "no error", !both_endless);
+  }
+}
+
+}  // namespace
+}  // namespace vision::chromium::test
