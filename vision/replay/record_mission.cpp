@@ -39,13 +39,13 @@ void wrap_probe(detail::Tape& tape, ActLoopOptions& options) {
   if (tape.is_replaying()) {
     if (tape.first(probe_call) == nullptr) return;
     options.should_abort(Now());
-    options.should_abort(Later([&tape] { return recorded_answer(tape); }));
+    options.should_abort_later(Later([&tape] { return recorded_answer(tape); }));
   } else if (options.should_abort()) {
     options.should_abort(Now([&tape, probe = options.should_abort()] {
       return tape.in_order_now(probe_call, [&probe] { return json::value(probe()); }).as_bool();
     }));
   } else if (options.should_abort_later()) {
-    options.should_abort(
+    options.should_abort_later(
         Later([&tape, probe = options.should_abort_later()] { return answer_to_record(tape, probe); }));
   }
 }
