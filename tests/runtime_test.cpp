@@ -78,7 +78,7 @@ TEST(Worker, WorksInAForkedChildOfABusyParent) {
     io.run();
   });
   asio::io_context io;
-  for (int i = 0; i < 2000; ++i) {
+  for (int i = 0; i < 1000; ++i) {
     asio::co_spawn(io, run_job([] {}), [](std::exception_ptr) {});
     io.restart();
     io.poll();  // the job is under way
