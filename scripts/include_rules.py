@@ -63,7 +63,7 @@ SAMPLES = {
         vision/wirein/act_loop.cpp              vision/client/http/http_messages_client.hpp
         vision/wirein/act_loop.cpp              vision/vision.hpp
         vision/page/execute_action.cpp          chromium/page.hpp
-        vision/page/execute_action.cpp          tests/support/virtual_time.hpp
+        vision/page/execute_action.cpp          tests/support/scripted.hpp
         vision/wirein/act_loop.hpp              vision/wirein/internal/act_rails.hpp
         vision/wirein/act_loop.cpp              vision/replay/cassette.hpp
         vision/testing/virtual_time.hpp         vision/runtime/internal/await.hpp
