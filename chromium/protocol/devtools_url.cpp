@@ -27,7 +27,9 @@ using tcp = asio::ip::tcp;
 
 namespace {
 
+// Without what may be secret: credentials, and the query, where some services have theirs.
 [[noreturn]] void refuse(std::string_view url, const char* why) {
+  url = url.find('@') == url.npos ? url.substr(0, url.find_first_of("?#")) : "...";
   throw std::invalid_argument("browser URL \"" + text::one_line(url) + "\": " + why);
 }
 

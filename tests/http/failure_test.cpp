@@ -104,6 +104,22 @@ TEST(HttpFailure, AStatusThatComesDuringTheUploadIsTheOutcome) {
   }
 }
 
+TEST(HttpFailure, NothingOfAProxysCredentialsIsSaid) {
+  const ScopedEnv none("no_proxy", ""), nor_this("NO_PROXY", "");
+  const std::string rest = "127.0.0.1:1";
+  for (const std::string& url :
+       {"http://me:can#ary@" + rest, "http://me:can/ary@" + rest, "http://me:can?ary@" + rest,
+        "http://me:can ary@" + rest, "htp://me:canary@" + rest, "htp//me:canary@" + rest,
+        std::string("http://me:canary"), "http://me:4711#ary@" + rest, "http://me:canary@" + rest}) {
+    const ScopedEnv proxy("https_proxy", url);
+    asio::io_context io;
+    HttpMessagesClient client(api_key, HttpOptions().base_url("https://gateway.test"));
+    EXPECT_THAT(ask(io, client), testing::AllOf(StartsWith("APIConnectionError: "), testing::Not(HasSubstr("ary")),
+                                                testing::Not(HasSubstr("can#")), testing::Not(HasSubstr("4711"))))
+        << url;
+  }
+}
+
 TEST(HttpFailure, ARedirectIsNotFollowed) {
   asio::io_context io;
   ScriptedServer other(io, {{ok}});
@@ -172,6 +188,11 @@ TEST(HttpFailure, ResponsesThatAreNoneOrBreakOffOrNeverEnd) {
       {{"", Then::flood, Read::all, "HTTP/1.1 100 Continue\r\n\r\n"}, long_head},
       {{head + "\r\n", Then::flood, Read::all, std::string(1000, ' ')}, long_body},
       {{chunked, Then::flood, Read::all, chunk}, long_body},
+      {{chunked + "1", Then::flood, Read::all, ";extension"}, validation + "the encoding of the response from"},
+      {{head + "transfer-encoding: deflate\r\n\r\nx\xda", Then::flood, Read::all, std::string("\0\0\0\xff\xff", 5)},
+       validation + "the encoding of the response from"},
+      {{chunked + "c\r\n{\"a\":\"\\ud83d\r\n2\r\n\"}\r\n0\r\ncontent-encoding: gzip\r\nHTTP/1.1: 500\r\n\r\n"},
+       "{\"a\":\"\xef\xbf\xbd\"}"},
   };
   for (const auto& [reply, expected] : rows) {
     EXPECT_THAT(ask_scripted(reply, HttpOptions().max_response_bytes(1000)), HasSubstr(expected));

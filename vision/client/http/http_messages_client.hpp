@@ -17,7 +17,10 @@ struct Endpoint;
 ///
 /// Connections are kept alive and pooled per execution context: they belong to the
 /// context whose coroutine calls `create` and are closed when it is destroyed, requests
-/// in flight included. The pool grows to the peak number of concurrent requests; once
+/// in flight included. A child that fork() made has connections of its own, and its copies
+/// of requests in flight end with an APIConnectionError, once its context was told
+/// (notify_fork). When the process exits, requests still in flight end only by cancellation
+/// and new ones fail. The pool grows to the peak number of concurrent requests; once
 /// idle, if that peak exceeded 32, all connections are closed. A client may be used
 /// from several contexts, and from a context that several threads run. Proxies are
 /// taken from the environment (https_proxy, http_proxy, all_proxy, no_proxy). TLS
@@ -37,9 +40,10 @@ class HttpMessagesClient : public MessagesClient {
   /// monotonic resource it owns. Floating-point numbers are read exactly. The client
   /// may be destroyed meanwhile.
   ///
-  /// The request is sent once. A kept connection that its server has closed is
-  /// replaced before any of the body goes out; one that ends later, before a response,
-  /// is an APIConnectionError, because the server may have read the request.
+  /// The request is sent once. When a kept connection ends before anything of a response
+  /// came, the request is sent again at once on another one, as long as a part of it had
+  /// not left this machine; later that is an APIConnectionError, because the server may
+  /// have read the request.
   ///
   /// Throws APITimeoutError when connecting takes too long; APIConnectionError when
   /// no whole response arrives for any other reason, which `reason()` tells;

@@ -45,7 +45,7 @@ VendorError read_vendor_error(const RawResponse& response) {
   VendorError vendor;
   if (is_plain(response)) {
     boost::system::error_code error;
-    const json::value body = text::read_json(response.body, json_limits, error);
+    const json::value body = text::read_javascript(response.body, json_limits, error);
     const auto* object = body.if_object();
     if (const auto* inner = object ? object->if_contains("error") : nullptr) {
       vendor.message = text_member(*inner, "message");
@@ -68,7 +68,11 @@ std::string status_text(int status) {
 std::string own_message(const RawResponse& response, const SecretKey& key) {
   std::string message = status_text(response.status);
   if (!response.location.empty()) {
-    message += ": the endpoint redirects to " + quote(key, response.location, excerpt_code_points) +
+    // The query may hold a token, and so may what precedes an '@'.
+    const std::string_view shown = std::string_view(response.location).substr(0, response.location.find_first_of("?#"));
+    const bool is_secret = response.location.find('@') != std::string::npos;
+    message += ": the endpoint redirects to " +
+               (is_secret ? "a URL with credentials" : quote(key, shown, excerpt_code_points)) +
                ", which is not followed; correct the base URL";
   } else if (is_plain(response) && !text::trim(response.body).empty()) {
     message += ": " + quote(key, response.body, excerpt_code_points);
@@ -129,7 +133,7 @@ json::value parse_response(const RawResponse& response, const SecretKey& key) {
   }
   if (text::trim(response.body).empty()) reject("the response is empty", response, key);
   boost::system::error_code error;
-  json::value value = text::read_json(response.body, json_limits, error);
+  json::value value = text::read_javascript(response.body, json_limits, error);
   if (error == json::error::object_too_large) {
     reject("the response holds an object of more than " + std::to_string(json_limits.members) + " members", response,
            key);

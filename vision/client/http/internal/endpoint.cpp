@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <new>
 #include <stdexcept>
@@ -29,6 +30,12 @@ struct BaseUrl {
 // theirs) and the key.
 std::string shown_form(const std::string& url, const SecretKey& key) {
   if (url.find('@') != std::string::npos) return "";
+  const auto host = url.find("://");
+  const auto colon = host == std::string::npos ? host : url.find(':', host + 3);
+  if (colon != std::string::npos && url.find('[') == std::string::npos &&
+      !std::isdigit(static_cast<unsigned char>(url[colon + 1]))) {
+    return "";  // "https://user:password", without its host
+  }
   const auto end = url.find_first_of("?#");
   return " \"" + key.scrub(text::one_line(url.substr(0, end))) + (end == std::string::npos ? "\"" : "...\"");
 }
@@ -118,7 +125,9 @@ Endpoint::Endpoint(std::string_view api_key, const HttpOptions& options)
   }
   if (max_response_bytes == 0) throw std::invalid_argument("max_response_bytes must be positive, not 0");
 
-  std::string authentication = "x-api-key: " + std::string(key.reveal());
+  std::string authentication;
+  authentication.reserve(key.reveal().size() + 16);  // growing would leave a copy behind
+  authentication.append("x-api-key: ").append(key.reveal());
   append_header(headers, authentication);
   ::explicit_bzero(authentication.data(), authentication.size());
   for (const char* line :

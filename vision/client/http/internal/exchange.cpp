@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "vision/client/http/internal/proxy.hpp"
 #include "vision/client/http/internal/tls.hpp"
 #include "vision/text/internal/utf8.hpp"
 
@@ -199,6 +200,9 @@ Reason Exchange::reason() const {
 void Exchange::throw_no_response() const {
   std::string detail = error_text_[0] ? error_text_.data() : ::curl_easy_strerror(code_);
   if (code_ == CURLE_SEND_FAIL_REWIND) detail = "it ended before a response came, and the request is not sent twice";
+  if (const auto fault = endpoint_->direct ? std::string() : proxy_fault(endpoint_->is_tls); !fault.empty()) {
+    detail = ::curl_easy_strerror(code_) + ("; " + fault);
+  }
   if (system_error_ != 0) detail += " (" + std::system_category().message(static_cast<int>(system_error_)) + ")";
   const Reason why = reason();
   if (why == Reason::old_protocol) detail += ", TLS 1.2 is the oldest version accepted";
