@@ -249,7 +249,7 @@ def pinwall():
 
 # Of the demo's mission: what the loop waits for after its actions, the model's wait, and the
 # delays of its typed text.
-PAUSES_S = 2 * 0.5 + 7 * 1.0 + 2.0 + 0.02 * len("ana@example.org")
+PAUSES_S = 2 * 0.5 + 7 * 1.0 + 4.0 + 0.02 * len("ana@example.org")
 
 
 def pages(setup):

@@ -95,8 +95,8 @@ try {
     const outcome = await run(page, `${modelUrl}/${i}`);
     const wall = (performance.now() - begin) / 1000;
     steps += outcome.steps;
-    const text = await page.evaluate('document.body.innerText');
-    if (outcome.verdict !== 'declare_success' || !text.includes('pinwall.test/')) throw new Error('the mission failed');
+    if (outcome.verdict !== 'declare_success') throw new Error('the mission failed');
+    await page.getByText('pinwall.test/').waitFor(); // on a busy machine the application may still be answering
     return wall;
   }));
   const after = process.resourceUsage();
