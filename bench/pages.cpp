@@ -15,11 +15,19 @@ namespace asio = boost::asio;
 
 namespace {
 
+// On a busy machine the application may still be answering.
+constexpr const char* link_appears = R"js(new Promise((resolve) => {
+  const look = (left) => document.body.innerText.includes("pinwall.test/") ? resolve(true)
+    : left > 0 ? setTimeout(look, 100, left - 1) : resolve(false);
+  look(100);
+}))js";
+
 struct Mission {
   std::shared_ptr<chromium::ChromiumPage> page;
   std::unique_ptr<VisionClient> client;
   double wall_s = 0;
   std::int64_t steps = 0;
+  bool has_reached_its_goal = false;
 };
 
 asio::awaitable<void> run_mission(Mission& mission) {
@@ -29,9 +37,8 @@ asio::awaitable<void> run_mission(Mission& mission) {
   const ActionResult verdict = co_await act_loop(*mission.page, std::move(options));
   mission.wall_s = meter.wall_s();
   mission.steps = mission.client->metrics.call_count;
-  const auto text = co_await mission.page->evaluate("document.body.innerText");
-  if (verdict.action != ActionVerb::declare_success || text.as_string().find("pinwall.test/") == std::string::npos)
-    throw std::runtime_error("the mission failed: " + verdict.reason);
+  const auto has_link = co_await mission.page->evaluate(link_appears);
+  mission.has_reached_its_goal = verdict.action == ActionVerb::declare_success && has_link == true;
 }
 
 asio::awaitable<void> open(chromium::Browser& browser, const bench::Arguments& arguments, Mission& mission,
@@ -94,15 +101,17 @@ int main(int argc, char** argv) {
   run();
   const double cpu_s = meter.cpu_s();
   boost::json::array walls;
-  std::int64_t steps = 0;
+  std::int64_t steps = 0, reached = 0;
   for (const Mission& mission : missions) {
     walls.push_back(mission.wall_s);
+    reached += mission.has_reached_its_goal;
     steps += mission.steps;
   }
   bench::print({{"cpu_s", cpu_s / static_cast<double>(steps)},
                 {"memory_kb", bench::process_status("VmHWM")},
                 {"walls", std::move(walls)},
                 {"steps", steps},
+                {"reached", reached},
                 {"shots", std::move(shots)}});
   missions.clear();
   browser.reset();

@@ -48,7 +48,7 @@ const std::vector<std::string> mission = {
     answer_with(R"("key", "key": "Control+a")"),
     answer_with(R"("type", "text": "ana@example.org")"),
     answer_with(R"("key", "key": "Enter")"),
-    answer_with(R"("wait", "duration_ms": 2000)"),
+    answer_with(R"("wait", "duration_ms": 4000)"),
     answer_with(R"("click", "x_ratio": 0.35, "y_ratio": 0.73)"),
     answer_with(R"("declare_success")"),
 };

@@ -90,13 +90,14 @@ try {
   delay.enable();
   const before = process.resourceUsage();
   let steps = 0;
+  let reached = 0;
   const walls = await Promise.all(pages.map(async (page, i) => {
     const begin = performance.now();
     const outcome = await run(page, `${modelUrl}/${i}`);
     const wall = (performance.now() - begin) / 1000;
     steps += outcome.steps;
-    const text = await page.evaluate('document.body.innerText');
-    if (outcome.verdict !== 'declare_success' || !text.includes('pinwall.test/')) throw new Error('the mission failed');
+    const link = page.getByText('pinwall.test/').waitFor({ timeout: 10_000 }); // the application may still be answering
+    reached += await link.then(() => outcome.verdict === 'declare_success', () => false);
     return wall;
   }));
   const after = process.resourceUsage();
@@ -104,7 +105,7 @@ try {
   const cpu = after.userCPUTime + after.systemCPUTime - before.userCPUTime - before.systemCPUTime;
   const status = await readFile('/proc/self/status', 'utf8');
   console.log(JSON.stringify({ cpu_s: cpu / 1e6 / steps, memory_kb: Number(/^VmHWM:\s+(\d+)/m.exec(status)[1]),
-    delay_s: delay.max / 1e9, walls, steps, shots }));
+    delay_s: delay.max / 1e9, walls, steps, reached, shots }));
 } finally {
   await browser.close();
 }
