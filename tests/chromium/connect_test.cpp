@@ -118,11 +118,14 @@ TEST_F(Connect, ATimeoutSaysThatADialogOfTheOwnerIsOpen) {
   guests.hangs = true;
   EXPECT_EQ(click.error(),
             "TimeoutError: Input.dispatchMouseEvent: " + timeout + "; a dialog is open (confirm \"?\")" + unanswered);
+  EXPECT_EQ(error_of(theirs->screenshot({})),
+            "TimeoutError: Page.captureScreenshot: " + timeout + "; a dialog is open (confirm \"?\")" + unanswered);
   guests.hangs = false;
   Running<std::shared_ptr<ChromiumPage>> late(guest->attach(page_->target_id()));
   run(guest->pages());  // it is attached by now
   guests.hangs = true;
-  EXPECT_EQ(late.error(), "TimeoutError: Page.enable: " + timeout + "; a dialog may be open" + unanswered);
+  EXPECT_EQ(late.error(), "TimeoutError: Page.enable: " + timeout + "; a dialog may be open" + unanswered +
+                              ", or a navigation may wait for its server");
   guests.hangs = false;
   run(watcher->write(R"({"id":2,"method":"Page.handleJavaScriptDialog","params":{"accept":false}})"));
   watch_until("javascriptDialogClosed");
