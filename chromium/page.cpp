@@ -54,9 +54,11 @@ ChromiumPage::~ChromiumPage() {
 }
 
 // Page.enable comes first: a dialog that opens before it is never reported. Nor does the
-// page reply while one is open, so a time-out here means that it opened before.
+// page reply while one is open or a navigation is pending, so a time-out here means that
+// one of them began before.
 asio::awaitable<void> ChromiumPage::enable_events() {
-  session_->set_obstacle("a dialog may be open that the page's owner has not answered");
+  session_->set_obstacle(
+      "a dialog may be open that the page's owner has not answered, or a navigation may wait for its server");
   co_await session_->command("Page.enable");
   session_->set_obstacle({});
   co_await session_->command("Inspector.enable");
@@ -70,8 +72,9 @@ asio::awaitable<void> ChromiumPage::set_up(PageOptions options) {
   co_await measure();
 }
 
+// No page answers while a dialog is open.
 asio::awaitable<void> ChromiumPage::measure() {
-  co_await probe_->measure();
+  if (!dialog_is_open_) co_await probe_->measure();
   take_size();
 }
 
@@ -84,11 +87,13 @@ void ChromiumPage::handle_event(std::string_view method, const json::object& par
   if (method == "Page.frameNavigated" && !object_of(params, "frame").contains("parentId")) mouse_->document_changed();
   if (owner_ == Owner::us) return dialogs_->handle_event(method, params);
   if (method == "Page.javascriptDialogOpening") {
+    dialog_is_open_ = true;
     constexpr std::size_t max_message = 100;
     session_->set_obstacle("a dialog is open (" + text::one_line(text_of(params, "type")) + " \"" +
                            text::one_line(text::first_code_points(text_of(params, "message"), max_message)) +
                            "\") that the page's owner has not answered");
   } else if (method == "Page.javascriptDialogClosed") {
+    dialog_is_open_ = false;
     session_->set_obstacle({});
   }
 }
@@ -103,7 +108,7 @@ asio::awaitable<json::object> ChromiumPage::full_page_clip() {
 
 asio::awaitable<Bytes> ChromiumPage::capture(ScreenshotOptions options, Attempt attempt) {
   co_await session_->command("Page.bringToFront");
-  co_await probe_->wait_for_picture();
+  if (!dialog_is_open_) co_await probe_->wait_for_picture();
   take_size();
   json::object params = make_object("format", "png", "optimizeForSpeed", optimize_for_speed_);
   if (options.full_page()) {

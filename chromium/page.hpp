@@ -127,6 +127,7 @@ class ChromiumPage : public BrowserPage {
   const std::unique_ptr<Keyboard> keyboard_;
   std::optional<boost::json::object> viewport_;
   std::list<LoadWaiter*> loads_;  // of the navigate() calls in progress
+  bool dialog_is_open_ = false;   // on a page of someone else
   bool optimize_for_speed_ = true;
 };
 

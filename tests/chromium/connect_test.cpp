@@ -125,7 +125,8 @@ TEST_F(Connect, ATimeoutSaysThatADialogOfTheOwnerIsOpen) {
   Running<std::shared_ptr<ChromiumPage>> late(guest->attach(page_->target_id()));
   run(guest->pages());  // it is attached by now
   guests.hangs = true;
-  EXPECT_EQ(late.error(), "TimeoutError: Page.enable: " + timeout + "; a dialog may be open" + unanswered);
+  EXPECT_EQ(late.error(), "TimeoutError: Page.enable: " + timeout + "; a dialog may be open" + unanswered +
+                              ", or a navigation may wait for its server");
   guests.hangs = false;
   run(watcher->write(R"({"id":2,"method":"Page.handleJavaScriptDialog","params":{"accept":false}})"));
   watch_until("javascriptDialogClosed");
