@@ -91,7 +91,7 @@ const Scene scenes[] = {
     {"a screenshot that hangs", click, hang_at_screenshot},
     {"an abort", click, nullptr, [](auto& options) { options.should_abort([n = 2]() mutable { return --n == 0; }); }},
     {"a late abort", click, nullptr,
-     [](auto& options) { options.should_abort([n = std::make_shared<int>(2)] { return later(n); }); }},
+     [](auto& options) { options.should_abort_later([n = std::make_shared<int>(2)] { return later(n); }); }},
 };
 
 TEST_F(Replay, AMissionReplaysByteForByte) {

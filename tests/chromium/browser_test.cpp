@@ -230,7 +230,7 @@ TEST(Launch, LeavesNothingBehindWhenThisProgramIsKilled) {
 // Its time limits do not pass, so the browser has to hear that the pipe is closed.
 TEST(Launch, ClosesWhileAForkedChildLives) {
   VirtualTimeLoop world;
-  world.pauses_pass = false;
+  world.passes = {};
   LivingChildren children;
   const ProfilesHere profiles;
   auto browser = run(launch());

@@ -1,5 +1,6 @@
 #include "tests/chromium/browser_fixture.hpp"
 #include "tests/http/scripted_server.hpp"
+#include "vision/runtime/internal/one_shot.hpp"
 
 namespace vision::chromium::test {
 namespace {

@@ -223,7 +223,7 @@ TEST_F(PageTest, NoClickGoesThroughAnOpenListOrPicker) {
 
 TEST(Click, DoesNotPressInAnotherDocument) {
   VirtualTimeLoop world;
-  world.pauses_pass = false;
+  world.passes = {};
   asio::ip::tcp::acceptor server(loop(), {asio::ip::address_v4::loopback(), 0});
   auto browser = run(launch());
   auto page = run(browser->new_page());

@@ -14,6 +14,7 @@
 #include "tests/support/environment.hpp"
 #include "tests/support/log_capture.hpp"
 #include "tests/support/scripted.hpp"
+#include "vision/text/internal/error_text.hpp"
 
 namespace vision::test {
 namespace {
