@@ -101,6 +101,33 @@ TEST_F(Connect, ACancelledNewPageIsClosed) {
   while (run(owner_->pages()).size() > 1) continue;
 }
 
+// Of several pages only the one in front is drawn and gets input.
+TEST_F(Connect, InputBringsAHiddenPageToTheFront) {
+  auto guest = run(connect("http://127.0.0.1:" + port_));
+  auto other = run(guest->new_page());
+  run(other->navigate(page_url("<body onclick=\"window.open('about:blank')\" style='height:500px'>")));
+  run(other->mouse().click(50, 50));
+  std::shared_ptr<ChromiumPage> window;
+  for (const auto& info : run(guest->pages())) {
+    const bool known = info.target_id == page_->target_id() || info.target_id == other->target_id();
+    if (!known) window = run(guest->attach(info.target_id));
+  }
+  ASSERT_TRUE(window);
+  const std::function<void()> shows_it[] = {
+      [&] { run(window->mouse().click(5, 5)); }, [&] { run(window->mouse().wheel(0, 5)); },
+      [&] { run(window->keyboard().press("a")); }, [&] { run(window->keyboard().type("a", milliseconds(0))); },
+      [&] { EXPECT_FALSE(run(window->screenshot({})).empty()); }};
+  for (const auto& show : shows_it) {
+    EXPECT_FALSE(run(other->screenshot({})).empty());  // in front of the window that was opened over it
+    EXPECT_EQ(value_of(*window,
+                       "new Promise(done => { const look = () => document.visibilityState === 'hidden' ? "
+                       "done(true) : setTimeout(look, 5); look(); })"),
+              "true");
+    show();
+    EXPECT_EQ(value_of(*window, "document.visibilityState"), "\"visible\"");
+  }
+}
+
 // Meanwhile the owner's event loop does not run, so the owner does not answer.
 TEST_F(Connect, ATimeoutSaysThatADialogOfTheOwnerIsOpen) {
   VirtualTimeLoop guests;
