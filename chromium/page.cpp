@@ -6,6 +6,7 @@
 #include "chromium/events/emulation.hpp"
 #include "chromium/events/navigation.hpp"
 #include "chromium/events/probe.hpp"
+#include "chromium/input/document_guard.hpp"
 #include "chromium/input/keyboard.hpp"
 #include "chromium/input/mouse.hpp"
 #include "chromium/protocol/json_object.hpp"
@@ -37,8 +38,9 @@ ChromiumPage::ChromiumPage(std::shared_ptr<Session> browser, std::shared_ptr<Ses
       owner_(owner),
       dialogs_(std::make_unique<Dialogs>(*session_)),
       probe_(std::make_unique<PageProbe>(session_)),
-      mouse_(std::make_unique<PageMouse>(session_)),
-      keyboard_(std::make_unique<PageKeyboard>(session_)) {
+      guard_(std::make_unique<DocumentGuard>()),
+      mouse_(std::make_unique<PageMouse>(session_, *guard_)),
+      keyboard_(std::make_unique<PageKeyboard>(session_, *guard_)) {
   session_->set_event_handler(
       [this](std::string_view method, const json::object& params) { handle_event(method, params); });
 }
@@ -84,7 +86,7 @@ void ChromiumPage::take_size() {
 }
 
 void ChromiumPage::handle_event(std::string_view method, const json::object& params) {
-  if (method == "Page.frameNavigated" && !object_of(params, "frame").contains("parentId")) mouse_->document_changed();
+  if (commits_document(method, params)) guard_->document_changed();
   if (owner_ == Owner::us) return dialogs_->handle_event(method, params);
   if (method == "Page.javascriptDialogOpening") {
     dialog_is_open_ = true;
@@ -99,7 +101,8 @@ void ChromiumPage::handle_event(std::string_view method, const json::object& par
 }
 
 asio::awaitable<json::object> ChromiumPage::full_page_clip() {
-  const json::object metrics = co_await session_->command("Page.getLayoutMetrics");
+  const runtime::Duration limit = probe_->answered() ? session_->command_timeout() : PageProbe::short_limit;
+  const json::object metrics = co_await session_->command("Page.getLayoutMetrics", json::object(), limit);
   const json::object& size = object_of(metrics, "cssContentSize");
   if (!size.contains("width") || !size.contains("height"))
     throw BrowserError("the browser did not report the size of the page");
@@ -115,12 +118,16 @@ asio::awaitable<Bytes> ChromiumPage::capture(ScreenshotOptions options, Attempt 
     params["clip"] = co_await full_page_clip();
     params["captureBeyondViewport"] = true;
   }
+  const std::uint64_t document = guard_->document();
   const auto spoils = attempt == Attempt::first ? commits_document : nullptr;
   Bytes picture = co_await session_->command_for_picture("Page.captureScreenshot", params, spoils);
   constexpr std::size_t max_size = 5'000'000 / 4 * 3;  // some endpoints take no more than 5 MB of base64
-  if (!optimize_for_speed_ || picture.size() <= max_size) co_return picture;
-  params["optimizeForSpeed"] = false;
-  co_return co_await session_->command_for_picture("Page.captureScreenshot", params, spoils);
+  if (optimize_for_speed_ && picture.size() > max_size) {
+    params["optimizeForSpeed"] = false;
+    picture = co_await session_->command_for_picture("Page.captureScreenshot", params, spoils);
+  }
+  guard_->picture_taken(document);
+  co_return picture;
 }
 
 // The browser may never reply when another document comes while it takes the picture,
@@ -138,11 +145,14 @@ asio::awaitable<Bytes> ChromiumPage::screenshot(ScreenshotOptions options) {
 }
 
 asio::awaitable<json::value> ChromiumPage::evaluate(std::string expression) {
-  const bool is_known = expression == "window.devicePixelRatio" && !probe_->ratio().is_null();
+  const bool is_ratio = expression == "window.devicePixelRatio";  // which goes with a screenshot
+  const bool is_known = is_ratio && !probe_->ratio().is_null();
   if (is_known && !probe_->answered()) co_return probe_->ratio();
   const runtime::Duration limit = is_known ? PageProbe::short_limit : session_->command_timeout();
   try {
-    co_return evaluated_value(co_await session_->command("Runtime.evaluate", evaluation(expression), limit));
+    const json::object result = co_await session_->command("Runtime.evaluate", evaluation(expression), limit);
+    if (!is_ratio) guard_->forget_picture();
+    co_return evaluated_value(result);
   } catch (const CommandTimeout&) {
     if (!is_known) throw;
   }
@@ -150,6 +160,7 @@ asio::awaitable<json::value> ChromiumPage::evaluate(std::string expression) {
 }
 
 asio::awaitable<void> ChromiumPage::navigate(std::string url) {
+  guard_->forget_picture();
   const std::string shown = text::one_line(url);
   LoadWaiter load(session_, loads_, shown);
   const json::object reply = co_await session_->command("Page.navigate", make_object("url", url));
@@ -159,6 +170,7 @@ asio::awaitable<void> ChromiumPage::navigate(std::string url) {
   if (!reply.contains("loaderId")) co_return;  // moved within the same document: no load event comes
   load.supersede_earlier();
   co_await load.wait(session_->command_timeout(), "load of " + shown);
+  guard_->forget_picture();  // one that was taken meanwhile
 }
 
 // The browser replies before the page has gone, hence the wait for the session's end,

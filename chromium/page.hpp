@@ -16,6 +16,7 @@
 namespace vision::chromium {
 
 class Dialogs;
+class DocumentGuard;
 class LoadWaiter;
 class PageMouse;
 class PageProbe;
@@ -48,9 +49,10 @@ class ChromiumPage : public BrowserPage {
   /// page to the front of its window, because the browser does not draw a hidden page.
   /// Then waits for a navigation that has begun, so that the picture shows the page on
   /// which the next action takes effect; after 7 s without an answer from the server it
-  /// returns the old page, which still takes actions. Waits up to 3 s of these for web
-  /// fonts that are loading, whose text is not drawn yet. If the owner of an attached
-  /// page emulates a device pixel ratio, the browser returns CSS pixels.
+  /// returns the old page, which still takes actions, or throws CommandTimeout if the
+  /// whole document was asked for. Waits up to 3 s of these for web fonts that are loading,
+  /// whose text is not drawn yet. If the owner of an attached page emulates a device pixel
+  /// ratio, the browser returns CSS pixels.
   boost::asio::awaitable<Bytes> screenshot(ScreenshotOptions options) override;
 
   /// Whether the browser encodes later screenshots fast rather than small: the same
@@ -79,12 +81,17 @@ class ChromiumPage : public BrowserPage {
   /// Input first brings the page to the front of its window, because a hidden page handles
   /// none. docs/input.md tells what input can and cannot do.
   ///
+  /// A click or key throws BrowserError, and nothing is sent, if the page has changed to
+  /// another document since the last screenshot(), from which the input was decided. This
+  /// ends with the next screenshot(), navigate() or evaluate(), other than of
+  /// "window.devicePixelRatio". It concerns only the first click or key after a screenshot.
+  ///
   /// A click moves the mouse there, gives the page a frame to react to that, presses and
   /// releases, and completes when the page has handled both: about 33 ms. Throws BrowserError,
   /// before it moves the mouse, while a native list or picker is open (`<select>`, date,
-  /// time, colour), whose entries no click reaches, and if the page changes to another
-  /// document at that moment. Throws std::invalid_argument for a coordinate or delta that
-  /// is not finite.
+  /// time, colour), whose entries no click reaches, and before it presses, if the page
+  /// changes to another document meanwhile. Throws std::invalid_argument for a coordinate
+  /// or delta that is not finite.
   Mouse& mouse() override;
   /// press() throws std::invalid_argument before it sends anything: `Unknown key: "Foo"`,
   /// or for more than 16 keys. It also knows the names that models write for keys:
@@ -123,6 +130,7 @@ class ChromiumPage : public BrowserPage {
   const Owner owner_;
   const std::unique_ptr<Dialogs> dialogs_;  // used for a page of ours
   const std::unique_ptr<PageProbe> probe_;
+  const std::unique_ptr<DocumentGuard> guard_;
   const std::unique_ptr<PageMouse> mouse_;
   const std::unique_ptr<Keyboard> keyboard_;
   std::optional<boost::json::object> viewport_;

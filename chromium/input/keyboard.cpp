@@ -65,7 +65,8 @@ class PageKeyboard::HeldKeys {
   int modifiers_ = 0;
 };
 
-PageKeyboard::PageKeyboard(std::shared_ptr<Session> session) : session_(std::move(session)) {}
+PageKeyboard::PageKeyboard(std::shared_ptr<Session> session, DocumentGuard& guard)
+    : session_(std::move(session)), guard_(guard) {}
 
 asio::awaitable<void> PageKeyboard::press_chord(std::vector<Key> chord) {
   HeldKeys held(session_);
@@ -75,11 +76,13 @@ asio::awaitable<void> PageKeyboard::press_chord(std::vector<Key> chord) {
 
 asio::awaitable<void> PageKeyboard::press(std::string key) {
   std::vector<Key> chord = parse_chord(key);
+  guard_.begin_input("keyboard.press", "pressed");
   bring_to_front(*session_);
   co_await press_chord(std::move(chord));
 }
 
 asio::awaitable<void> PageKeyboard::type(std::string text, std::chrono::milliseconds delay) {
+  guard_.begin_input("keyboard.type", "typed");
   bring_to_front(*session_);
   bool first = true;
   char32_t previous = 0;

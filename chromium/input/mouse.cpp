@@ -72,18 +72,17 @@ class PageMouse::HeldButton {
   bool down_ = false;
 };
 
-PageMouse::PageMouse(std::shared_ptr<Session> session) : session_(std::move(session)) {}
+PageMouse::PageMouse(std::shared_ptr<Session> session, DocumentGuard& guard)
+    : session_(std::move(session)), guard_(guard) {}
 
 // The browser holds back an evaluation while a navigation is pending, and a new document
-// then replies to it. A page that does not reply in time is clicked all the same.
+// then replies to it, after the event that tells the guard. A page that does not reply in
+// time is clicked all the same.
 asio::awaitable<void> PageMouse::check_target() {
   constexpr auto limit = std::chrono::seconds(1);
-  document_changed_ = false;
   auto asked = session_->command("Runtime.evaluate",
                                  make_object("expression", native_picker_is_open, "returnByValue", true), limit);
   auto outcome = co_await runtime::try_await(std::move(asked));
-  if (document_changed_)
-    throw BrowserError("mouse.click: the page has changed to another document; nothing was clicked");
   if (!outcome.has_value()) co_return;
   const auto* open = object_of(outcome.value(), "result").if_contains("value");
   if (open && open->is_bool() && open->get_bool()) {
@@ -99,6 +98,8 @@ asio::awaitable<void> PageMouse::check_target() {
 asio::awaitable<void> PageMouse::click(double x, double y) {
   require_finite("click", "x", x);
   require_finite("click", "y", y);
+  guard_.begin_input("mouse.click", "clicked");
+  const std::uint64_t document = guard_.document();
   bring_to_front(*session_);
   co_await check_target();
   x_ = x;
@@ -106,6 +107,8 @@ asio::awaitable<void> PageMouse::click(double x, double y) {
   for (int i = 0; i < 2; ++i) {
     co_await session_->command("Input.dispatchMouseEvent", make_object("type", "mouseMoved", "x", x, "y", y));
   }
+  if (guard_.document() != document)
+    throw BrowserError("mouse.click: the page has changed to another document; nothing was clicked");
   HeldButton button(session_, x, y);
   co_await session_->command("Input.dispatchMouseEvent", button.press());
   co_await session_->command("Input.dispatchMouseEvent", button.release());

@@ -1,5 +1,6 @@
 #include "tests/chromium/browser_fixture.hpp"
 #include "tests/http/scripted_server.hpp"
+#include "vision/runtime/internal/await.hpp"
 #include "vision/runtime/internal/one_shot.hpp"
 
 namespace vision::chromium::test {
@@ -23,12 +24,14 @@ struct RedPresser : vision::test::ScriptedModel {
     pictures += sees_red ? "red " : "other ";
     bodies.push_back(request.body());
     const bool presses = sees_red && presses_left-- > 0;
+    if (presses && presses_left == 0) co_await before_last_press();
     co_return json::parse(presses ? proposal("click", 0.9, R"(, "x_ratio": 0.5, "y_ratio": 0.5)")
                                   : proposal("declare_success", 0.9));
   }
   const Bytes red;
   std::string pictures;
   int presses_left = 2;
+  std::function<asio::awaitable<void>()> before_last_press;
 };
 
 const std::string whole_window = " style='position:fixed;inset:0;width:100%;height:100%;border:0;outline:0;background:";
@@ -42,6 +45,13 @@ const Way ways[] = {
     {"a form", "<form action='TARGET'><button" + whole_window + "red'></button></form>"},
     {"a script", "<div onclick=\"location = 'TARGET'\"" + whole_window + "red'></div>"},
 };
+
+std::string refusal(const std::string& operation, const std::string& done) {
+  return "BrowserError: " + operation +
+         ": the page has changed to another document since the last screenshot; nothing was " + done;
+}
+
+enum class Answer { in_time, while_asked, never };
 
 // The button that confirms on the first page deletes on the second one.
 TEST(SlowNavigation, AMissionActsOnThePageThatItSaw) {
@@ -72,15 +82,22 @@ TEST(SlowNavigation, AMissionActsOnThePageThatItSaw) {
     co_await answers->wait();
     co_return Reply{html("<div onclick=\"document.title = 'deleted'\"" + whole_window + "blue'></div>")};
   };
-  for (const bool never : {false, true}) {
+  for (const Answer answer : {Answer::in_time, Answer::while_asked, Answer::never}) {
     for (way = ways; way != std::end(ways); ++way) {
       for (const char* const host : {"127.0.0.1", "localhost"}) {
         for (ChromiumPage* subject : {page.get(), attached.get()}) {
-          SCOPED_TRACE(testing::Message() << way->name << " to " << host << (never ? ", never answered" : ""));
+          SCOPED_TRACE(testing::Message() << way->name << " to " << host << ", " << static_cast<int>(answer));
           target = server.url(host) + "/next";
           answers = std::make_unique<runtime::OneShot>(loop().get_executor());
           run(page->navigate(server.url()));
           const auto model = std::make_shared<RedPresser>(run(subject->screenshot({})));
+          model->before_last_press = [&]() -> asio::awaitable<void> {
+            if (answer == Answer::never) co_return;
+            world.passes = {};
+            answers->set();
+            auto next_page = (subject == page.get() ? attached : page)->evaluate("document.title");
+            (void)co_await runtime::try_await(std::move(next_page));
+          };
           VisionClient client(model);
           ActLoopOptions mission({{"phase", 2}}, "site");
           mission.vision(client);
@@ -88,14 +105,22 @@ TEST(SlowNavigation, AMissionActsOnThePageThatItSaw) {
           world.passes = {};
           Running<std::string> verdict(verdict_of(*subject, std::move(mission)));
           while (!asked) take_turn();
-          world.passes = milliseconds(never ? 8000 : 2500);
+          world.passes = milliseconds(answer == Answer::in_time ? 2500 : 8000);
           // Long enough for a picture of the red page, if one were taken now.
           for (int i = 0; i < 3; ++i) run(other->screenshot({}));
-          if (!never) answers->set();
-          EXPECT_EQ(verdict.get(), "declare_success: because");
+          if (answer == Answer::in_time) answers->set();
+          EXPECT_EQ(verdict.get(), answer == Answer::while_asked
+                                       ? "escalate_to_cua: execute_action(click) failed at step 2: " +
+                                             refusal("mouse.click", "clicked")
+                                       : "declare_success: because");
+          if (answer == Answer::never) {
+            EXPECT_EQ(error_of(subject->screenshot(ScreenshotOptions().full_page(true))),
+                      "TimeoutError: Page.getLayoutMetrics: Timeout 2000ms exceeded");
+          }
           world.passes = {};
           answers->set();
-          EXPECT_EQ(model->pictures, never ? "red red red " : "red other ");
+          const char* const pictures[] = {"red other ", "red red ", "red red red "};
+          EXPECT_EQ(model->pictures, pictures[static_cast<int>(answer)]);
           for (std::size_t i = 0; i < model->bodies.size(); ++i) {
             EXPECT_THAT(model->user_text(i), testing::HasSubstr("320\u00d7200 CSS pixels (DPR 2.0)"));
           }
@@ -108,6 +133,41 @@ TEST(SlowNavigation, AMissionActsOnThePageThatItSaw) {
 }
 
 class Navigation : public PageTest {};
+
+TEST_F(Navigation, NoInputReachesADocumentThatCameAfterThePicture) {
+  auto other = run(browser_->attach(page_->target_id()));  // what it does, page_ did not ask for
+  const std::string next = page_url(
+      "<script>done = ''; for (const t of ['click', 'keydown']) addEventListener(t, () => done += t)</script>");
+  const auto leave = [&] {
+    run(other->navigate(next));
+    run(page_->evaluate("window.devicePixelRatio"));  // so that page_ has heard of it
+  };
+  const std::tuple<const char*, std::function<void()>, bool> rows[] = {
+      {"left", leave, true},
+      {"left, and refused before", [&] { leave(), error_of(page_->mouse().click(5, 5)); }, true},
+      {"left, seen", [&] { leave(), run(page_->screenshot({})); }, false},
+      {"left, evaluated", [&] { leave(), run(page_->evaluate("1")); }, false},
+      {"left by our navigate()", [&] { run(page_->navigate(next)); }, false},
+      {"left by our click", [&] { run(page_->mouse().click(5, 5)), leave(); }, false},
+      {"moved",
+       [&] { run(other->navigate(next)), run(page_->screenshot({})), run(other->evaluate("location = '#x'")); }, false},
+  };
+  const std::tuple<std::function<asio::awaitable<void>()>, const char*, const char*> inputs[] = {
+      {[&] { return page_->mouse().click(5, 5); }, "mouse.click", "clicked"},
+      {[&] { return page_->keyboard().type("a", {}); }, "keyboard.type", "typed"},
+      {[&] { return page_->keyboard().press("a"); }, "keyboard.press", "pressed"},
+  };
+  for (const auto& [name, happens, refused] : rows) {
+    for (const auto& [input, operation, done] : inputs) {
+      SCOPED_TRACE(testing::Message() << name << ", " << operation);
+      open("before");
+      run(page_->screenshot({}));
+      happens();
+      EXPECT_EQ(error_of(input()), refused ? refusal(operation, done) : "no error");
+      EXPECT_EQ(value_of(*page_, "done") == "\"\"", refused);
+    }
+  }
+}
 
 TEST_F(Navigation, AScreenshotSucceedsWhileDocumentsChange) {
   ScriptedServer server(loop(), {{html("<p>a page")}});
