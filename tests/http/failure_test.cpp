@@ -1,5 +1,7 @@
 #include <dlfcn.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "tests/http/http_world.hpp"
 
@@ -202,6 +204,29 @@ TEST(HttpFailure, ResponsesThatAreNoneOrBreakOffOrNeverEnd) {
   for (std::size_t size = 0; size < ok.size(); ++size) {
     EXPECT_THAT(ask_scripted({ok.substr(0, size), Then::close}), StartsWith(connection)) << size;
   }
+}
+
+// With none free no socket can be opened; with one it cannot be watched.
+TEST(HttpFailure, ACallForWhichDescriptorsAreMissingEnds) {
+  rlimit usual{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
+  asio::io_context io;
+  ScriptedServer server(io, {{response("200 OK", answer, "connection: close\r\n"), Then::leave}});
+  HttpMessagesClient client = client_for(server);
+  const std::pair<rlim_t, std::string> rows[] = {{0, "cannot reach "},
+                                                 {1, "its connection cannot be watched: Too many open files"}};
+  for (const auto& [free, expected] : rows) {
+    EXPECT_EQ(ask(io, client), answer);  // and opens what stays open
+    while (server.open() > 0) io.run_one();
+    const int lowest = ::dup(0);
+    ::close(lowest);
+    const rlimit scarce{static_cast<rlim_t>(lowest) + free, usual.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &scarce), 0);
+    const std::string ending = ask(io, client);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_THAT(ending, testing::AllOf(StartsWith("APIConnectionError: "), HasSubstr(expected)));
+  }
+  EXPECT_EQ(ask(io, client), answer);
 }
 
 TEST(HttpEndpoint, IsReachedUnderATrustedNameOrNamedInTheError) {
