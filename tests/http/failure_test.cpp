@@ -1,5 +1,7 @@
 #include <dlfcn.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include "tests/http/http_world.hpp"
 
@@ -123,11 +125,18 @@ TEST(HttpFailure, NothingOfAProxysCredentialsIsSaid) {
 TEST(HttpFailure, ARedirectIsNotFollowed) {
   asio::io_context io;
   ScriptedServer other(io, {{ok}});
-  const std::string location = "location: " + other.url() + "/" + api_key + "\r\n";
+  const std::pair<std::string, std::string> locations[] = {
+      {other.url() + "/" + api_key, other.url() + "/[API key]"},
+      {other.url() + "/x?canary#canary", other.url() + "/x"},
+      {other.url("me:canary@127.0.0.1"), "a URL with credentials"},
+      {"//canary@127.0.0.1", "a URL with credentials"},
+  };
   for (const char* status : {"301 X", "302 X", "307 X", "308 X"}) {
-    EXPECT_THAT(ask_scripted({response(status, "", location)}),
-                testing::AllOf(StartsWith("APIStatusError: "),
-                               HasSubstr("redirects to " + other.url() + "/[API key], which is not followed")));
+    for (const auto& [location, shown] : locations) {
+      EXPECT_THAT(ask_scripted({response(status, "", "location: " + location + "\r\n")}),
+                  testing::AllOf(StartsWith("APIStatusError: "), testing::Not(HasSubstr("canary")),
+                                 HasSubstr("redirects to " + shown + ", which is not followed")));
+    }
   }
   io.poll();
   EXPECT_EQ(other.connections, 0);
@@ -193,6 +202,7 @@ TEST(HttpFailure, ResponsesThatAreNoneOrBreakOffOrNeverEnd) {
        validation + "the encoding of the response from"},
       {{chunked + "c\r\n{\"a\":\"\\ud83d\r\n2\r\n\"}\r\n0\r\ncontent-encoding: gzip\r\nHTTP/1.1: 500\r\n\r\n"},
        "{\"a\":\"\xef\xbf\xbd\"}"},
+      {{chunked + "7\r\n{\"a\":1}\r\n0\r\nHTTP/1.1 500 X\r\n\r\n"}, R"({"a":1})"},
   };
   for (const auto& [reply, expected] : rows) {
     EXPECT_THAT(ask_scripted(reply, HttpOptions().max_response_bytes(1000)), HasSubstr(expected));
@@ -202,6 +212,29 @@ TEST(HttpFailure, ResponsesThatAreNoneOrBreakOffOrNeverEnd) {
   for (std::size_t size = 0; size < ok.size(); ++size) {
     EXPECT_THAT(ask_scripted({ok.substr(0, size), Then::close}), StartsWith(connection)) << size;
   }
+}
+
+// With none free no socket can be opened; with one it cannot be watched.
+TEST(HttpFailure, ACallForWhichDescriptorsAreMissingEnds) {
+  rlimit usual{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
+  asio::io_context io;
+  ScriptedServer server(io, {{response("200 OK", answer, "connection: close\r\n"), Then::leave}});
+  HttpMessagesClient client = client_for(server);
+  const std::pair<rlim_t, std::string> rows[] = {{0, "cannot reach "},
+                                                 {1, "its connection cannot be watched: Too many open files"}};
+  for (const auto& [free, expected] : rows) {
+    EXPECT_EQ(ask(io, client), answer);  // and opens what stays open
+    while (server.open() > 0) io.run_one();
+    const int lowest = ::dup(0);
+    ::close(lowest);
+    const rlimit scarce{static_cast<rlim_t>(lowest) + free, usual.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &scarce), 0);
+    const std::string ending = ask(io, client);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+    EXPECT_THAT(ending, testing::AllOf(StartsWith("APIConnectionError: "), HasSubstr(expected)));
+  }
+  EXPECT_EQ(ask(io, client), answer);
 }
 
 TEST(HttpEndpoint, IsReachedUnderATrustedNameOrNamedInTheError) {

@@ -19,8 +19,10 @@ struct Endpoint;
 /// context whose coroutine calls `create` and are closed when it is destroyed, requests
 /// in flight included. A child that fork() made has connections of its own, and its copies
 /// of requests in flight end with an APIConnectionError, once its context was told
-/// (notify_fork). When the process exits, requests still in flight end only by cancellation
-/// and new ones fail. The pool grows to the peak number of concurrent requests; once
+/// (notify_fork). From the exit handler on that the first client registers, neither libcurl
+/// nor OpenSSL is called: requests still in flight end by cancellation or with their
+/// context, which may be destroyed later than OpenSSL cleans up, and new ones fail with an
+/// APIConnectionError. The pool grows to the peak number of concurrent requests; once
 /// idle, if that peak exceeded 32, all connections are closed. A client may be used
 /// from several contexts, and from a context that several threads run. Proxies are
 /// taken from the environment (https_proxy, http_proxy, all_proxy, no_proxy). TLS

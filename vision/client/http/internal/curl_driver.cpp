@@ -176,6 +176,7 @@ CurlDriver::Completions CurlDriver::perform(curl_socket_t fd, int events) {
     const auto found = running_.find(exchange_of(message->easy_handle));
     if (found != running_.end() && !send_again(found->second, code)) finish(found->first, code, completions);
   }
+  for (const Exchange* const key : std::exchange(given_up_, {})) finish(key, CURLE_ABORTED_BY_CALLBACK, completions);
   if (failure != CURLM_OK) {  // the multi handle no longer serves what runs on it
     while (!running_.empty()) finish(running_.begin()->first, CURLE_RECV_ERROR, completions);
   }

@@ -87,6 +87,8 @@ class CurlDriver {
 
   void watch(CURL* easy, curl_socket_t fd, int what);
   void unwatch(curl_socket_t fd) noexcept;
+  static boost::system::error_code open_duplicate(curl_socket_t fd, boost::asio::posix::stream_descriptor& descriptor);
+  void give_up(const Exchange* key, boost::system::error_code why);
   void arm(curl_socket_t fd, Watch& watch);
   void wait_for(curl_socket_t fd, Watch& watch, int event);
   Watch* find(curl_socket_t fd, std::uint64_t generation) noexcept;
@@ -121,6 +123,7 @@ class CurlDriver {
   std::set<curl_socket_t> kept_;        // of connections that have carried a request and are not closed
   std::map<curl_socket_t, Watch> watches_;
   std::map<const Exchange*, Running> running_;
+  std::vector<const Exchange*> given_up_;  // running, and to be ended: their sockets cannot be watched
   std::vector<CURL*> spare_handles_;
 };
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <boost/asio/post.hpp>
+#include <cerrno>
 
 #include "vision/client/http/internal/curl_driver.hpp"
 #include "vision/client/http/internal/sockets.hpp"
@@ -75,13 +76,33 @@ void CurlDriver::watch(CURL* easy, curl_socket_t fd, int what) {
     watch.exchange = exchange_of(easy);
     watch.received_before = received_bytes(fd);
     keep_pair_from_programs(fd);
-    // Asio gets a duplicate, because its descriptor must stay open until it lets go:
-    // libcurl 7.88 closes a socket that has not connected yet before it says so, and by
-    // then another thread may have opened another file under the number.
-    error_code refused;  // waiting fails then, and socket_ready() tells libcurl
-    watch.descriptor.assign(::fcntl(fd, F_DUPFD_CLOEXEC, 0), refused);
+    if (const error_code refused = open_duplicate(fd, watch.descriptor)) {
+      watches_.erase(place);
+      give_up(exchange_of(easy), refused);
+      return;
+    }
   }
   arm(fd, watch);
+}
+
+// Asio gets a duplicate, because its descriptor must stay open until it lets go: libcurl
+// 7.88 closes a socket that has not connected yet before it says so, and by then another
+// thread may have opened another file under the number.
+error_code CurlDriver::open_duplicate(curl_socket_t fd, asio::posix::stream_descriptor& descriptor) {
+  const int duplicate = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  if (duplicate < 0) return {errno, boost::system::system_category()};
+  error_code refused;
+  descriptor.assign(duplicate, refused);
+  if (refused) ::close(duplicate);
+  return refused;
+}
+
+// `perform` ends the exchange: here libcurl is in one of its functions.
+void CurlDriver::give_up(const Exchange* key, error_code why) {
+  const auto running = running_.find(key);
+  if (running == running_.end()) return;
+  running->second.exchange->fail(("its connection cannot be watched: " + why.message()).c_str());
+  given_up_.push_back(key);
 }
 
 void CurlDriver::unwatch(curl_socket_t fd) noexcept {
