@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <initializer_list>
 #include <memory>
+#include <span>
 #include <string_view>
 
 namespace vision::detail::http {
@@ -14,8 +14,9 @@ namespace {
 
 // As libcurl looks for it; http_proxy counts in lower case only.
 const char* proxy_variable(bool is_tls) {
-  const auto names = is_tls ? std::initializer_list<const char*>{"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}
-                            : std::initializer_list<const char*>{"http_proxy", "all_proxy", "ALL_PROXY"};
+  static constexpr std::array<const char*, 4> for_tls = {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"};
+  static constexpr std::array<const char*, 3> for_plain = {"http_proxy", "all_proxy", "ALL_PROXY"};
+  const auto names = is_tls ? std::span<const char* const>(for_tls) : std::span<const char* const>(for_plain);
   for (const char* const name : names) {
     if (const char* const value = std::getenv(name); value && *value) return name;
   }
