@@ -97,6 +97,8 @@ TEST(SlowNavigation, AMissionActsOnThePageThatItSaw) {
             answers->set();
             auto next_page = (subject == page.get() ? attached : page)->evaluate("document.title");
             (void)co_await runtime::try_await(std::move(next_page));
+            co_await subject->mouse().wheel(0, 0);  // so that it has heard of the next page
+            world.passes = milliseconds(2500);
           };
           VisionClient client(model);
           ActLoopOptions mission({{"phase", 2}}, "site");
