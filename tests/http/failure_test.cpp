@@ -221,7 +221,7 @@ TEST(HttpFailure, ACallForWhichDescriptorsAreMissingEnds) {
   asio::io_context io;
   ScriptedServer server(io, {{response("200 OK", answer, "connection: close\r\n"), Then::leave}});
   HttpMessagesClient client = client_for(server);
-  const std::pair<rlim_t, std::string> rows[] = {{0, "cannot reach "},
+  const std::pair<rlim_t, std::string> rows[] = {{0, "Couldn't connect to server (Too many open files)"},
                                                  {1, "its connection cannot be watched: Too many open files"}};
   for (const auto& [free, expected] : rows) {
     EXPECT_EQ(ask(io, client), answer);  // and opens what stays open
