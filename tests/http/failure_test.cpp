@@ -1,4 +1,5 @@
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -214,23 +215,31 @@ TEST(HttpFailure, ResponsesThatAreNoneOrBreakOffOrNeverEnd) {
   }
 }
 
-// With none free no socket can be opened; with one it cannot be watched.
+// With none free no socket can be opened; with one it cannot be watched, and with two the
+// pair through which a resolver's thread tells of its end cannot.
 TEST(HttpFailure, ACallForWhichDescriptorsAreMissingEnds) {
   rlimit usual{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
   asio::io_context io;
   ScriptedServer server(io, {{response("200 OK", answer, "connection: close\r\n"), Then::leave}});
   HttpMessagesClient client = client_for(server);
-  const std::pair<rlim_t, std::string> rows[] = {{0, "cannot reach "},
-                                                 {1, "its connection cannot be watched: Too many open files"}};
-  for (const auto& [free, expected] : rows) {
+  const std::string unwatched = "its connection cannot be watched: Too many open files";
+  const std::tuple<std::string, rlim_t, std::string> rows[] = {
+      {server.url(), 0, "Couldn't connect to server (Too many open files)"},
+      {server.url(), 1, unwatched},
+      {"http://missing.test", 2, unwatched},
+  };
+  for (const auto& [url, free, expected] : rows) {
+    HttpMessagesClient starved(api_key, HttpOptions().base_url(url).allow_plain_http(true));
     EXPECT_EQ(ask(io, client), answer);  // and opens what stays open
     while (server.open() > 0) io.run_one();
     const int lowest = ::dup(0);
     ::close(lowest);
-    const rlimit scarce{static_cast<rlim_t>(lowest) + free, usual.rlim_max};
+    int limit = lowest;
+    for (rlim_t found = 0; found < free; ++limit) found += ::fcntl(limit, F_GETFD) < 0;
+    const rlimit scarce{static_cast<rlim_t>(limit), usual.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &scarce), 0);
-    const std::string ending = ask(io, client);
+    const std::string ending = ask(io, starved);
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
     EXPECT_THAT(ending, testing::AllOf(StartsWith("APIConnectionError: "), HasSubstr(expected)));
   }

@@ -74,6 +74,7 @@ CURLcode CurlDriver::begin(CURL* easy, Exchange& exchange) noexcept {
   CURLcode code = easy ? exchange.configure(easy) : CURLE_OUT_OF_MEMORY;
   if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_PRIVATE, &exchange);
   if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, &CurlDriver::open_socket);
+  if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, &exchange);
   if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, &CurlDriver::close_socket);
   if (code == CURLE_OK) code = ::curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
   if (code == CURLE_OK && !open_pool()) code = CURLE_OUT_OF_MEMORY;

@@ -80,7 +80,7 @@ class CurlDriver {
   using Completions = std::vector<Completion>;
 
   // libcurl's callbacks. It calls them within its functions, so the mutex is held.
-  static curl_socket_t open_socket(void*, curlsocktype, curl_sockaddr* address) noexcept;
+  static curl_socket_t open_socket(void* exchange, curlsocktype, curl_sockaddr* address) noexcept;
   static int close_socket(void* self, curl_socket_t fd) noexcept;
   static int on_socket(CURL* easy, curl_socket_t fd, int what, void* self, void* watch) noexcept;
   static int on_timer(CURLM* multi, long timeout_ms, void* self) noexcept;

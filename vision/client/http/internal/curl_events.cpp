@@ -13,9 +13,12 @@ namespace vision::detail::http {
 namespace asio = boost::asio;
 using boost::system::error_code;
 
-curl_socket_t CurlDriver::open_socket(void*, curlsocktype, curl_sockaddr* address) noexcept {
+curl_socket_t CurlDriver::open_socket(void* exchange, curlsocktype, curl_sockaddr* address) noexcept {
   // Without the flag a browser that the host starts would inherit the connection.
-  return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  const int fd = ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  // Not of a machine without IPv6, whose other address is tried next.
+  if (fd < 0 && errno != EAFNOSUPPORT) static_cast<Exchange*>(exchange)->socket_refused(errno);
+  return fd;
 }
 
 int CurlDriver::close_socket(void* self, curl_socket_t fd) noexcept {

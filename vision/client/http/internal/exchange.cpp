@@ -123,7 +123,8 @@ void Exchange::finish(CURL* easy, CURLcode code) noexcept {
   long status = 0;
   if (easy && header_bytes_ > 0) ::curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
   response_.status = static_cast<int>(status);
-  if (easy && code == CURLE_COULDNT_CONNECT) ::curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &system_error_);
+  if (easy && code == CURLE_COULDNT_CONNECT && system_error_ == 0)
+    ::curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &system_error_);
   if (easy) ::curl_easy_getinfo(easy, CURLINFO_SSL_VERIFYRESULT, &verify_result_);
   // libcurl has a limit of its own for one header line, larger than ours, and reports
   // it as a lack of memory.
@@ -206,7 +207,8 @@ void Exchange::throw_no_response() const {
   if (const auto fault = endpoint_->direct ? std::string() : proxy_fault(endpoint_->is_tls); !fault.empty()) {
     detail = ::curl_easy_strerror(code_) + ("; " + fault);
   }
-  if (system_error_ != 0) detail += " (" + std::system_category().message(static_cast<int>(system_error_)) + ")";
+  if (code_ == CURLE_COULDNT_CONNECT && system_error_ != 0)
+    detail += " (" + std::system_category().message(static_cast<int>(system_error_)) + ")";
   const Reason why = reason();
   if (why == Reason::old_protocol) detail += ", TLS 1.2 is the oldest version accepted";
   const char* const doing = code_ == CURLE_PARTIAL_FILE ? "the response was cut short by " : activity(why);

@@ -34,6 +34,9 @@ class Exchange {
   /// Records that the transfer was given up, with the reason.
   void fail(const char* why) noexcept;
 
+  /// Records why no socket could be opened, as errno, which libcurl does not tell.
+  void socket_refused(int error) noexcept { system_error_ = error; }
+
   /// To be called when libcurl lets go of the connection: how many bytes of what it has
   /// taken over the kernel has not sent yet.
   void connection_left(CURL* easy, std::uint64_t unsent) noexcept;
@@ -73,7 +76,7 @@ class Exchange {
   bool is_sent_ = true;  // all of the request has left this machine, for all that is known
   bool needs_new_connection_ = false;
   CURLcode code_ = CURLE_OK;
-  long system_error_ = 0;   // errno of a failed connect
+  long system_error_ = 0;   // errno of a failed connect or socket
   long verify_result_ = 0;  // why the certificate was refused, in OpenSSL's terms
   std::array<char, CURL_ERROR_SIZE> error_text_{};
 };
