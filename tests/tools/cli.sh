@@ -49,7 +49,7 @@ check 0 "0." --version
 
 # A port that nothing listens at, and no key.
 export ANTHROPIC_API_KEY=
-check 1 "failure  key       none: ANTHROPIC_API_KEY is not set" check --no-browser --base-url http://127.0.0.1:1
+check 1 "failure  key       no key: ANTHROPIC_API_KEY is not set" check --no-browser --base-url http://127.0.0.1:1
 check 1 "a picture of 2560 x 1600" check --no-browser --ratio 2 --light m --heavy m --base-url http://127.0.0.1:1
 check 2 "--viewport takes" check --viewport 1280
 "$vision" check --no-browser --base-url http://127.0.0.1:1 --json >check.json 2>output

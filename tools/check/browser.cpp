@@ -52,7 +52,7 @@ void judge_fonts(Checklist& list, const json::value& missing) {
                "fonts-noto-color-emoji");
 }
 
-asio::awaitable<vision::Bytes> look(Checklist& list, std::string executable, View view) {
+asio::awaitable<vision::Bytes> look(Checklist& list, std::string executable, View view, std::string& subject) {
   const auto start = Clock::now();
   const auto since = [](Clock::time_point earlier) {
     return std::chrono::duration<double, std::milli>(Clock::now() - earlier).count();
@@ -64,6 +64,7 @@ asio::awaitable<vision::Bytes> look(Checklist& list, std::string executable, Vie
   vision::chromium::PageOptions page_options;
   page_options.viewport(view.width, view.height).device_pixel_ratio(view.ratio);
   const auto page = co_await browser->new_page(page_options);
+  subject = "picture";
   const auto shot_start = Clock::now();
   vision::ScreenshotOptions screenshot_options;
   vision::Bytes picture = co_await page->screenshot(screenshot_options);
@@ -80,8 +81,9 @@ asio::awaitable<vision::Bytes> look(Checklist& list, std::string executable, Vie
 vision::Bytes check_browser(Checklist& list, const std::string& executable, const View& view) {
   asio::io_context io;
   vision::Bytes picture;
+  std::string subject = "browser";
   std::exception_ptr failure;
-  asio::co_spawn(io, look(list, executable, view), [&](std::exception_ptr error, vision::Bytes result) {
+  asio::co_spawn(io, look(list, executable, view, subject), [&](std::exception_ptr error, vision::Bytes result) {
     failure = error;
     picture = std::move(result);
   });
@@ -89,9 +91,10 @@ vision::Bytes check_browser(Checklist& list, const std::string& executable, cons
   try {
     if (failure) std::rethrow_exception(failure);
   } catch (const std::exception& error) {
-    list.failure("browser", error.what(),
-                 "install chromium, or name it with --browser (LaunchOptions::executable); pages of your own "
-                 "(Playwright, an open port) need none: --no-browser");
+    list.failure(subject, error.what(),
+                 subject == "picture" ? "try a smaller --viewport or --ratio"
+                                      : "install chromium, or name it with --browser (LaunchOptions::executable); if "
+                                        "the pipeline brings its own pages, use --no-browser");
   }
   return picture;
 }

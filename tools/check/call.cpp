@@ -31,7 +31,7 @@ void call_models(Checklist& list, const std::vector<std::string>& models, const 
       const std::string text = fmt::format("{}: {} after {:.0f} ms, {} tokens in, {} out: {}", model, r.action,
                                            r.latency_ms, r.input_tokens, r.output_tokens, r.reason);
       if (r.cause == vision::Cause::model_answer) return list.ok("call", text);
-      list.failure("call", text, "have the registry name a model that answers through the tool");
+      list.failure("call", text, "see the message");
     });
     io.restart();
     io.run();

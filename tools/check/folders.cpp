@@ -52,14 +52,13 @@ void check_folder(Checklist& list, const std::string& subject, const std::string
   const std::string where = fs::absolute(path).lexically_normal().string();
   if (const std::string why = why_not_writable(folder); !why.empty()) {
     return list.failure(subject, where + " cannot be written: " + why,
-                        "free space or correct the permissions; until then the records are lost");
+                        "see the message; until it is mended, what belongs there is lost");
   }
   constexpr std::uintmax_t megabyte = 1'000'000, little = 500 * megabyte;
   std::error_code error;
   const std::uintmax_t free = fs::space(existing(folder), error).available;
   if (!error && free < little) {
-    return list.warning(subject, fmt::format("{}, {} MB free", where, free / megabyte),
-                        "make room: a screenshot takes about 0.1 to 1 MB");
+    return list.warning(subject, fmt::format("{}, {} MB free", where, free / megabyte), "make room");
   }
   list.ok(subject, where);
 }

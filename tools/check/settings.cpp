@@ -26,7 +26,7 @@ void check_tier(Checklist& list) {
     list.warning("tier", "off: KX_VISION_TIER is not set",
                  "set KX_VISION_TIER to shadow, tier2 or tier3 where the pipeline runs");
   } else if (tier == "off" && given != "off") {
-    list.failure("tier", "off: KX_VISION_TIER is \"" + value + "\", which counts as off",
+    list.failure("tier", "off: KX_VISION_TIER is \"" + value + "\", which is not a tier",
                  "use one of off, shadow, tier2, act, tier3");
   } else {
     list.ok("tier", tier + " (KX_VISION_TIER)");
@@ -35,15 +35,15 @@ void check_tier(Checklist& list) {
 
 void check_timeout(Checklist& list) {
   const std::string value = environment("KX_VISION_TIMEOUT_S");
-  if (value.empty()) return list.ok("timeout", fmt::format("{:g} s a call", vision::DEFAULT_TIMEOUT_S));
+  if (value.empty()) return list.ok("timeout", fmt::format("{:g} s per call", vision::DEFAULT_TIMEOUT_S));
   const double seconds = vision::text::parse_real(value.c_str()).value_or(NAN);
   if (std::isfinite(seconds) && seconds > 0) {
-    list.ok("timeout", fmt::format("{:g} s a call (KX_VISION_TIMEOUT_S)", seconds));
+    list.ok("timeout", fmt::format("{:g} s per call (KX_VISION_TIMEOUT_S)", seconds));
   } else {
-    list.failure(
-        "timeout",
-        fmt::format("{:g} s a call: KX_VISION_TIMEOUT_S is \"{}\", which is ignored", vision::DEFAULT_TIMEOUT_S, value),
-        "set it to seconds above 0, such as 20 or 7.5, or remove it");
+    list.failure("timeout",
+                 fmt::format("{:g} s per call: KX_VISION_TIMEOUT_S is \"{}\", which is ignored",
+                             vision::DEFAULT_TIMEOUT_S, value),
+                 "set it to seconds above 0, such as 20 or 7.5, or remove it");
   }
 }
 
@@ -57,12 +57,17 @@ void check_switches(Checklist& list) {
 std::string check_key(Checklist& list) {
   try {
     std::string key = vision::detail::resolve_api_key("");
-    list.ok("key", fmt::format("ANTHROPIC_API_KEY, {} characters", key.size()));
+    const std::string found = fmt::format("found in ANTHROPIC_API_KEY, {} characters", key.size());
+    if (key.front() == '"' || key.front() == '\'') {
+      list.warning("key", found + ", the first a quotation mark", "set it without the quotation marks");
+    } else {
+      list.ok("key", found);
+    }
     return key;
   } catch (const std::invalid_argument& error) {
     list.failure("key", error.what(), "copy the key again, without quotes or line ends");
   } catch (const std::runtime_error&) {
-    list.failure("key", "none: ANTHROPIC_API_KEY is not set",
+    list.failure("key", "no key: ANTHROPIC_API_KEY is not set",
                  "set it, or have the pipeline pass api_key or a registry with resolve_api_key");
   }
   return "";

@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "vision/client/http/internal/endpoint.hpp"
+#include "vision/client/http/internal/proxy.hpp"
 #include "vision/text/internal/utf8.hpp"
 
 namespace check {
@@ -59,7 +60,7 @@ CURLcode Transfer::connect() {
 }
 
 CURLcode Transfer::post(const std::string& url, const std::string& body) {
-  constexpr long limit_ms = 60'000;
+  constexpr long limit_ms = 30'000;
   ::curl_easy_setopt(easy_, CURLOPT_URL, url.c_str());
   ::curl_easy_setopt(easy_, CURLOPT_TIMEOUT_MS, limit_ms);
   ::curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, endpoint_.headers.get());
@@ -74,7 +75,10 @@ std::string Transfer::address() const {
   return text ? text : "";
 }
 
+// Of a proxy's URL that it cannot parse, libcurl quotes the password too.
 std::string Transfer::error(CURLcode code) const {
+  const std::string fault = proxy_variable_.empty() ? "" : vision::detail::http::proxy_fault(endpoint_.is_tls);
+  if (!fault.empty()) return fault;
   std::string out = vision::text::one_line(error_text_[0] ? error_text_ : ::curl_easy_strerror(code));
   const long system_error = code == CURLE_COULDNT_CONNECT ? number(CURLINFO_OS_ERRNO) : 0;
   if (system_error != 0) out += " (" + std::system_category().message(static_cast<int>(system_error)) + ")";
