@@ -217,7 +217,7 @@ export interface VisionClientOptions {
    */
   cassette?: string;
   /** "once" by default. */
-  cassetteMode?: 'none' | 'once' | 'new_episodes' | 'all';
+  cassetteMode?: 'none' | 'once' | 'newEpisodes' | 'all';
   /** False by default: a request is answered by an equal one only. */
   cassetteByOrder?: boolean;
   /** Sees each answer before the call goes on, which waits for it. Its error is logged. */

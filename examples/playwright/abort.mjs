@@ -5,11 +5,13 @@ import { board, flowContext, play } from './stage.mjs';
 
 await play(async (page) => {
   await page.setContent(board);
+  // [mission]
   const stop = new AbortController();
   const mission = actLoop(page, {
     flowContext, hotspotId: 'share', signal: stop.signal,
     missionPrompt: '1. Click "Share".\n2. Wait until "Everybody has joined" is visible.',
   });
+  // [mission]
   const shared = page.locator('#state', { hasText: 'Shared' }).waitFor();
   shared.then(() => stop.abort(new Error('the run was called off')), () => {});
   try {

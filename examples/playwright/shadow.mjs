@@ -17,7 +17,9 @@ async function agent(page) {
 process.env.KX_VISION_SHADOW_LOG ??= 'vision_shadow.jsonl';
 await play(async (page) => {
   await page.setContent(board);
+  // [shadow]
   const value = await shadowObserveThenCua(page, () => agent(page), { flowContext, hotspotId: 'share', runId: 'run-1' });
+  // [shadow]
   console.log(`agent: ${value.text}`);
   const lines = (await readFile(process.env.KX_VISION_SHADOW_LOG, 'utf8')).trim().split('\n');
   const { vision } = JSON.parse(lines.at(-1));

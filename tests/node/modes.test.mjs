@@ -221,6 +221,8 @@ test('a cassette answers without the model', async () => {
   const recording = new vision.VisionClient({ create: async () => response(success), cassette });
   const options = { imgMeta, flowContext };
   await recording.ask(png, options);
+  assert.throws(() => new vision.VisionClient({ cassette, cassetteMode: 'some' }), /once, newEpisodes or all, not "some"/);
+  new vision.VisionClient({ cassette: `${cassette}-new`, cassetteMode: 'newEpisodes', create: async () => response(success) });
   const replay = new vision.VisionClient({ cassette, cassetteMode: 'none' });
   assert.equal((await replay.ask(png, options)).action, 'declare_success');
   assert.match((await replay.ask(png, options)).reason, /CassetteMiss: .* recorded 1 times and is asked once more/);

@@ -19,7 +19,7 @@ function toJson(owner, options) {
     if (name.includes('_')) throw problem(`unknown option "${name}"`);
     if (typeof value === 'number' && !Number.isFinite(value)) throw problem(`${name} must be finite, not ${value}`);
     if (['function', 'symbol', 'bigint'].includes(typeof value)) throw problem(`${name} cannot be a ${typeof value}`);
-    members[toSnake(name)] = value;
+    members[toSnake(name)] = name === 'cassetteMode' ? toSnake(String(value)) : value; // 'newEpisodes'
   }
   return JSON.stringify(members);
 }
