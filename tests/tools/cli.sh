@@ -52,6 +52,9 @@ export ANTHROPIC_API_KEY=
 check 1 "failure  key       no key: ANTHROPIC_API_KEY is not set" check --no-browser --base-url http://127.0.0.1:1
 check 1 "a picture of 2560 x 1600" check --no-browser --ratio 2 --light m --heavy m --base-url http://127.0.0.1:1
 check 2 "--viewport takes" check --viewport 1280
+check 1 "leave out the /v1" check --no-browser --base-url http://127.0.0.1:1/v1/
+"$vision" check --no-browser --base-url http://127.0.0.1:1 >/dev/full 2>output
+[ $? -eq 2 ] || fail "a full disk goes unnoticed"
 "$vision" check --no-browser --base-url http://127.0.0.1:1 --json >check.json 2>output
 [ "$(jq '.ok, (.checks | map(select(.subject == "tcp" and .level == "failure")) | length)' check.json | xargs)" = "false 1" ] ||
   fail "the findings as JSON"

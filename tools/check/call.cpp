@@ -30,7 +30,8 @@ void call_models(Checklist& list, const std::vector<std::string>& models, const 
       if (error) std::rethrow_exception(error);
       const std::string text = fmt::format("{}: {} after {:.0f} ms, {} tokens in, {} out: {}", model, r.action,
                                            r.latency_ms, r.input_tokens, r.output_tokens, r.reason);
-      if (r.cause == vision::Cause::model_answer) return list.ok("call", text);
+      const bool is_empty = r.action == vision::ActionVerb::declare_failure && r.reason.empty();
+      if (r.cause == vision::Cause::model_answer && !is_empty) return list.ok("call", text);
       list.failure("call", text, "see the message");
     });
     io.restart();

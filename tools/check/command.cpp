@@ -116,6 +116,9 @@ int run(const Arguments& a) {
     call_models(list, models, key, http_options(a), picture);
   }
   if (a.json) fmt::print("{}", list.json());
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+    throw std::runtime_error("cannot write to standard output");
+  }
   return list.has_failures() ? 1 : 0;
 }
 

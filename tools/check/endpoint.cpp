@@ -117,7 +117,11 @@ void refused(Checklist& list, const Endpoint& endpoint, const Transfer& transfer
 std::unique_ptr<Endpoint> make_endpoint(Checklist& list, const std::string& key, const vision::HttpOptions& options) {
   try {
     auto endpoint = std::make_unique<Endpoint>(key, options);
-    list.ok("endpoint", endpoint->url);
+    if (endpoint->url.ends_with("/v1/v1/messages")) {
+      list.warning("endpoint", endpoint->url, "leave out the /v1 at the end of the base URL");
+    } else {
+      list.ok("endpoint", endpoint->url);
+    }
     return endpoint;
   } catch (const std::invalid_argument& error) {
     list.failure("endpoint", error.what(), "correct --base-url or ANTHROPIC_BASE_URL");
