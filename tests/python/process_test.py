@@ -137,7 +137,7 @@ class Processes(unittest.TestCase):
         library = pathlib.Path(os.environ["VELMORA_VISION_LIBRARY"]).read_bytes()
         for name, other, problem in (
             (b"\0libcurl.so.4\0", b"\0libcurl.so.9\0", r"needs the system library libcurl.so.9, .*apt install libcurl4"),
-            (b"\x000.1.0\0", b"\x000.1.9\0", r"velmora_vision 0.1.0 needs the library of its version, but .* is 0.1.9"),
+            (b"0.1.0\0", b"0.1.9\0", r"velmora_vision 0.1.0 needs the library of its version, but .* is 0.1.9"),
             (b"\0vision_start\0", b"\0vision_stark\0", r"undefined symbol: vision_start"),
             (library[:4], b"text", r"cannot load its library .*invalid ELF header"),
         ):
