@@ -237,6 +237,7 @@ def screenshot(setup):
         for scale, fast in itertools.product((1, 2), (0, 1)):
             before_s, rounds = session_s(browser.pid), setup.few(40) + 1
             result = setup.run("screenshot", rounds, "--profile", profile, "--draw", DRAW, "--ratio", scale, "--fast", fast)
+            cpu_ms = (session_s(browser.pid) - before_s) * 1e3 / (2 * rounds + 2)  # two sides, and a round to warm up
             ours, raw = result["ours_s"], result["raw_s"]
             ratio, memory = ratios(ours, raw), result["peak_bytes"] / result["image_bytes"]
             megabits = result["image_bytes"] * 4 / 3 * 8 / 1e6
