@@ -113,7 +113,7 @@ asio::awaitable<Bytes> ChromiumPage::capture(ScreenshotOptions options, Attempt 
   co_await session_->command("Page.bringToFront");
   if (!dialog_is_open_) co_await probe_->wait_for_picture();
   take_size();
-  json::object params = make_object("format", "png", "optimizeForSpeed", optimize_for_speed_);
+  json::object params = make_object("format", "png", "optimizeForSpeed", optimize_for_speed_ && !is_too_large_fast_);
   if (options.full_page()) {
     params["clip"] = co_await full_page_clip();
     params["captureBeyondViewport"] = true;
@@ -122,10 +122,12 @@ asio::awaitable<Bytes> ChromiumPage::capture(ScreenshotOptions options, Attempt 
   const auto spoils = attempt == Attempt::first ? commits_document : nullptr;
   Bytes picture = co_await session_->command_for_picture("Page.captureScreenshot", params, spoils);
   constexpr std::size_t max_size = 5'000'000 / 4 * 3;  // some endpoints take no more than 5 MB of base64
-  if (optimize_for_speed_ && picture.size() > max_size) {
+  if (picture.size() > max_size && params.at("optimizeForSpeed").as_bool()) {
     params["optimizeForSpeed"] = false;
     picture = co_await session_->command_for_picture("Page.captureScreenshot", params, spoils);
   }
+  // Encoded fast, it has up to two thirds more bytes: then the next one is taken small at once.
+  if (!params.at("optimizeForSpeed").as_bool()) is_too_large_fast_ = picture.size() / 3 * 5 > max_size;
   guard_->picture_taken(document);
   co_return picture;
 }

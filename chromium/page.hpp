@@ -58,8 +58,8 @@ class ChromiumPage : public BrowserPage {
   /// Whether the browser encodes later screenshots fast rather than small: the same
   /// picture in a third of the time, but up to two thirds more bytes, all of which are
   /// sent to the model's service. A picture that would then have more than 5 MB of base64
-  /// text is taken again, small. docs/screenshots.md says when small is better. Default
-  /// true.
+  /// text is taken again, small, and so are the next ones at once while they are as large. docs/screenshots.md says
+  /// when small is better. Default true.
   void optimize_for_speed(bool value) noexcept { optimize_for_speed_ = value; }
 
   /// Runs a script as eval does in the page, so that `let`, `const` and `class` end with
@@ -137,6 +137,7 @@ class ChromiumPage : public BrowserPage {
   std::list<LoadWaiter*> loads_;  // of the navigate() calls in progress
   bool dialog_is_open_ = false;   // on a page of someone else
   bool optimize_for_speed_ = true;
+  bool is_too_large_fast_ = false;  // the last picture, were it encoded fast
 };
 
 }  // namespace vision::chromium
